@@ -1,0 +1,70 @@
+#pragma once
+
+#include <KEL/Atom.h>
+#include <KEL/KEL2Header.h>
+#include <KEL/KelErrorCode.h>
+#include <KelCommon/Export.h>
+#include <KelCommon/String.h>
+
+#include <cstdint>
+#include <memory>
+
+namespace KEL {
+
+// Writes atoms to a file.
+class KEL_API SerializeToFile {
+public:
+    virtual ~SerializeToFile() = default;
+
+    // Writes one atom as one complete record before returning. Returns 0, or
+    // a KelErrorCodes value (KEL_ERR_DISK_FULL, KEL_ERR_FILE_TOO_LARGE,
+    // KEL_ERR_IO, KEL_ERR_NOT_OPEN, KEL_ERR_INVALID for an atom that cannot
+    // be stored). After a failure the file holds every atom written before.
+    virtual KelErrorCode SerializeAtom(const std::shared_ptr<Atom>& atom) = 0;
+    // The path of the file on disk.
+    virtual const KelCommon::String& GetFilePath() const noexcept = 0;
+    // Finishes the file (index, companion files) and closes it. Idempotent;
+    // the destructor calls it.
+    virtual KelErrorCode Close() = 0;
+};
+
+// The container serializer.
+//
+// `path` is the file to write. When it ends in "+xml", the suffix is removed
+// from the file name and an XML companion describing the file is written at
+// close next to it, named after the container with ".xml" appended
+// ("rec.kel" gets "rec.kel.xml").
+//
+// `overwrite`: true replaces an existing file at that path; false refuses to
+// touch it (the serializer is then not open and every SerializeAtom returns
+// KEL_ERR_ALREADY_EXISTS).
+// `version`: the format version to write; only CURRENT_VERSION is supported.
+// `syncEachAtom`: true makes every SerializeAtom durable (fdatasync) before it
+// returns; false (the default of every writer in this project) syncs once,
+// at Close, so a closed file is durable and an open one costs no sync per atom.
+//
+// Creating a serializer opens (and creates) the file; destroying it closes
+// the file. Missing parent directories are created. Failure to open is not
+// thrown: GetOpenResult() tells it, and it is logged at level 2.
+// Not thread-safe: one thread at a time.
+class KEL_API SerializeToKel : public SerializeToFile {
+public:
+    SerializeToKel(const char* path, bool overwrite, KELFormatVersion version, bool syncEachAtom);
+    ~SerializeToKel() override;
+
+    KelErrorCode SerializeAtom(const std::shared_ptr<Atom>& atom) override;
+    const KelCommon::String& GetFilePath() const noexcept override;
+    KelErrorCode Close() override;
+
+    KelErrorCode GetOpenResult() const noexcept;
+    bool WritesXmlCompanion() const noexcept;
+    std::uint64_t GetNumAtomsWritten() const noexcept;
+    std::uint64_t GetBytesWritten() const noexcept;
+    const std::string& GetLastError() const noexcept;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace KEL
