@@ -1,0 +1,176 @@
+#include <KEL/KELLogger.h>
+#include <KelCommon/Logger.h>
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+namespace KelCommon {
+
+namespace {
+
+const char* LevelName(int level) {
+    switch (level) {
+        case LOG_CRITICAL:
+            return "CRITICAL";
+        case LOG_ERROR:
+            return "ERROR";
+        case LOG_WARNING:
+            return "WARNING";
+        case LOG_INFO:
+            return "INFO";
+        case LOG_VERBOSE:
+            return "VERBOSE";
+        case LOG_DEBUG:
+            return "DEBUG";
+        case LOG_TRACE:
+            return "TRACE";
+        default:
+            return "LOG";
+    }
+}
+
+int InitialStderrLevel() {
+    if (const char* env = std::getenv("KEL_LOG_LEVEL"); env != nullptr && *env != '\0') {
+        char* end = nullptr;
+        const long v = std::strtol(env, &end, 10);
+        if (end != env && *end == '\0' && v >= LOG_OFF && v <= LOG_TRACE) {
+            return static_cast<int>(v);
+        }
+    }
+    return LOG_WARNING;
+}
+
+std::string FormatV(const char* format, va_list args) {
+    va_list copy;
+    va_copy(copy, args);
+    const int needed = std::vsnprintf(nullptr, 0, format, copy);
+    va_end(copy);
+    if (needed < 0) {
+        return format;
+    }
+    std::string out(static_cast<std::size_t>(needed), '\0');
+    std::vsnprintf(out.data(), out.size() + 1, format, args);
+    return out;
+}
+
+}  // namespace
+
+Logger::Logger() : stderrLevel_(InitialStderrLevel()) {}
+
+void Logger::LogMessage(int level, const char* tag, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    LogRecord record{level, tag != nullptr ? tag : "", format != nullptr ? FormatV(format, args) : std::string()};
+    va_end(args);
+
+    std::vector<Sink> sinks;
+    int threshold = 0;
+    {
+        std::lock_guard lock(mutex_);
+        threshold = stderrLevel_;
+        sinks.reserve(sinks_.size());
+        for (const auto& entry : sinks_) {
+            sinks.push_back(entry.second);
+        }
+    }
+    for (const auto& sink : sinks) {
+        sink(record);
+    }
+    if (level > LOG_OFF && level <= threshold) {
+        // One fprintf call per line keeps lines from different threads whole.
+        std::fprintf(stderr, "[%s] %s: %s\n", LevelName(level), record.tag.c_str(), record.message.c_str());
+    }
+}
+
+void Logger::SetStderrLevel(int level) {
+    std::lock_guard lock(mutex_);
+    stderrLevel_ = level;
+}
+
+int Logger::GetStderrLevel() const {
+    std::lock_guard lock(mutex_);
+    return stderrLevel_;
+}
+
+int Logger::AddSink(Sink sink) {
+    std::lock_guard lock(mutex_);
+    const int handle = nextSinkHandle_++;
+    sinks_.emplace_back(handle, std::move(sink));
+    return handle;
+}
+
+void Logger::RemoveSink(int handle) {
+    std::lock_guard lock(mutex_);
+    sinks_.erase(std::remove_if(sinks_.begin(), sinks_.end(), [handle](const auto& e) { return e.first == handle; }),
+                 sinks_.end());
+}
+
+ScopedLogCapture::ScopedLogCapture() {
+    if (auto logger = KEL::GetKELLoggerInstance().lock()) {
+        handle_ = logger->AddSink([this](const LogRecord& record) {
+            std::lock_guard lock(mutex_);
+            records_.push_back(record);
+        });
+    }
+}
+
+ScopedLogCapture::~ScopedLogCapture() {
+    if (auto logger = KEL::GetKELLoggerInstance().lock(); logger && handle_ != 0) {
+        logger->RemoveSink(handle_);
+    }
+}
+
+std::vector<LogRecord> ScopedLogCapture::Records() const {
+    std::lock_guard lock(mutex_);
+    return records_;
+}
+
+std::size_t ScopedLogCapture::Count(const std::string& message) const {
+    std::lock_guard lock(mutex_);
+    return static_cast<std::size_t>(
+        std::count_if(records_.begin(), records_.end(), [&](const LogRecord& r) { return r.message == message; }));
+}
+
+std::size_t ScopedLogCapture::CountContaining(const std::string& fragment) const {
+    std::lock_guard lock(mutex_);
+    return static_cast<std::size_t>(std::count_if(records_.begin(), records_.end(), [&](const LogRecord& r) {
+        return r.message.find(fragment) != std::string::npos;
+    }));
+}
+
+void ScopedLogCapture::Clear() {
+    std::lock_guard lock(mutex_);
+    records_.clear();
+}
+
+}  // namespace KelCommon
+
+// The process logger lives with the logger itself so that every library of
+// the host (and the capture helper above) reaches the same instance.
+namespace KEL {
+
+namespace {
+std::mutex& LoggerInstanceMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
+std::shared_ptr<KelCommon::Logger>& LoggerInstance() {
+    static std::shared_ptr<KelCommon::Logger> instance = std::make_shared<KelCommon::Logger>();
+    return instance;
+}
+}  // namespace
+
+std::weak_ptr<KelCommon::Logger> GetKELLoggerInstance() {
+    std::lock_guard lock(LoggerInstanceMutex());
+    return LoggerInstance();
+}
+
+void SetKELLoggerInstance(std::shared_ptr<KelCommon::Logger> logger) {
+    std::lock_guard lock(LoggerInstanceMutex());
+    LoggerInstance() = std::move(logger);
+}
+
+}  // namespace KEL
