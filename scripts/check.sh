@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# The project's test command. With no argument it runs every stage:
+#   release  build and run the whole suite (ctest)
+#   asan     the whole suite under AddressSanitizer + UndefinedBehaviorSanitizer
+#   tsan     the concurrency tests under ThreadSanitizer
+#   fuzz     a short libFuzzer run of the container reader (clang)
+# With arguments, only the named stages run.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+stages=("$@")
+if [ ${#stages[@]} -eq 0 ]; then
+  stages=(release asan tsan fuzz)
+fi
+
+jobs=$(nproc)
+
+run_suite() {
+  local preset=$1
+  shift
+  echo "== $preset: configure and build"
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset" -j "$jobs"
+  echo "== $preset: tests"
+  ctest --preset "$preset" "$@"
+}
+
+for stage in "${stages[@]}"; do
+  case "$stage" in
+    release) run_suite release ;;
+    asan) ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 run_suite asan ;;
+    tsan) TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_suite tsan -L concurrency ;;
+    fuzz)
+      if [ -x scripts/fuzz-smoke.sh ]; then
+        ./scripts/fuzz-smoke.sh
+      else
+        echo "== fuzz: no fuzz targets yet"
+      fi
+      ;;
+    *) echo "unknown stage: $stage" >&2; exit 2 ;;
+  esac
+done
