@@ -1,0 +1,146 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <utility>
+
+namespace KelCommon {
+
+// A first-in first-out queue with a fixed capacity: Push waits while the queue
+// is full, Pull waits while it is empty.
+//
+// Design. Two counting semaphores decide who waits: the free-slot count
+// (starts at the capacity; Push takes one, Pull gives one back) and the
+// filled-slot count (starts at 0; Push gives one, Pull takes one). Each count
+// has its own mutex and condition variable; the elements themselves live in a
+// deque under a third mutex (the items lock). No operation holds two of the
+// three locks at once, so there is no lock order. Each hand-over wakes one
+// waiter; no operation spins.
+//
+// Because the counts and the deque are updated under different locks they
+// can disagree for a moment: after a Pull removed an element and before it
+// returned the free slot, a concurrent Push still waits for that slot.
+//
+// Threads: any number of producers and consumers may call Push, Pull, Size
+// and CapacityAndSize at once. FlushAndPutExitToken is meant for the owner
+// that is the only producer while it flushes; it never waits for elements.
+//
+// Lifetime: the queue must not be destroyed while a thread waits in Push or
+// Pull; its owner first makes the consumers leave (with an exit token and a
+// stop flag of its own) and joins them. Destroying the queue destroys the
+// elements still in it.
+//
+// Errors: none are reported. An exception while copying an element (out of
+// memory) propagates; the slot taken before it is then lost.
+template <class T>
+class BlockingBoundedQueue {
+public:
+    // `capacity` is the number of elements that fit; callers pass at least 1
+    // (a queue of capacity 0 blocks every Push forever).
+    explicit BlockingBoundedQueue(std::uint32_t capacity) : capacity_(capacity), freeSlots_(capacity) {}
+    BlockingBoundedQueue(const BlockingBoundedQueue&) = delete;
+    BlockingBoundedQueue& operator=(const BlockingBoundedQueue&) = delete;
+    ~BlockingBoundedQueue() = default;
+
+    // Appends a copy of `item`; waits while the queue is full.
+    void Push(T item) {
+        TakeFreeSlot();
+        {
+            std::lock_guard<std::mutex> lock(itemsLock_);
+            items_.push_back(std::move(item));
+        }
+        GiveFilledSlot();
+    }
+
+    // Removes and returns the oldest element; waits while the queue is empty.
+    // There is no time-out.
+    T Pull() {
+        {
+            std::unique_lock<std::mutex> lock(filledLock_);
+            filledSignal_.wait(lock, [this] { return filledSlots_ != 0; });
+            --filledSlots_;
+        }
+        return TakeFrontAndGiveFreeSlot();
+    }
+
+    // Discards every queued element, then pushes `token`. The token is an
+    // ordinary element chosen by the caller (for example one that tells a
+    // consumer blocked in Pull to look at its stop flag). Elements are taken
+    // only while a filled slot is available, so a consumer that takes the
+    // last element at the same moment cannot leave the flushing thread
+    // waiting for an element that never comes.
+    void FlushAndPutExitToken(T token) {
+        while (TryTakeFilledSlot()) {
+            (void)TakeFrontAndGiveFreeSlot();
+        }
+        Push(std::move(token));
+    }
+
+    // Number of queued elements (read under the items lock).
+    std::size_t Size() const {
+        std::lock_guard<std::mutex> lock(itemsLock_);
+        return items_.size();
+    }
+
+    std::uint32_t GetCapacity() const noexcept { return capacity_; }
+
+    // The capacity and the number of queued elements, read together under
+    // the items lock, so that "is the queue full" is judged on one snapshot.
+    std::pair<std::uint32_t, std::size_t> CapacityAndSize() const {
+        std::lock_guard<std::mutex> lock(itemsLock_);
+        return {capacity_, items_.size()};
+    }
+
+private:
+    void TakeFreeSlot() {
+        std::unique_lock<std::mutex> lock(freeLock_);
+        freeSignal_.wait(lock, [this] { return freeSlots_ != 0; });
+        --freeSlots_;
+    }
+
+    void GiveFilledSlot() {
+        std::lock_guard<std::mutex> lock(filledLock_);
+        ++filledSlots_;
+        filledSignal_.notify_one();
+    }
+
+    bool TryTakeFilledSlot() {
+        std::lock_guard<std::mutex> lock(filledLock_);
+        if (filledSlots_ == 0) {
+            return false;
+        }
+        --filledSlots_;
+        return true;
+    }
+
+    // Called with a filled slot already taken.
+    T TakeFrontAndGiveFreeSlot() {
+        T result;
+        {
+            std::lock_guard<std::mutex> lock(itemsLock_);
+            result = std::move(items_.front());
+            items_.pop_front();
+        }
+        {
+            std::lock_guard<std::mutex> lock(freeLock_);
+            ++freeSlots_;
+            freeSignal_.notify_one();
+        }
+        return result;
+    }
+
+    const std::uint32_t capacity_;
+    std::deque<T> items_;
+    mutable std::mutex itemsLock_;
+    std::mutex freeLock_;
+    std::condition_variable freeSignal_;
+    std::uint32_t freeSlots_;
+    std::mutex filledLock_;
+    std::condition_variable filledSignal_;
+    std::uint32_t filledSlots_ = 0;
+};
+
+}  // namespace KelCommon

@@ -1,0 +1,66 @@
+#include "writers/PerStreamSnapshotWriter.h"
+
+#include "writers/PerStreamFilePath.h"
+
+namespace Kel2File {
+
+PerStreamSnapshotWriter::PerStreamSnapshotWriter() = default;
+
+PerStreamSnapshotWriter::~PerStreamSnapshotWriter() = default;
+
+std::vector<std::shared_ptr<KEL::FilterParam>> PerStreamSnapshotWriter::InitializeWriterParams() {
+    if (!takeSnapshotParam) {
+        takeSnapshotParam = std::make_shared<KEL::FilterParamCallback>("Take snapshot", 0);
+    }
+    if (!framesCountPerSnapshotParam) {
+        framesCountPerSnapshotParam =
+            std::make_shared<KEL::FilterParamUInt32>("Frames count per snapshot", 0, 3, 1, 4294967295U);
+    }
+    return {takeSnapshotParam, framesCountPerSnapshotParam};
+}
+
+void PerStreamSnapshotWriter::OnPlay(std::uint32_t streams) {
+    WriterBase::OnPlay(streams);
+    ClearCachedPerStreamData();
+    remainingAtoms.exchange(0);
+}
+
+void PerStreamSnapshotWriter::OnStop() { DestroySerializers(); }
+
+void PerStreamSnapshotWriter::HandleParamValueChanged(std::shared_ptr<KEL::FilterParam> param, const char* /*name*/) {
+    if (!param || param.get() != takeSnapshotParam.get() || !framesCountPerSnapshotParam) {
+        return;
+    }
+    remainingAtoms.fetch_add(framesCountPerSnapshotParam->GetValue() * numStreams);
+}
+
+bool PerStreamSnapshotWriter::ProcessingAllowed() const { return remainingAtoms.load() != 0; }
+
+void PerStreamSnapshotWriter::OnFilePathChanged() { DestroySerializers(); }
+
+void PerStreamSnapshotWriter::OnAfterAtomWritten() { remainingAtoms.fetch_sub(1); }
+
+KEL::KelErrorCode PerStreamSnapshotWriter::SerializeAtom(std::shared_ptr<KEL::Atom> atom) {
+    return SerializeAtomUsingSerializer(GetOrCreateSerializerForStream(atom->GetStreamId()), atom);
+}
+
+WriterBase::SerializerPtr PerStreamSnapshotWriter::GetOrCreateSerializerForStream(std::uint16_t streamId) {
+    auto it = serializersPerStream.find(streamId);
+    if (it != serializersPerStream.end()) {
+        return it->second;
+    }
+    SerializerPtr serializer = CreateSerializerInstance(PerStreamFilePath(currentFilePath, streamId));
+    serializersPerStream.emplace(streamId, serializer);
+    return serializer;
+}
+
+void PerStreamSnapshotWriter::DestroySerializers() {
+    for (auto& entry : serializersPerStream) {
+        DestroySerializerInstance(entry.second);
+    }
+    serializersPerStream.clear();
+    ClearCachedPerStreamData();
+    remainingAtoms.exchange(0);
+}
+
+}  // namespace Kel2File

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <KEL/FilterParams.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+
+#include "writers/WriterBase.h"
+
+namespace Kel2File {
+
+// Records continuously while "Enable Recording" is on, like BasicWriter, but
+// into one file per stream (PerStreamFilePath). A stream's file is opened
+// when its first atom is written; all files are closed together at stop, when
+// recording is switched off and on a path change while recording.
+//
+// Threads: as BasicWriter.
+class PerStreamWriter : public WriterBase {
+public:
+    PerStreamWriter();
+    ~PerStreamWriter() override;
+
+    std::vector<std::shared_ptr<KEL::FilterParam>> InitializeWriterParams() override;
+    void OnPlay(std::uint32_t numStreams) override;
+    void OnStop() override;
+    bool WriterParamChangesAvailable() const override;
+    void ApplyWriterParamChanges() override;
+    bool ProcessingAllowed() const override;
+
+protected:
+    void OnFilePathChanged() override;
+    KEL::KelErrorCode SerializeAtom(std::shared_ptr<KEL::Atom> atom) override;
+
+    SerializerPtr GetOrCreateSerializerForStream(std::uint16_t streamId);
+    void DestroySerializers();
+    void UpdateRecordingStatus();
+
+private:
+    bool RequestedRecording() const;
+
+    std::shared_ptr<KEL::FilterParamBool> enableRecordingParam;
+    bool recording = false;
+    std::map<std::uint16_t, SerializerPtr> serializersPerStream;
+};
+
+}  // namespace Kel2File
