@@ -1,0 +1,58 @@
+#pragma once
+
+#include <KEL/KelErrorCode.h>
+#include <KelCommon/Export.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace KEL {
+
+// One damaged or suspicious place in a container file.
+struct ContainerProblem {
+    std::uint64_t offset = 0;  // where in the file
+    std::uint64_t length = 0;  // bytes concerned (0 when not a byte range)
+    std::string what;          // human-readable description
+};
+
+// The outcome of checking a container file byte by byte.
+struct ContainerVerification {
+    // What ReadKEL2File::Initialize would return for this file (0 = opens).
+    KelErrorCode openResult = KEL_OK;
+    // The reason when openResult is not 0.
+    std::string openError;
+    std::uint16_t formatVersion = 0;
+    std::uint64_t fileSize = 0;
+
+    bool indexPresent = false;  // a footer at the end of the file
+    bool indexValid = false;    // ...and the index it points to is intact and agrees with the records
+
+    std::uint64_t atomRecords = 0;         // atom records with an intact header
+    std::uint64_t damagedRecords = 0;      // records or regions that fail their checks
+    std::uint64_t damagedBytes = 0;        // bytes in them
+    std::uint64_t truncatedTailBytes = 0;  // an incomplete last record (a writer that stopped)
+    // Atoms a reader returns from this file: through the index when it is
+    // valid (its entries whose records are intact), otherwise by scanning.
+    std::uint64_t recoverableAtoms = 0;
+    std::uint64_t streams = 0;
+
+    std::vector<ContainerProblem> problems;
+
+    // True when nothing is damaged: the file opens, every record is intact,
+    // and the index is present and valid. A file that was never closed (no
+    // index, possibly a truncated tail) is not intact but may lose nothing.
+    bool IsIntact() const noexcept {
+        return openResult == KEL_OK && damagedRecords == 0 && truncatedTailBytes == 0 && indexValid;
+    }
+};
+
+// Checks a container file fully: the file header, the footer and the index,
+// and the header and payload checksum of every record; every index entry
+// must point to an intact atom record of the stream and frame it names, and
+// every atom record must be listed. Never modifies the file. Reads the whole
+// file (cost proportional to its size). Thread-safe (no shared state); never
+// throws: an unreadable file is reported through openResult.
+KEL_API ContainerVerification VerifyContainer(const std::string& path);
+
+}  // namespace KEL
