@@ -1,0 +1,72 @@
+#pragma once
+
+// Helpers of the container tests: writing containers whole or "unclosed"
+// (as a writer that was killed leaves them) and reading every atom back.
+
+#include <KEL/ReadKEL2File.h>
+#include <KEL/SerializeToKel.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/TestSupport.h"
+
+namespace kel_test {
+
+// Writes `atoms` to `path` and returns the file offset at which each atom's
+// record ends. With `close` false the file is left as a writer that died
+// after the last atom leaves it: every record, but no index.
+inline std::vector<std::uint64_t> WriteContainer(const std::string& path, const std::vector<KEL::AtomPtr>& atoms,
+                                                 bool close = true) {
+    std::vector<std::uint64_t> ends;
+    std::vector<std::uint8_t> unclosed;
+    {
+        KEL::SerializeToKel writer(path.c_str(), true, KEL::CURRENT_VERSION, false);
+        EXPECT_EQ(writer.GetOpenResult(), KEL::KEL_OK);
+        for (const auto& atom : atoms) {
+            EXPECT_EQ(writer.SerializeAtom(atom), KEL::KEL_OK);
+            ends.push_back(writer.GetBytesWritten());
+        }
+        if (!close) {
+            unclosed = ReadFileBytes(path);
+        }
+        EXPECT_EQ(writer.Close(), KEL::KEL_OK);
+    }
+    if (!close) {
+        WriteFileBytes(path, unclosed);
+    }
+    return ends;
+}
+
+// Stream s, frames 0..n-1, small textures: a file of a few kilobytes.
+inline std::vector<KEL::AtomPtr> SmallAtoms(std::uint16_t stream, std::uint32_t n) {
+    std::vector<KEL::AtomPtr> atoms;
+    for (std::uint32_t f = 0; f < n; ++f) {
+        atoms.push_back(MakeFrameAtom(stream, f, 2, 2));
+    }
+    return atoms;
+}
+
+inline std::unique_ptr<KEL::ReadKEL2File> OpenContainer(const std::string& path, KEL::KelErrorCode expected = 0) {
+    auto reader = std::make_unique<KEL::ReadKEL2File>(path.c_str());
+    EXPECT_EQ(reader->Initialize(), expected) << reader->GetLastError();
+    return reader;
+}
+
+// Fetches every atom the reader lists, in stream order then frame order;
+// atoms that cannot be read come back empty.
+inline std::vector<KEL::AtomPtr> ReadAll(KEL::ReadKEL2File& reader) {
+    std::vector<KEL::AtomPtr> out;
+    for (int s = 0; s < reader.GetNumStreams(); ++s) {
+        const std::uint16_t stream = reader.GetStreamId(s);
+        for (std::uint32_t frame : reader.GetFrameNumbers(stream)) {
+            out.push_back(reader.GetFrameAtom(stream, frame));
+        }
+    }
+    return out;
+}
+
+}  // namespace kel_test

@@ -1,0 +1,89 @@
+#include <KEL/ContainerVerifier.h>
+#include <gtest/gtest.h>
+
+#include "container/ContainerFiles.h"
+
+namespace {
+
+using namespace kel_test;
+
+TEST(ContainerVerifier, ClosedFileIsIntact) {
+    TempDir dir;
+    const auto path = dir.File("ok.kel");
+    std::vector<KEL::AtomPtr> atoms = SmallAtoms(1, 3);
+    atoms.push_back(MakeFrameAtom(2, 0, 2, 2));
+    WriteContainer(path, atoms);
+
+    const auto v = KEL::VerifyContainer(path);
+    EXPECT_TRUE(v.IsIntact());
+    EXPECT_EQ(v.openResult, KEL::KEL_OK);
+    EXPECT_TRUE(v.indexPresent);
+    EXPECT_TRUE(v.indexValid);
+    EXPECT_EQ(v.atomRecords, 4U);
+    EXPECT_EQ(v.recoverableAtoms, 4U);
+    EXPECT_EQ(v.streams, 2U);
+    EXPECT_EQ(v.formatVersion, 2000);
+    EXPECT_EQ(v.fileSize, FileSize(path));
+    EXPECT_TRUE(v.problems.empty());
+}
+
+TEST(ContainerVerifier, DamagedRecordIsLocatedAndTheRestIsRecoverable) {
+    TempDir dir;
+    const auto path = dir.File("bad.kel");
+    const auto ends = WriteContainer(path, SmallAtoms(1, 4));
+    FlipByte(path, ends[1] + 90);
+
+    const auto v = KEL::VerifyContainer(path);
+    EXPECT_FALSE(v.IsIntact());
+    EXPECT_EQ(v.openResult, KEL::KEL_OK);
+    EXPECT_TRUE(v.indexValid);
+    EXPECT_EQ(v.damagedRecords, 1U);
+    EXPECT_EQ(v.damagedBytes, ends[2] - ends[1]);
+    EXPECT_EQ(v.recoverableAtoms, 3U);
+    ASSERT_EQ(v.problems.size(), 1U);
+    EXPECT_EQ(v.problems[0].offset, ends[1]);
+}
+
+TEST(ContainerVerifier, UnclosedFileLosesNothingButIsNotIntact) {
+    TempDir dir;
+    const auto path = dir.File("open.kel");
+    WriteContainer(path, SmallAtoms(1, 2), false);
+
+    const auto v = KEL::VerifyContainer(path);
+    EXPECT_FALSE(v.IsIntact());
+    EXPECT_FALSE(v.indexPresent);
+    EXPECT_EQ(v.damagedRecords, 0U);
+    EXPECT_EQ(v.recoverableAtoms, 2U);
+    EXPECT_EQ(v.openResult, KEL::KEL_OK);
+}
+
+TEST(ContainerVerifier, DamagedIndexIsReported) {
+    TempDir dir;
+    const auto path = dir.File("index.kel");
+    const auto ends = WriteContainer(path, SmallAtoms(1, 2));
+    FlipByte(path, ends.back() + 50);
+
+    const auto v = KEL::VerifyContainer(path);
+    EXPECT_TRUE(v.indexPresent);
+    EXPECT_FALSE(v.indexValid);
+    EXPECT_EQ(v.recoverableAtoms, 2U);
+    EXPECT_GE(v.damagedRecords, 1U);
+}
+
+TEST(ContainerVerifier, AgreesWithTheReaderOnUnopenableFiles) {
+    TempDir dir;
+    EXPECT_EQ(KEL::VerifyContainer(dir.File("none.kel")).openResult, KEL::KEL_ERR_NOT_FOUND);
+    const auto path = dir.File("garbage.kel");
+    WriteContainer(path, SmallAtoms(1, 1), false);
+    auto bytes = ReadFileBytes(path);
+    for (std::size_t i = 20; i < bytes.size(); ++i) {
+        bytes[i] = 0xA5;
+    }
+    WriteFileBytes(path, bytes);
+    const auto v = KEL::VerifyContainer(path);
+    EXPECT_EQ(v.openResult, KEL::KEL_ERR_CORRUPT);
+    KEL::ReadKEL2File reader(path.c_str());
+    EXPECT_EQ(reader.Initialize(), v.openResult);
+}
+
+}  // namespace

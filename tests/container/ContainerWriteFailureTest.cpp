@@ -1,0 +1,99 @@
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "container/ContainerFiles.h"
+
+namespace {
+
+using namespace kel_test;
+using KEL::AtomPtr;
+
+// Runs `body` in a forked child and returns its exit status (or -1 when it
+// did not exit normally). Resource limits set there die with the child.
+template <typename Body>
+int RunInChild(Body body) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        _exit(body());
+    }
+    int status = 0;
+    if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) {
+        return -1;
+    }
+    return WEXITSTATUS(status);
+}
+
+TEST(ContainerWriteFailure, FileSizeLimitFailsTheWriteAndKeepsEarlierAtoms) {
+    TempDir dir;
+    const auto path = dir.File("limited.kel");
+    std::vector<AtomPtr> atoms;
+    for (std::uint32_t f = 0; f < 12; ++f) {
+        atoms.push_back(MakeFrameAtom(1, f, 32, 32));  // about 4 KiB of pixels each
+    }
+    constexpr rlim_t kLimit = 20000;
+
+    // Child exit code: atoms written before the failure, or 100 + a step that
+    // went wrong.
+    const int written = RunInChild([&]() -> int {
+        std::signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{kLimit, kLimit};
+        if (setrlimit(RLIMIT_FSIZE, &limit) != 0) {
+            return 101;
+        }
+        KEL::SerializeToKel writer(path.c_str(), true, KEL::CURRENT_VERSION, false);
+        int ok = 0;
+        for (const auto& atom : atoms) {
+            const auto code = writer.SerializeAtom(atom);
+            if (code == KEL::KEL_OK) {
+                ++ok;
+                continue;
+            }
+            if (code != KEL::KEL_ERR_FILE_TOO_LARGE) {
+                return 102;
+            }
+            if (FileSize(path) != writer.GetBytesWritten()) {
+                return 103;  // the partial record was not cut off
+            }
+            // A later atom fails the same way; nothing else changes.
+            if (writer.SerializeAtom(atoms.back()) != KEL::KEL_ERR_FILE_TOO_LARGE) {
+                return 104;
+            }
+            writer.Close();
+            return ok;
+        }
+        return 105;  // the limit was never reached
+    });
+    ASSERT_GT(written, 0);
+    ASSERT_LT(written, 12);
+
+    auto reader = OpenContainer(path);
+    EXPECT_EQ(reader->GetNumAtoms(), static_cast<std::uint64_t>(written));
+    EXPECT_EQ(reader->GetDamageReport().skippedRecords, 0U);
+    EXPECT_EQ(reader->GetDamageReport().truncatedTailBytes, 0U);
+    for (int i = 0; i < written; ++i) {
+        auto back = reader->GetFrameAtom(1, static_cast<std::uint32_t>(i));
+        ASSERT_TRUE(back);
+        std::string why;
+        EXPECT_TRUE(AtomsEqual(*atoms[static_cast<std::size_t>(i)], *back, &why)) << why;
+    }
+}
+
+TEST(ContainerWriteFailure, UnwritableDirectoryIsReportedAtOpen) {
+    if (geteuid() == 0) {
+        GTEST_SKIP() << "permissions do not apply to root";
+    }
+    TempDir dir;
+    const auto sub = dir.File("ro");
+    std::filesystem::create_directory(sub);
+    std::filesystem::permissions(sub, std::filesystem::perms::owner_read | std::filesystem::perms::owner_exec);
+    KEL::SerializeToKel writer((sub + "/x.kel").c_str(), true, KEL::CURRENT_VERSION, false);
+    EXPECT_EQ(writer.GetOpenResult(), KEL::KEL_ERR_ACCESS_DENIED);
+    EXPECT_EQ(writer.SerializeAtom(MakeFrameAtom(1, 0)), KEL::KEL_ERR_ACCESS_DENIED);
+    EXPECT_FALSE(writer.GetLastError().empty());
+}
+
+}  // namespace

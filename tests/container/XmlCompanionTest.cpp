@@ -1,0 +1,82 @@
+#include <KEL/KELPurposeGuids.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <pugixml.hpp>
+
+#include "container/ContainerFiles.h"
+
+namespace {
+
+using namespace kel_test;
+
+TEST(XmlCompanion, DescribesStreamsFramesLayersAndTimeStamps) {
+    TempDir dir;
+    const auto path = dir.File("rec.kel");
+    const auto purpose = KelCommon::Guid::FromHexString("9A8B7C6D-5E4F-4321-8765-0123456789AB");
+    ASSERT_TRUE(KEL::KELPurposeGuids::RegisterPurposeGuidAlias(purpose, "XML_TEST_COLOR"));
+    {
+        KEL::SerializeToKel writer((path + "+xml").c_str(), true, KEL::CURRENT_VERSION, false);
+        for (std::uint32_t f = 0; f < 3; ++f) {
+            auto atom = MakeFrameAtom(5, f, 4, 2);
+            atom->AddDataLayer(MakeTexture(2, 2, f, purpose), true);
+            ASSERT_EQ(writer.SerializeAtom(atom), KEL::KEL_OK);
+        }
+        ASSERT_EQ(writer.SerializeAtom(MakeFrameAtom(2, 8, 4, 4)), KEL::KEL_OK);
+        ASSERT_EQ(writer.Close(), KEL::KEL_OK);
+    }
+
+    pugi::xml_document doc;
+    ASSERT_TRUE(doc.load_file((path + ".xml").c_str()));
+    auto root = doc.child("kelContainer");
+    ASSERT_TRUE(root);
+    EXPECT_STREQ(root.attribute("file").value(), "rec.kel");
+    EXPECT_EQ(root.attribute("formatVersion").as_uint(), 2000U);
+    EXPECT_EQ(root.attribute("atoms").as_uint(), 4U);
+    EXPECT_EQ(root.attribute("fileSize").as_ullong(), FileSize(path));
+
+    std::vector<pugi::xml_node> streams;
+    for (auto s : root.children("stream")) {
+        streams.push_back(s);
+    }
+    ASSERT_EQ(streams.size(), 2U);
+    auto s5 = streams[0];
+    EXPECT_EQ(s5.attribute("id").as_uint(), 5U);
+    EXPECT_EQ(s5.attribute("frames").as_uint(), 3U);
+    EXPECT_EQ(s5.attribute("firstFrame").as_uint(), 0U);
+    EXPECT_EQ(s5.attribute("lastFrame").as_uint(), 2U);
+    EXPECT_EQ(s5.attribute("firstTimeStamp").as_llong(), 1'000'000LL);
+    EXPECT_EQ(s5.attribute("lastTimeStamp").as_llong(), 1'000'000LL + 2 * 33'333LL);
+    EXPECT_EQ(streams[1].attribute("id").as_uint(), 2U);
+    EXPECT_EQ(streams[1].attribute("frames").as_uint(), 1U);
+
+    std::uint64_t layerBytes = 0;
+    bool sawAlias = false;
+    for (auto layer : s5.children("layer")) {
+        layerBytes += layer.attribute("payloadBytes").as_ullong();
+        if (std::string(layer.attribute("purpose").value()) == "XML_TEST_COLOR") {
+            sawAlias = true;
+            EXPECT_STREQ(layer.attribute("type").value(), "TextureRGBA");
+            EXPECT_EQ(layer.attribute("atoms").as_uint(), 3U);
+            EXPECT_EQ(layer.attribute("payloadBytes").as_uint(), 3U * 2 * 2 * 4);
+            EXPECT_EQ(std::string(layer.attribute("purposeGuid").value()), purpose.ToString().str());
+        }
+    }
+    EXPECT_TRUE(sawAlias);
+    EXPECT_EQ(layerBytes, s5.attribute("payloadBytes").as_ullong());
+    std::uint64_t expected = 0;
+    for (std::uint32_t f = 0; f < 3; ++f) {
+        expected += MakeFrameAtom(5, f, 4, 2)->PayloadSize() + 16;
+    }
+    EXPECT_EQ(layerBytes, expected);
+}
+
+TEST(XmlCompanion, NotWrittenWithoutTheSuffix) {
+    TempDir dir;
+    const auto path = dir.File("plain.kel");
+    WriteContainer(path, {MakeFrameAtom(1, 0)});
+    EXPECT_FALSE(std::filesystem::exists(path + ".xml"));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.Path()), std::filesystem::directory_iterator()), 1);
+}
+
+}  // namespace
