@@ -1,0 +1,163 @@
+#include "targets/TargetTestSupport.h"
+
+#include <KEL/DataTypeBinary.h>
+#include <KEL/DataTypeCylinderCrop.h>
+#include <KEL/DataTypeRecordingInfo.h>
+#include <KEL/DataTypeStaticInfo.h>
+#include <KEL/DataTypeStreamInfo.h>
+#include <KEL/Profile.h>
+#include <KEL/ReadKEL2File.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "optimization/OptimizedDataLoosener.h"
+#include "support/TestSupport.h"
+
+namespace kel_test {
+
+MemorySource::MemorySource(std::vector<std::uint16_t> streams, Frames frames)
+    : streams_(std::move(streams)), frames_(std::move(frames)) {}
+
+KelCommon::Guid MemorySource::TypeGuid() const {
+    return KelCommon::Guid::FromHexString("0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F0");
+}
+
+KEL::FilterClassInfo MemorySource::GetFilterClassInfo() const {
+    return KEL::FilterClassInfo("MemorySource", KEL::FILTER_CATEGORY_SOURCE);
+}
+
+std::shared_ptr<KEL::Profile> MemorySource::GetOutputProfile() { return std::make_shared<KEL::Profile>(); }
+
+std::uint32_t MemorySource::GetOutputNumStreams() { return static_cast<std::uint32_t>(streams_.size()); }
+
+std::vector<std::uint32_t> MemorySource::GetStreamIds() { return {streams_.begin(), streams_.end()}; }
+
+std::shared_ptr<KEL::DataTypeStreamInfo> MemorySource::GetStreamInfo() {
+    return std::make_shared<KEL::DataTypeStreamInfo>(static_cast<std::uint32_t>(frames_.size()), 30.0, "memory");
+}
+
+KEL::KelErrorCode MemorySource::pushDataToOutput(std::uint32_t frameNr) {
+    if (frameNr >= frames_.size()) {
+        return 1;
+    }
+    for (const auto& atom : frames_[frameNr]) {
+        pushToOutputQueue(KEL::Atom::Copy(atom, -1, true));
+    }
+    return 0;
+}
+
+Frames MakeCompleteFrames(const std::vector<std::uint16_t>& streams, std::uint32_t count, std::uint32_t firstFrameNr,
+                          std::uint32_t step, std::uint32_t width, std::uint32_t height) {
+    std::map<std::uint16_t, std::vector<std::shared_ptr<KEL::DataLayer>>> streamLayers;
+    for (std::uint16_t stream : streams) {
+        const AtomPtr first = MakeFirstAtom(stream, count, width, height);
+        for (const auto& layer : first->GetAllDataLayers()) {
+            const auto& type = layer->GetTypeGuid();
+            const bool streamLevel =
+                type == KEL::DataTypeStreamInfo::TheTypeGuid() || type == KEL::DataTypeRecordingInfo::TheTypeGuid() ||
+                type == KEL::DataTypeStaticInfo::TheTypeGuid() || type == KEL::DataTypeBinary::TheTypeGuid() ||
+                type == KEL::DataTypeCylinderCrop::TheTypeGuid() ||
+                (type == KEL::DataTypeCameraParams::TheTypeGuid() && layer->GetVersion() < 2);
+            if (streamLevel) {
+                streamLayers[stream].push_back(layer);
+            }
+        }
+    }
+    Frames frames;
+    for (std::uint32_t i = 0; i < count; ++i) {
+        std::vector<AtomPtr> frame;
+        for (std::uint16_t stream : streams) {
+            AtomPtr atom = MakeFrameAtom(stream, firstFrameNr + i * step, width, height);
+            for (const auto& layer : streamLayers[stream]) {
+                atom->AddDataLayer(layer, true);
+            }
+            frame.push_back(atom);
+        }
+        frames.push_back(std::move(frame));
+    }
+    return frames;
+}
+
+void SetParam(KEL::Filter& filter, const std::string& name, const std::string& text) {
+    auto param = filter.FindParam(name);
+    ASSERT_NE(param, nullptr) << name;
+    std::string error;
+    ASSERT_TRUE(param->SetValueFromString(text, &error)) << name << ": " << error;
+}
+
+std::map<std::uint16_t, std::vector<AtomPtr>> ReadStreams(const std::string& path, bool loosen) {
+    std::map<std::uint16_t, std::vector<AtomPtr>> result;
+    KEL::ReadKEL2File reader(path.c_str());
+    const KEL::KelErrorCode opened = reader.Initialize();
+    EXPECT_EQ(opened, 0U) << path;
+    if (opened != 0) {
+        return result;
+    }
+    for (int i = 0; i < reader.GetNumStreams(); ++i) {
+        const std::uint16_t stream = reader.GetStreamId(i);
+        std::shared_ptr<Kel2File::OptimizedDataLoosener> loosener;
+        auto& atoms = result[stream];
+        for (std::uint32_t frameNr : reader.GetFrameNumbers(stream)) {
+            AtomPtr atom = reader.GetFrameAtom(stream, frameNr);
+            if (loosen) {
+                if (!loosener) {
+                    loosener = std::make_shared<Kel2File::OptimizedDataLoosener>(
+                        atom, atom->GetDataLayerByType(KEL::DataTypeStreamInfo::TheTypeGuid(), false));
+                }
+                loosener->LoosenOptimizedDataToAtom(atom);
+            }
+            atoms.push_back(atom);
+        }
+    }
+    return result;
+}
+
+bool SameContent(const KEL::Atom& a, const KEL::Atom& b, std::string* why) {
+    auto fail = [why](const std::string& text) {
+        if (why != nullptr) {
+            *why = text;
+        }
+        return false;
+    };
+    if (a.GetStreamId() != b.GetStreamId()) {
+        return fail("stream id differs");
+    }
+    if (a.GetTimeStamp() != b.GetTimeStamp()) {
+        return fail("time stamp differs");
+    }
+    auto la = a.GetAllDataLayers();
+    auto lb = b.GetAllDataLayers();
+    if (la.size() != lb.size()) {
+        return fail("layer count " + std::to_string(la.size()) + " vs " + std::to_string(lb.size()));
+    }
+    for (const auto& layer : la) {
+        auto match =
+            std::find_if(lb.begin(), lb.end(), [&](const auto& other) { return layer->ContentEquals(*other); });
+        if (match == lb.end()) {
+            return fail("no matching " + layer->TypeName() + " layer");
+        }
+        lb.erase(match);
+    }
+    return true;
+}
+
+void ExpectFileHoldsFrames(const std::string& path, const Frames& frames) {
+    const auto streams = ReadStreams(path, true);
+    ASSERT_FALSE(frames.empty());
+    ASSERT_EQ(streams.size(), frames.front().size()) << path;
+    for (std::size_t s = 0; s < frames.front().size(); ++s) {
+        const std::uint16_t stream = frames.front()[s]->GetStreamId();
+        ASSERT_TRUE(streams.count(stream)) << "stream " << stream;
+        const auto& atoms = streams.at(stream);
+        ASSERT_EQ(atoms.size(), frames.size()) << "stream " << stream;
+        for (std::size_t i = 0; i < frames.size(); ++i) {
+            std::string why;
+            EXPECT_EQ(atoms[i]->GetFrameNr(), i);
+            EXPECT_TRUE(SameContent(*atoms[i], *frames[i][s], &why))
+                << "stream " << stream << " frame " << i << ": " << why;
+        }
+    }
+}
+
+}  // namespace kel_test

@@ -1,0 +1,69 @@
+#pragma once
+
+// Helpers for driving the plugin's target filters in tests: an in-memory
+// source, atom sets with stream-level layers, parameter access, and reading a
+// written file back complete.
+
+#include <KEL/Atom.h>
+#include <KEL/Filter.h>
+#include <KEL/FilterParams.h>
+#include <KEL/Source.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kel_test {
+
+using AtomPtr = std::shared_ptr<KEL::Atom>;
+// frames[i] holds frame i: one atom per stream, in stream order.
+using Frames = std::vector<std::vector<AtomPtr>>;
+
+// A source that plays frames held in memory. It pushes copies, so the held
+// atoms keep their frame numbers whatever the targets do.
+class MemorySource : public KEL::Source {
+public:
+    MemorySource(std::vector<std::uint16_t> streams, Frames frames);
+
+    KelCommon::Guid TypeGuid() const override;
+    KEL::FilterClassInfo GetFilterClassInfo() const override;
+    std::shared_ptr<KEL::Profile> GetOutputProfile() override;
+    std::uint32_t GetOutputNumStreams() override;
+    std::vector<std::uint32_t> GetStreamIds() override;
+    std::shared_ptr<KEL::DataTypeStreamInfo> GetStreamInfo() override;
+    KEL::KelErrorCode pushDataToOutput(std::uint32_t frameNr) override;
+
+private:
+    std::vector<std::uint16_t> streams_;
+    Frames frames_;
+};
+
+// `count` frames of `streams`. Every atom is complete: its own texture, mesh
+// and camera (version 2) plus the stream's stream-level layers (stream
+// information, recording and static information, binary, crop, camera
+// version 1). Incoming frame numbers are firstFrameNr, firstFrameNr + step, ...
+Frames MakeCompleteFrames(const std::vector<std::uint16_t>& streams, std::uint32_t count,
+                          std::uint32_t firstFrameNr = 0, std::uint32_t step = 1, std::uint32_t width = 16,
+                          std::uint32_t height = 8);
+
+// Parameter access by name; fails the test when absent or of another class.
+template <class T>
+std::shared_ptr<T> Param(const KEL::Filter& filter, const std::string& name) {
+    return std::dynamic_pointer_cast<T>(filter.FindParam(name));
+}
+void SetParam(KEL::Filter& filter, const std::string& name, const std::string& text);
+
+// Every stream of a container file, atoms ordered by stored frame number, as
+// stored (`loosen` false) or completed from the stream's first atom.
+std::map<std::uint16_t, std::vector<AtomPtr>> ReadStreams(const std::string& path, bool loosen);
+
+// Same stream id and time stamp, and the same multiset of layers (content
+// equality, order ignored). `why` names the first difference.
+bool SameContent(const KEL::Atom& a, const KEL::Atom& b, std::string* why = nullptr);
+
+// Checks that `path` holds `frames` (every stream, renumbered from 0).
+void ExpectFileHoldsFrames(const std::string& path, const Frames& frames);
+
+}  // namespace kel_test
