@@ -1,0 +1,42 @@
+#include "Command.h"
+#include "Conversion.h"
+
+namespace KelTool {
+
+namespace {
+
+struct CopyOptions {
+    std::string input;
+    std::string output;
+    std::string streams;
+    WriterOptions writer;
+};
+
+int RunCopy(const GlobalOptions& global, const CopyOptions& options) {
+    const std::string output = WriterOutputPath(options.output);
+    std::string error;
+    if (!CheckOutputIsNotInput(output, {options.input}, &error)) {
+        return Fail(error);
+    }
+    GraphDescription description;
+    description.filters.push_back(
+        {"SourceKEL2FileReader", "in", {{"KEL File Path", options.input}, {"Included streams", options.streams}}});
+    description.filters.push_back(
+        MakeWriterSpec("TargetKEL2FileWriter", "TargetKEL2FileWriterAsync", options.output, options.writer));
+    return PlayConversion(global, description, options.writer, {output});
+}
+
+}  // namespace
+
+Command AddCopyCommand(CLI::App& root, const GlobalOptions& global) {
+    auto options = std::make_shared<CopyOptions>();
+    CLI::App* app = root.add_subcommand("copy", "Copy a container file (all or some streams) into a new one");
+    app->add_option("IN", options->input, "The .kel file to read")->required();
+    app->add_option("OUT", options->output, "The file to write (its extension becomes .kel)")->required();
+    app->add_option("--streams", options->streams, "Comma-separated stream ids to copy (default: all)")
+        ->type_name("LIST");
+    AddWriterOptions(app, options->writer);
+    return {app, [&global, options] { return RunCopy(global, *options); }};
+}
+
+}  // namespace KelTool

@@ -1,0 +1,130 @@
+#include <KEL/ContainerVerifier.h>
+
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+#include "Command.h"
+#include "ContainerSummary.h"
+
+namespace KelTool {
+
+namespace {
+
+struct VerifyOptions {
+    std::vector<std::string> paths;
+    bool json = false;
+    std::size_t maxProblems = 20;
+};
+
+const char* Verdict(const KEL::ContainerVerification& v) {
+    if (v.openResult != KEL::KEL_OK) {
+        return "UNREADABLE";
+    }
+    if (v.IsIntact()) {
+        return "OK";
+    }
+    if (v.damagedRecords == 0 && v.truncatedTailBytes == 0) {
+        return "NOT CLOSED";  // no (valid) index, but every record is intact
+    }
+    return "DAMAGED";
+}
+
+nlohmann::ordered_json ToJson(const std::string& path, const KEL::ContainerVerification& v) {
+    nlohmann::ordered_json j;
+    j["path"] = path;
+    j["verdict"] = Verdict(v);
+    j["intact"] = v.IsIntact();
+    j["openResult"] = v.openResult;
+    if (v.openResult != KEL::KEL_OK) {
+        j["openError"] = v.openError;
+    }
+    j["formatVersion"] = v.formatVersion;
+    j["fileSize"] = v.fileSize;
+    j["indexPresent"] = v.indexPresent;
+    j["indexValid"] = v.indexValid;
+    j["atomRecords"] = v.atomRecords;
+    j["damagedRecords"] = v.damagedRecords;
+    j["damagedBytes"] = v.damagedBytes;
+    j["truncatedTailBytes"] = v.truncatedTailBytes;
+    j["recoverableAtoms"] = v.recoverableAtoms;
+    j["streams"] = v.streams;
+    auto problems = nlohmann::ordered_json::array();
+    for (const auto& p : v.problems) {
+        problems.push_back({{"offset", p.offset}, {"length", p.length}, {"what", p.what}});
+    }
+    j["problems"] = std::move(problems);
+    return j;
+}
+
+void PrintReport(std::ostream& out, const std::string& path, const KEL::ContainerVerification& v,
+                 std::size_t maxProblems) {
+    out << path << ": " << Verdict(v) << "\n";
+    if (v.openResult != KEL::KEL_OK) {
+        out << "  a reader cannot open it: " << v.openError << " (" << KEL::KelErrorCodeName(v.openResult) << ")\n";
+    }
+    out << "  size " << FormatBytes(v.fileSize) << ", format " << v.formatVersion << ", " << v.streams << " stream(s), "
+        << v.atomRecords << " atom record(s)\n";
+    out << "  index: "
+        << (!v.indexPresent ? "missing (the file was not closed)"
+            : v.indexValid  ? "valid"
+                            : "damaged")
+        << "\n";
+    if (v.damagedRecords > 0) {
+        out << "  damaged: " << v.damagedRecords << " record(s) or region(s), " << v.damagedBytes << " byte(s)\n";
+    }
+    if (v.truncatedTailBytes > 0) {
+        out << "  incomplete last record: " << v.truncatedTailBytes << " byte(s) (the writer stopped mid-record)\n";
+    }
+    const std::size_t shown = std::min(maxProblems, v.problems.size());
+    for (std::size_t i = 0; i < shown; ++i) {
+        const auto& p = v.problems[i];
+        out << "    at offset " << p.offset;
+        if (p.length > 0) {
+            out << " (" << p.length << " bytes)";
+        }
+        out << ": " << p.what << "\n";
+    }
+    if (shown < v.problems.size()) {
+        out << "    ... and " << (v.problems.size() - shown) << " more problem(s)\n";
+    }
+    if (!v.IsIntact() && v.openResult == KEL::KEL_OK) {
+        out << "  a reader would recover " << v.recoverableAtoms << " atom(s)"
+            << (v.indexValid ? " through the index" : " by scanning the records") << "\n";
+    }
+}
+
+int RunVerify(const VerifyOptions& options) {
+    bool allIntact = true;
+    nlohmann::ordered_json reports = nlohmann::ordered_json::array();
+    for (const auto& path : options.paths) {
+        const KEL::ContainerVerification v = KEL::VerifyContainer(path);
+        allIntact = allIntact && v.IsIntact();
+        if (options.json) {
+            reports.push_back(ToJson(path, v));
+        } else {
+            PrintReport(std::cout, path, v, options.maxProblems);
+        }
+    }
+    if (options.json) {
+        std::cout << (reports.size() == 1 ? reports[0] : reports).dump(2) << "\n";
+    }
+    if (!allIntact) {
+        std::cerr << "kel: " << (options.paths.size() == 1 ? "the file is" : "some files are") << " not intact\n";
+        return kExitFailure;
+    }
+    return kExitOk;
+}
+
+}  // namespace
+
+Command AddVerifyCommand(CLI::App& root, const GlobalOptions& /*global*/) {
+    auto options = std::make_shared<VerifyOptions>();
+    CLI::App* app = root.add_subcommand(
+        "verify", "Check the header, index and every record checksum of container files; exit 1 unless intact");
+    app->add_option("FILE", options->paths, "The .kel file(s) to check")->required();
+    app->add_flag("--json", options->json, "Print JSON");
+    app->add_option("--max-problems", options->maxProblems, "Problems listed per file (default 20)")->type_name("N");
+    return {app, [options] { return RunVerify(*options); }};
+}
+
+}  // namespace KelTool

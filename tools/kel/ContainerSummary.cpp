@@ -1,0 +1,261 @@
+#include "ContainerSummary.h"
+
+#include <KEL/DataTypeMesh.h>
+#include <KEL/DataTypeStreamInfo.h>
+#include <KEL/DataTypeTextureRGBA.h>
+#include <KEL/KELPurposeGuids.h>
+#include <KEL/PurposeGuids.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <iomanip>
+#include <limits>
+#include <sstream>
+
+namespace KelTool {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+LayerSummary SummarizeLayer(const std::shared_ptr<KEL::DataLayer>& layer) {
+    LayerSummary s;
+    s.type = layer->TypeName();
+    s.purpose = KEL::KELPurposeGuids::Describe(layer->GetPurposeGuid()).str();
+    s.version = layer->GetVersion();
+    s.payloadBytes = layer->PayloadSize();
+    if (auto image = KEL::LayerCast<KEL::DataTypeTextureRGBA>(layer)) {
+        s.detail = std::to_string(image->GetWidth()) + "x" + std::to_string(image->GetHeight());
+    } else if (auto mesh = KEL::LayerCast<KEL::DataTypeMesh>(layer)) {
+        s.detail = std::to_string(mesh->GetNumVertices()) + " vertices, " + std::to_string(mesh->GetNumTriangles()) +
+                   " triangles";
+    } else if (auto info = KEL::LayerCast<KEL::DataTypeStreamInfo>(layer)) {
+        std::ostringstream d;
+        d << "'" << info->GetName() << "', " << info->GetNumFrames() << " frames at " << info->GetFrameRate() << " fps";
+        s.detail = d.str();
+    }
+    return s;
+}
+
+void SummarizeStream(KEL::ReadKEL2File& reader, std::uint16_t id, StreamSummary* s) {
+    s->id = id;
+    s->frames = reader.GetNumFrames(id);
+    const auto numbers = reader.GetFrameNumbers(id);
+    if (!numbers.empty()) {
+        s->firstFrameNr = numbers.front();
+        s->lastFrameNr = numbers.back();
+    }
+    bool first = true;
+    for (const std::uint32_t nr : numbers) {
+        const auto atom = reader.GetFrameAtom(id, nr);
+        if (!atom) {
+            continue;
+        }
+        s->payloadBytes += atom->PayloadSize();
+        if (first) {
+            first = false;
+            s->firstTimeStamp = atom->GetTimeStamp();
+            s->lastTimeStamp = atom->GetTimeStamp();
+            for (const auto& layer : atom->GetAllDataLayers()) {
+                s->firstAtomLayers.push_back(SummarizeLayer(layer));
+                if (auto info = KEL::LayerCast<KEL::DataTypeStreamInfo>(layer); info && s->name.empty()) {
+                    s->name = info->GetName();
+                    s->frameRate = info->GetFrameRate();
+                }
+            }
+            auto thumb = KEL::LayerCast<KEL::DataTypeTextureRGBA>(
+                atom->GetDataLayer(KEL::PurposeGuid_THUMBNAIL, KEL::DataTypeTextureRGBA::TheTypeGuid(), false));
+            if (thumb) {
+                s->hasThumbnail = true;
+                s->thumbnailWidth = thumb->GetWidth();
+                s->thumbnailHeight = thumb->GetHeight();
+            }
+        }
+        s->firstTimeStamp = std::min(s->firstTimeStamp, atom->GetTimeStamp());
+        s->lastTimeStamp = std::max(s->lastTimeStamp, atom->GetTimeStamp());
+    }
+}
+
+}  // namespace
+
+bool ContainerSummary::HasThumbnail() const noexcept {
+    return std::any_of(streams.begin(), streams.end(), [](const StreamSummary& s) { return s.hasThumbnail; });
+}
+
+ContainerSummary SummarizeContainer(const std::string& path) {
+    ContainerSummary summary;
+    summary.path = path;
+    KEL::ReadKEL2File reader(path.c_str());
+    summary.openResult = reader.Initialize();
+    if (summary.openResult != KEL::KEL_OK) {
+        summary.error =
+            reader.GetLastError().empty() ? KEL::KelErrorCodeName(summary.openResult) : reader.GetLastError();
+        return summary;
+    }
+    summary.fileSize = reader.GetFileSize();
+    summary.formatVersion = reader.GetFormatVersion();
+    summary.atoms = reader.GetNumAtoms();
+    summary.damage = reader.GetDamageReport();
+    std::uint32_t shortest = std::numeric_limits<std::uint32_t>::max();
+    for (int i = 0; i < reader.GetNumStreams(); ++i) {
+        StreamSummary s;
+        SummarizeStream(reader, reader.GetStreamId(i), &s);
+        shortest = std::min(shortest, s.frames);
+        summary.streams.push_back(std::move(s));
+    }
+    summary.frames = summary.streams.empty() ? 0 : shortest;
+    return summary;
+}
+
+nlohmann::ordered_json ToJson(const ContainerSummary& summary) {
+    nlohmann::ordered_json j;
+    j["path"] = summary.path;
+    if (!summary.Ok()) {
+        j["ok"] = false;
+        j["errorCode"] = summary.openResult;
+        j["error"] = summary.error;
+        return j;
+    }
+    j["ok"] = true;
+    j["fileSize"] = summary.fileSize;
+    j["formatVersion"] = summary.formatVersion;
+    j["atoms"] = summary.atoms;
+    j["frames"] = summary.frames;
+    j["hasThumbnail"] = summary.HasThumbnail();
+    j["damage"] = {
+        {"indexUsed", summary.damage.indexUsed},       {"recovered", summary.damage.recovered},
+        {"skippedBytes", summary.damage.skippedBytes}, {"skippedRecords", summary.damage.skippedRecords},
+        {"validRecords", summary.damage.validRecords}, {"truncatedTailBytes", summary.damage.truncatedTailBytes}};
+    auto streams = nlohmann::ordered_json::array();
+    for (const auto& s : summary.streams) {
+        nlohmann::ordered_json js;
+        js["id"] = s.id;
+        js["name"] = s.name;
+        js["frames"] = s.frames;
+        js["frameRate"] = s.frameRate;
+        js["firstFrameNr"] = s.firstFrameNr;
+        js["lastFrameNr"] = s.lastFrameNr;
+        js["firstTimeStamp"] = s.firstTimeStamp;
+        js["lastTimeStamp"] = s.lastTimeStamp;
+        js["durationSeconds"] = static_cast<double>(s.lastTimeStamp - s.firstTimeStamp) / 1e6;
+        js["payloadBytes"] = s.payloadBytes;
+        js["hasThumbnail"] = s.hasThumbnail;
+        if (s.hasThumbnail) {
+            js["thumbnail"] = {{"width", s.thumbnailWidth}, {"height", s.thumbnailHeight}};
+        }
+        auto layers = nlohmann::ordered_json::array();
+        for (const auto& l : s.firstAtomLayers) {
+            layers.push_back({{"type", l.type},
+                              {"purpose", l.purpose},
+                              {"version", l.version},
+                              {"payloadBytes", l.payloadBytes},
+                              {"detail", l.detail}});
+        }
+        js["firstAtomLayers"] = std::move(layers);
+        streams.push_back(std::move(js));
+    }
+    j["streams"] = std::move(streams);
+    return j;
+}
+
+std::string FormatBytes(std::uint64_t bytes) {
+    static const char* const kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB"};
+    auto value = static_cast<double>(bytes);
+    std::size_t unit = 0;
+    while (value >= 1024.0 && unit + 1 < std::size(kUnits)) {
+        value /= 1024.0;
+        ++unit;
+    }
+    char text[32];
+    if (unit == 0) {
+        std::snprintf(text, sizeof text, "%llu B", static_cast<unsigned long long>(bytes));
+    } else {
+        std::snprintf(text, sizeof text, "%.1f %s", value, kUnits[unit]);
+    }
+    return text;
+}
+
+std::string FormatDuration(std::int64_t microseconds) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.3f s", static_cast<double>(microseconds) / 1e6);
+    return text;
+}
+
+void PrintContainerSummary(std::ostream& out, const ContainerSummary& summary) {
+    out << summary.path << "\n";
+    if (!summary.Ok()) {
+        out << "  cannot open: " << summary.error << "\n";
+        return;
+    }
+    out << "  size:      " << FormatBytes(summary.fileSize) << " (" << summary.fileSize << " bytes)\n";
+    out << "  format:    " << summary.formatVersion << "\n";
+    out << "  atoms:     " << summary.atoms << " in " << summary.streams.size() << " stream(s), " << summary.frames
+        << " playable frame(s)\n";
+    out << "  thumbnail: " << (summary.HasThumbnail() ? "yes" : "no") << "\n";
+    if (summary.damage.recovered || summary.damage.skippedRecords > 0 || summary.damage.truncatedTailBytes > 0) {
+        out << "  damage:    recovered by scanning; " << summary.damage.skippedRecords << " record(s) and "
+            << summary.damage.skippedBytes << " byte(s) skipped, " << summary.damage.truncatedTailBytes
+            << " byte(s) of an incomplete tail (run `kel verify`)\n";
+    }
+    out << "\n  " << std::left << std::setw(7) << "stream" << std::setw(8) << "frames" << std::setw(14) << "numbers"
+        << std::setw(12) << "duration" << std::setw(12) << "payload"
+        << "name\n";
+    for (const auto& s : summary.streams) {
+        out << "  " << std::setw(7) << s.id << std::setw(8) << s.frames << std::setw(14)
+            << (std::to_string(s.firstFrameNr) + ".." + std::to_string(s.lastFrameNr)) << std::setw(12)
+            << FormatDuration(s.lastTimeStamp - s.firstTimeStamp) << std::setw(12) << FormatBytes(s.payloadBytes)
+            << s.name << "\n";
+    }
+    for (const auto& s : summary.streams) {
+        out << "\n  stream " << s.id << ", first atom layers:\n";
+        for (const auto& l : s.firstAtomLayers) {
+            out << "    " << std::setw(16) << l.type << std::setw(26) << l.purpose << "v" << std::setw(4) << l.version
+                << std::setw(12) << FormatBytes(l.payloadBytes) << l.detail << "\n";
+        }
+        out << "    time: " << s.firstTimeStamp << " .. " << s.lastTimeStamp << " us\n";
+    }
+    out << std::right;
+}
+
+void PrintDirectorySummary(std::ostream& out, const std::string& directory,
+                           const std::vector<ContainerSummary>& summaries) {
+    out << directory << ": " << summaries.size() << " container file(s)\n\n";
+    out << "  " << std::left << std::setw(32) << "file" << std::setw(9) << "streams" << std::setw(8) << "frames"
+        << std::setw(12) << "size" << std::setw(12) << "duration"
+        << "thumbnail\n";
+    std::uint64_t totalBytes = 0;
+    std::uint64_t totalAtoms = 0;
+    for (const auto& s : summaries) {
+        const std::string name = fs::path(s.path).filename().string();
+        if (!s.Ok()) {
+            out << "  " << std::setw(32) << name << "cannot open: " << s.error << "\n";
+            continue;
+        }
+        std::int64_t duration = 0;
+        for (const auto& st : s.streams) {
+            duration = std::max(duration, st.lastTimeStamp - st.firstTimeStamp);
+        }
+        out << "  " << std::setw(32) << name << std::setw(9) << s.streams.size() << std::setw(8) << s.frames
+            << std::setw(12) << FormatBytes(s.fileSize) << std::setw(12) << FormatDuration(duration)
+            << (s.HasThumbnail() ? "yes" : "no") << "\n";
+        totalBytes += s.fileSize;
+        totalAtoms += s.atoms;
+    }
+    out << "\n  total: " << FormatBytes(totalBytes) << ", " << totalAtoms << " atoms\n" << std::right;
+}
+
+std::vector<std::string> ListContainerFiles(const std::string& directory) {
+    std::vector<std::string> files;
+    std::error_code ec;
+    for (fs::directory_iterator it(directory, ec), end; !ec && it != end; it.increment(ec)) {
+        std::error_code typeEc;
+        if (it->path().extension() == ".kel" && it->is_regular_file(typeEc)) {
+            files.push_back(it->path().string());
+        }
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+}  // namespace KelTool

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <KEL/KelErrorCode.h>
+#include <KEL/ReadKEL2File.h>
+
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace KelTool {
+
+struct LayerSummary {
+    std::string type;     // the layer type's short name ("TextureRGBA")
+    std::string purpose;  // purpose alias, or the GUID text when it has none
+    std::uint16_t version = 0;
+    std::uint64_t payloadBytes = 0;
+    std::string detail;  // e.g. "320x240" for images, "256 vertices" for meshes
+};
+
+struct StreamSummary {
+    std::uint16_t id = 0;
+    std::uint32_t frames = 0;
+    std::uint32_t firstFrameNr = 0;
+    std::uint32_t lastFrameNr = 0;
+    std::int64_t firstTimeStamp = 0;  // microseconds
+    std::int64_t lastTimeStamp = 0;
+    std::uint64_t payloadBytes = 0;  // all atoms of the stream
+    std::string name;                // from the stream information, when present
+    double frameRate = 0.0;
+    std::vector<LayerSummary> firstAtomLayers;
+    bool hasThumbnail = false;
+    std::uint32_t thumbnailWidth = 0;
+    std::uint32_t thumbnailHeight = 0;
+};
+
+// What `kel info` reports about one container file.
+struct ContainerSummary {
+    std::string path;
+    KEL::KelErrorCode openResult = KEL::KEL_OK;  // non-zero: the file could not be opened
+    std::string error;
+    std::uint64_t fileSize = 0;
+    std::uint16_t formatVersion = 0;
+    std::uint64_t atoms = 0;
+    std::uint32_t frames = 0;  // frames a source plays: the shortest stream's count
+    KEL::ContainerDamageReport damage;
+    std::vector<StreamSummary> streams;
+
+    bool Ok() const noexcept { return openResult == KEL::KEL_OK; }
+    bool HasThumbnail() const noexcept;
+};
+
+// Opens `path` with the container reader and reads every atom once (for the
+// time range and sizes). Never throws; a file that cannot be opened gives a
+// summary with `openResult` and `error` set.
+ContainerSummary SummarizeContainer(const std::string& path);
+
+nlohmann::ordered_json ToJson(const ContainerSummary& summary);
+
+// Human-readable report of one file: header facts, then a table of streams
+// and the layer kinds of each stream's first atom.
+void PrintContainerSummary(std::ostream& out, const ContainerSummary& summary);
+// One line per file and a total.
+void PrintDirectorySummary(std::ostream& out, const std::string& directory,
+                           const std::vector<ContainerSummary>& summaries);
+
+// The ".kel" files directly inside `directory`, sorted by name.
+std::vector<std::string> ListContainerFiles(const std::string& directory);
+
+// "12.3 MiB" style.
+std::string FormatBytes(std::uint64_t bytes);
+// "1.500 s" for a span of microseconds.
+std::string FormatDuration(std::int64_t microseconds);
+
+}  // namespace KelTool

@@ -1,0 +1,104 @@
+#include "Conversion.h"
+
+#include <KEL/ReadKEL2File.h>
+
+#include <filesystem>
+#include <iostream>
+
+#include "GraphBuilder.h"
+#include "GraphRunner.h"
+#include "PluginSetup.h"
+
+namespace KelTool {
+
+namespace fs = std::filesystem;
+
+void AddWriterOptions(CLI::App* app, WriterOptions& options) {
+    CLI::Option* async = app->add_flag("--async", options.async, "Write on a thread of its own (asynchronous target)");
+    app->add_option("--buffer", options.buffer, "Frames the asynchronous target may queue (\"Buffer size\")")
+        ->type_name("N")
+        ->needs(async);
+    app->add_flag("--drop,!--no-drop", options.drop,
+                  "Drop frames when the queue is full instead of waiting (default: wait)")
+        ->needs(async);
+    app->add_flag("--xml", options.xml, "Write an XML companion next to each file");
+    app->add_flag("--thumbnail", options.thumbnail, "Store a thumbnail in the first atom of each stream");
+    app->add_flag("-q,--quiet", options.quiet, "No progress bar and no summary");
+}
+
+FilterSpec MakeWriterSpec(const std::string& syncClass, const std::string& asyncClass, const std::string& outputPath,
+                          const WriterOptions& options) {
+    FilterSpec spec;
+    spec.className = options.async ? asyncClass : syncClass;
+    spec.name = "out";
+    spec.params = {
+        {"KEL File Path", outputPath},
+        {"Write XML", options.xml ? "true" : "false"},
+        {"Create thumbnail for first frame", options.thumbnail ? "true" : "false"},
+    };
+    if (options.async) {
+        if (options.buffer) {
+            spec.params.emplace_back("Buffer size", std::to_string(*options.buffer));
+        }
+        spec.params.emplace_back("Drop frames when full", options.drop ? "true" : "false");
+    }
+    spec.params.emplace_back("Enable Recording", "true");
+    return spec;
+}
+
+std::string WriterOutputPath(const std::string& path) {
+    return fs::absolute(fs::path(path)).replace_extension(".kel").lexically_normal().string();
+}
+
+std::string PerStreamOutputPath(const std::string& path, std::uint16_t id) {
+    const fs::path base = fs::absolute(fs::path(path));
+    return (base.parent_path() / (base.stem().string() + "_" + std::to_string(id) + ".kel"))
+        .lexically_normal()
+        .string();
+}
+
+bool CheckOutputIsNotInput(const std::string& output, const std::vector<std::string>& inputs, std::string* error) {
+    for (const auto& input : inputs) {
+        std::error_code ec;
+        if (fs::equivalent(output, input, ec) && !ec) {
+            *error = "the output '" + output + "' is the input '" + input + "'; choose another output path";
+            return false;
+        }
+    }
+    return true;
+}
+
+int PlayConversion(const GlobalOptions& global, const GraphDescription& description, const WriterOptions& options,
+                   const std::vector<std::string>& expectedOutputs) {
+    std::string error;
+    if (!LoadPlugins(global, &error)) {
+        return Fail(error);
+    }
+    KEL::Graph graph;
+    if (!BuildGraph(description, graph, &error)) {
+        return Fail(error);
+    }
+    const GraphRunOutcome outcome = RunGraph(graph, description, !options.quiet);
+    if (!options.quiet || !outcome.ok) {
+        PrintRunSummary(std::cout, graph, outcome);
+    }
+    if (!outcome.ok) {
+        return Fail(outcome.error);
+    }
+    bool allWritten = true;
+    for (const auto& path : expectedOutputs) {
+        KEL::ReadKEL2File reader(path.c_str());
+        if (reader.Initialize() != KEL::KEL_OK) {
+            std::cerr << "kel: error: expected output '" << path << "' was not written\n";
+            allWritten = false;
+            continue;
+        }
+        if (!options.quiet) {
+            std::cout << "Wrote " << path << ": " << reader.GetNumStreams() << " stream(s), " << reader.GetNumAtoms()
+                      << " atom(s)\n";
+        }
+    }
+    return allWritten ? kExitOk : kExitFailure;
+}
+
+}  // namespace KelTool

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Command.h"
+#include "GraphDescription.h"
+
+namespace KelTool {
+
+// Options of the commands that read container files through a source filter
+// and write them again through one of the plugin's target filters.
+struct WriterOptions {
+    bool async = false;                   // the asynchronous variant of the target
+    std::optional<std::uint32_t> buffer;  // "Buffer size" (async only)
+    bool drop = false;                    // "Drop frames when full" (async only)
+    bool xml = false;                     // "Write XML"
+    bool thumbnail = false;               // "Create thumbnail for first frame"
+    bool quiet = false;
+};
+
+void AddWriterOptions(CLI::App* app, WriterOptions& options);
+
+// The target filter "out" of class `syncClass` (or `asyncClass` with
+// --async) writing to `outputPath`, with recording enabled.
+FilterSpec MakeWriterSpec(const std::string& syncClass, const std::string& asyncClass, const std::string& outputPath,
+                          const WriterOptions& options);
+
+// The path a writer given `path` creates: its last extension replaced by ".kel".
+std::string WriterOutputPath(const std::string& path);
+// The path of stream `id`'s file for a per-stream writer given `path`.
+std::string PerStreamOutputPath(const std::string& path, std::uint16_t id);
+
+// Fails when `output` names the same file as one of `inputs` (writing it
+// would destroy the data being read).
+bool CheckOutputIsNotInput(const std::string& output, const std::vector<std::string>& inputs, std::string* error);
+
+// Loads the plugins, builds and plays `description`, prints the run summary
+// (unless quiet) and checks that every file of `expectedOutputs` exists
+// afterwards, listing them. Returns the exit code.
+int PlayConversion(const GlobalOptions& global, const GraphDescription& description, const WriterOptions& options,
+                   const std::vector<std::string>& expectedOutputs);
+
+}  // namespace KelTool

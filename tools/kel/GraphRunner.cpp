@@ -1,0 +1,175 @@
+#include "GraphRunner.h"
+
+#include <KEL/FilterParams.h>
+
+#include <atomic>
+#include <csignal>
+#include <memory>
+
+#include "GraphBuilder.h"
+#include "ProgressBar.h"
+
+namespace KelTool {
+
+namespace {
+
+std::atomic<bool> gInterrupted{false};
+
+extern "C" void OnInterrupt(int /*signal*/) { gInterrupted.store(true); }
+
+// Routes SIGINT to a flag for as long as it lives; the graph thread polls
+// the flag between frames and asks the graph to stop.
+class InterruptGuard {
+public:
+    InterruptGuard() {
+        gInterrupted.store(false);
+        struct sigaction action {};
+        action.sa_handler = &OnInterrupt;
+        sigemptyset(&action.sa_mask);
+        sigaction(SIGINT, &action, &previous_);
+    }
+    ~InterruptGuard() { sigaction(SIGINT, &previous_, nullptr); }
+    InterruptGuard(const InterruptGuard&) = delete;
+    InterruptGuard& operator=(const InterruptGuard&) = delete;
+
+private:
+    struct sigaction previous_ {};
+};
+
+bool PressButton(KEL::Filter& filter, const std::string& name, std::string* error) {
+    auto param = std::dynamic_pointer_cast<KEL::FilterParamCallback>(filter.FindParam(name));
+    if (!param) {
+        *error = "filter '" + filter.GetInstanceName() + "' has no button '" + name + "'";
+        return false;
+    }
+    param->Press();
+    return true;
+}
+
+bool ApplyEvent(KEL::Graph& graph, const TimelineEvent& event, std::string* error) {
+    if (!event.filter.empty()) {
+        KEL::Filter* filter = graph.FindFilter(event.filter);
+        if (filter == nullptr) {
+            *error = "no filter named '" + event.filter + "'";
+            return false;
+        }
+        for (const auto& [name, value] : event.set) {
+            if (!SetFilterParam(*filter, name, value, error)) {
+                return false;
+            }
+        }
+        for (const auto& name : event.press) {
+            if (!PressButton(*filter, name, error)) {
+                return false;
+            }
+        }
+    }
+    if (event.stop) {
+        graph.RequestStop();
+    }
+    return true;
+}
+
+}  // namespace
+
+GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description, bool showProgress) {
+    GraphRunOutcome outcome;
+    std::string why;
+    if (graph.Initialize(&why) != KEL::KEL_OK) {
+        outcome.error = "initialisation failed: " + why;
+        return outcome;
+    }
+
+    std::vector<bool> fired(description.timeline.size(), false);
+    std::uint32_t pass = 0;
+    bool seenFrame = false;
+    std::uint32_t lastFrame = 0;
+    std::string eventError;
+    ProgressBar progress(stderr, showProgress);
+    InterruptGuard interruptGuard;
+
+    KEL::RunOptions options;
+    options.startFrame = description.startFrame;
+    options.frameCount = description.frameCount;
+    options.loops = description.loops;
+    options.maxConsecutiveSkips = description.maxConsecutiveSkips;
+    options.doneTimeout = description.doneTimeout;
+    options.beforeFrame = [&](KEL::Graph& g, std::uint32_t frameNr) {
+        if (seenFrame && frameNr <= lastFrame) {
+            ++pass;
+        }
+        seenFrame = true;
+        lastFrame = frameNr;
+        if (gInterrupted.load()) {
+            g.RequestStop();
+            return;
+        }
+        for (std::size_t i = 0; i < description.timeline.size() && eventError.empty(); ++i) {
+            const TimelineEvent& event = description.timeline[i];
+            if (event.frame != frameNr || (event.pass && *event.pass != pass)) {
+                continue;
+            }
+            std::string error;
+            if (!ApplyEvent(g, event, &error)) {
+                eventError = "timeline event at frame " + std::to_string(frameNr) + ": " + error;
+                g.RequestStop();
+                return;
+            }
+            fired[i] = true;
+        }
+    };
+    options.afterFrame = [&](KEL::Graph& g, std::uint32_t /*frameNr*/, bool /*delivered*/) {
+        const std::uint64_t perPass = g.FramesPerPass();
+        const std::uint32_t current = g.CurrentFrame();
+        const std::uint64_t inPass = current >= description.startFrame ? current - description.startFrame + 1 : 0;
+        const std::uint64_t done = static_cast<std::uint64_t>(pass) * perPass + inPass;
+        const std::uint64_t total = description.loops == 0 ? 0 : perPass * description.loops;
+        progress.Update(done, total, description.loops > 1 ? "pass " + std::to_string(pass + 1) : std::string());
+        if (gInterrupted.load()) {
+            g.RequestStop();
+        }
+    };
+
+    outcome.result = graph.Run(options);
+    progress.Finish();
+
+    for (bool f : fired) {
+        (f ? outcome.eventsFired : outcome.eventsNotFired) += 1;
+    }
+    if (!eventError.empty()) {
+        outcome.error = eventError;
+    } else if (!outcome.result.Ok()) {
+        outcome.error = outcome.result.message.empty()
+                            ? "the run failed (code " + std::to_string(outcome.result.code) + ")"
+                            : outcome.result.message;
+    } else {
+        outcome.ok = true;
+    }
+    return outcome;
+}
+
+void PrintRunSummary(std::ostream& out, const KEL::Graph& graph, const GraphRunOutcome& outcome) {
+    const auto& r = outcome.result;
+    out << "Frames delivered: " << r.framesDelivered << "\n";
+    out << "Frames skipped:   " << r.framesSkipped << "\n";
+    if (r.stoppedEarly) {
+        out << "Stopped early:    yes\n";
+    }
+    if (outcome.eventsFired + outcome.eventsNotFired > 0) {
+        out << "Timeline events:  " << outcome.eventsFired << " fired";
+        if (outcome.eventsNotFired > 0) {
+            out << ", " << outcome.eventsNotFired << " never reached";
+        }
+        out << "\n";
+    }
+    for (const KEL::Filter* filter : graph.GetFilters()) {
+        for (const auto& param : filter->GetParams()) {
+            if ((param->GetFlags() & KEL::PARAM_FLAG_STATUS) != 0) {
+                out << filter->GetInstanceName() << ": " << param->GetName() << " = " << param->GetValueAsString()
+                    << "\n";
+            }
+        }
+    }
+}
+
+}  // namespace KelTool

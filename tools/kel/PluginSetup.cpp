@@ -1,0 +1,102 @@
+#include "PluginSetup.h"
+
+#include <KEL/KELLogger.h>
+#include <KEL/PluginLoader.h>
+#include <KelCommon/Logger.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <iostream>
+#include <system_error>
+
+namespace KelTool {
+
+namespace fs = std::filesystem;
+
+void ApplyVerbosity(int verbosity) {
+    if (verbosity <= 0) {
+        return;
+    }
+    if (auto logger = KEL::GetKELLoggerInstance().lock()) {
+        logger->SetStderrLevel(std::min(logger->GetStderrLevel() + verbosity, static_cast<int>(KelCommon::LOG_TRACE)));
+    }
+}
+
+std::vector<std::string> DefaultPluginSearchPath() {
+    std::vector<std::string> dirs;
+    std::error_code ec;
+    const fs::path exe = fs::read_symlink("/proc/self/exe", ec);
+    if (!ec && exe.has_parent_path()) {
+        const fs::path exeDir = exe.parent_path();
+#if defined(KEL_TOOL_BUILD_DIR) && defined(KEL_TOOL_BUILD_PLUGIN_DIR)
+        // Run from the build tree: use the plugins built with it.
+        if (fs::equivalent(exeDir, KEL_TOOL_BUILD_DIR, ec) && !ec) {
+            dirs.emplace_back(KEL_TOOL_BUILD_PLUGIN_DIR);
+        }
+#endif
+        dirs.push_back((exeDir.parent_path() / "plugins").lexically_normal().string());
+        dirs.push_back((exeDir.parent_path() / "lib" / "kel" / "plugins").lexically_normal().string());
+    }
+    dirs.push_back(KEL::PluginLoader::DefaultPluginDirectory());
+    return dirs;
+}
+
+namespace {
+
+void WarnRefusals(const std::vector<std::string>& refusals) {
+    for (const auto& refusal : refusals) {
+        std::cerr << "kel: warning: plugin refused: " << refusal << '\n';
+    }
+}
+
+}  // namespace
+
+bool LoadPlugins(const GlobalOptions& options, std::string* error) {
+    std::size_t loaded = 0;
+    for (const auto& path : options.pluginPaths) {
+        KEL::LoadedPlugin plugin;
+        std::string why;
+        if (KEL::PluginLoader::LoadPlugin(path, &plugin, &why) != 0) {
+            *error = "cannot load plugin " + why;
+            return false;
+        }
+        ++loaded;
+    }
+    for (const auto& dir : options.pluginDirs) {
+        std::error_code ec;
+        if (!fs::is_directory(dir, ec)) {
+            *error = "plugin directory '" + dir + "' does not exist";
+            return false;
+        }
+        std::vector<std::string> refusals;
+        loaded += KEL::PluginLoader::LoadPluginsFromDirectory(dir, &refusals);
+        WarnRefusals(refusals);
+    }
+    if (options.pluginPaths.empty() && options.pluginDirs.empty()) {
+        const auto searchPath = DefaultPluginSearchPath();
+        for (const auto& dir : searchPath) {
+            std::error_code ec;
+            if (!fs::is_directory(dir, ec)) {
+                continue;
+            }
+            std::vector<std::string> refusals;
+            const std::size_t n = KEL::PluginLoader::LoadPluginsFromDirectory(dir, &refusals);
+            WarnRefusals(refusals);
+            if (n > 0) {
+                loaded += n;
+                break;
+            }
+        }
+        if (loaded == 0 && KEL::PluginLoader::GetLoadedPlugins().empty()) {
+            std::string searched;
+            for (const auto& dir : searchPath) {
+                searched += (searched.empty() ? "" : ", ") + dir;
+            }
+            *error = "no plugin found (searched " + searched + "); use --plugin-dir or --plugin";
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace KelTool

@@ -1,0 +1,53 @@
+// kel: inspect, verify, convert and record KEL container files, and play
+// graphs of filters from the loaded plugins.
+
+#include <CLI/CLI.hpp>
+#include <exception>
+#include <iostream>
+
+#include "Command.h"
+#include "PluginSetup.h"
+
+int main(int argc, char** argv) {
+    using namespace KelTool;
+
+    CLI::App app{"kel: record, play, inspect and convert KEL container files (.kel)", "kel"};
+    app.require_subcommand(1);
+    app.set_help_all_flag("--help-all", "Show the help of every command");
+
+    GlobalOptions global;
+    app.add_flag("-v,--verbose", global.verbosity, "More log output on stderr (repeat for more)");
+    app.add_option("--plugin-dir", global.pluginDirs, "Load the plugins of this directory (repeatable)")
+        ->type_name("DIR");
+    app.add_option("--plugin", global.pluginPaths, "Load this plugin library (repeatable)")->type_name("PATH");
+
+    std::vector<Command> commands{
+        AddFiltersCommand(app, global), AddInfoCommand(app, global),  AddVerifyCommand(app, global),
+        AddRunCommand(app, global),     AddCopyCommand(app, global),  AddSplitCommand(app, global),
+        AddConcatCommand(app, global),  AddMergeCommand(app, global), AddThumbnailCommand(app, global),
+        AddDemoCommand(app, global),
+    };
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        app.exit(e);
+        return kExitUsage;
+    }
+
+    try {
+        ApplyVerbosity(global.verbosity);
+        for (const auto& command : commands) {
+            if (command.app->parsed()) {
+                return command.run();
+            }
+        }
+    } catch (const std::exception& e) {
+        return Fail(e.what());
+    }
+    return Fail("no command given");
+}
