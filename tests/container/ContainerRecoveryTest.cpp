@@ -116,7 +116,7 @@ TEST(ContainerRecovery, FlippedPayloadByteWithIndexLosesThatAtomOnly) {
     const auto path = dir.File("flip.kel");
     const auto atoms = SmallAtoms(1, 4);
     const auto ends = WriteContainer(path, atoms);
-    FlipByte(path, ends[1] + 100);  // inside the third record's payload
+    FlipByte(path, ends[2] - 20);  // in the third record's last blob
 
     KelCommon::ScopedLogCapture log;
     auto reader = OpenContainer(path);
@@ -136,7 +136,7 @@ TEST(ContainerRecovery, FlippedPayloadByteWithoutIndexLosesThatAtomOnly) {
     const auto path = dir.File("flip.kel");
     const auto atoms = SmallAtoms(1, 4);
     const auto ends = WriteContainer(path, atoms, false);
-    FlipByte(path, ends[1] + 100);
+    FlipByte(path, ends[2] - 20);
 
     auto reader = OpenContainer(path);
     const auto& report = reader->GetDamageReport();
