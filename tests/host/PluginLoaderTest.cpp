@@ -57,6 +57,7 @@ TEST(PluginLoaderTest, LoadsTheBuiltPluginAndReadsItsDescriptor) {
     EXPECT_EQ(loaded.path, fs::canonical(KEL_TEST_PLUGIN_PATH).string());
     EXPECT_TRUE(IsLoaded(loaded.path));
     EXPECT_EQ(capture.CountContaining("refused"), 0U);
+    EXPECT_EQ(loaded.filterClasses.size(), 11U);
     // Every class registered while it loaded carries the library as provider.
     for (const auto& guid : loaded.filterClasses) {
         const auto registered = KEL::FilterFactory::Find(guid);
