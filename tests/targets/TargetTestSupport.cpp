@@ -49,16 +49,22 @@ KEL::KelErrorCode MemorySource::pushDataToOutput(std::uint32_t frameNr) {
 
 Frames MakeCompleteFrames(const std::vector<std::uint16_t>& streams, std::uint32_t count, std::uint32_t firstFrameNr,
                           std::uint32_t step, std::uint32_t width, std::uint32_t height) {
+    // Streams at even positions carry per-frame cameras (version 2), those at
+    // odd positions one fixed camera (version 1) shared by all their atoms.
     std::map<std::uint16_t, std::vector<std::shared_ptr<KEL::DataLayer>>> streamLayers;
-    for (std::uint16_t stream : streams) {
+    for (std::size_t s = 0; s < streams.size(); ++s) {
+        const std::uint16_t stream = streams[s];
+        const bool fixedCamera = s % 2 == 1;
         const AtomPtr first = MakeFirstAtom(stream, count, width, height);
         for (const auto& layer : first->GetAllDataLayers()) {
             const auto& type = layer->GetTypeGuid();
-            const bool streamLevel =
-                type == KEL::DataTypeStreamInfo::TheTypeGuid() || type == KEL::DataTypeRecordingInfo::TheTypeGuid() ||
-                type == KEL::DataTypeStaticInfo::TheTypeGuid() || type == KEL::DataTypeBinary::TheTypeGuid() ||
-                type == KEL::DataTypeCylinderCrop::TheTypeGuid() ||
-                (type == KEL::DataTypeCameraParams::TheTypeGuid() && layer->GetVersion() < 2);
+            const bool streamLevel = type == KEL::DataTypeStreamInfo::TheTypeGuid() ||
+                                     type == KEL::DataTypeRecordingInfo::TheTypeGuid() ||
+                                     type == KEL::DataTypeStaticInfo::TheTypeGuid() ||
+                                     type == KEL::DataTypeBinary::TheTypeGuid() ||
+                                     type == KEL::DataTypeCylinderCrop::TheTypeGuid() ||
+                                     (fixedCamera && type == KEL::DataTypeCameraParams::TheTypeGuid() &&
+                                      layer->GetVersion() < 2);
             if (streamLevel) {
                 streamLayers[stream].push_back(layer);
             }
@@ -67,8 +73,12 @@ Frames MakeCompleteFrames(const std::vector<std::uint16_t>& streams, std::uint32
     Frames frames;
     for (std::uint32_t i = 0; i < count; ++i) {
         std::vector<AtomPtr> frame;
-        for (std::uint16_t stream : streams) {
+        for (std::size_t s = 0; s < streams.size(); ++s) {
+            const std::uint16_t stream = streams[s];
             AtomPtr atom = MakeFrameAtom(stream, firstFrameNr + i * step, width, height);
+            if (s % 2 == 1) {
+                atom->RemoveDataLayers(KEL::DataTypeCameraParams::TheTypeGuid());
+            }
             for (const auto& layer : streamLayers[stream]) {
                 atom->AddDataLayer(layer, true);
             }
@@ -158,6 +168,74 @@ void ExpectFileHoldsFrames(const std::string& path, const Frames& frames) {
                 << "stream " << stream << " frame " << i << ": " << why;
         }
     }
+}
+
+GraphRun::GraphRun(std::vector<std::uint16_t> streams, Frames frames) {
+    source_ = graph_.AddFilter(std::make_unique<MemorySource>(std::move(streams), std::move(frames)), "source");
+    EXPECT_NE(source_, nullptr);
+}
+
+KEL::Filter* GraphRun::AddTarget(KEL::FilterCreator creator, const std::string& name) {
+    return AddTarget(std::unique_ptr<KEL::Filter>(creator()), name);
+}
+
+KEL::Filter* GraphRun::AddTarget(std::unique_ptr<KEL::Filter> target, const std::string& name) {
+    std::string error;
+    KEL::Filter* added = graph_.AddFilter(std::move(target), name, &error);
+    EXPECT_NE(added, nullptr) << error;
+    EXPECT_EQ(graph_.Connect(source_, added, &error), 0U) << error;
+    return added;
+}
+
+KEL::RunResult GraphRun::Run(const KEL::RunOptions& options) {
+    if (!initialized_) {
+        std::string error;
+        EXPECT_EQ(graph_.Initialize(&error), 0U) << error;
+        initialized_ = true;
+    }
+    KEL::RunResult result = graph_.Run(options);
+    EXPECT_TRUE(result.Ok()) << result.message;
+    return result;
+}
+
+DirectDriver::DirectDriver(KEL::Target& target, std::vector<std::uint16_t> streams)
+    : source_(std::move(streams), {}), target_(target) {
+    EXPECT_EQ(target_.onInitializeParams(nullptr), 0U);
+    target_.SetFilterState(KEL::FILTER_STATE_PARAMS_READY);
+}
+
+void DirectDriver::Initialize() {
+    target_.SetInputProfile(&source_, source_.GetOutputProfile());
+    EXPECT_EQ(target_.Initialize(nullptr), 0U);
+}
+
+void DirectDriver::Play() {
+    EXPECT_EQ(target_.onPlay(), 0U);
+    target_.SetFilterState(KEL::FILTER_STATE_PLAYING);
+}
+
+KEL::KelErrorCode DirectDriver::Process(const AtomPtr& atom) {
+    return target_.onProcessFrame(KEL::Atom::Copy(atom, -1, true));
+}
+
+void DirectDriver::PostUpdate() { EXPECT_EQ(target_.onPostUpdate(), 0U); }
+
+KEL::KelErrorCode DirectDriver::Deliver(const std::vector<AtomPtr>& frame) {
+    KEL::KelErrorCode first = 0;
+    for (const auto& atom : frame) {
+        const KEL::KelErrorCode code = Process(atom);
+        if (first == 0) {
+            first = code;
+        }
+    }
+    PostUpdate();
+    return first;
+}
+
+void DirectDriver::Stop() {
+    target_.SetFilterState(KEL::FILTER_STATE_STOPPING);
+    EXPECT_EQ(target_.onStop(), 0U);
+    target_.SetFilterState(KEL::FILTER_STATE_INITIALIZED);
 }
 
 }  // namespace kel_test

@@ -7,7 +7,9 @@
 #include <KEL/Atom.h>
 #include <KEL/Filter.h>
 #include <KEL/FilterParams.h>
+#include <KEL/Graph.h>
 #include <KEL/Source.h>
+#include <KEL/Target.h>
 
 #include <cstdint>
 #include <map>
@@ -40,10 +42,12 @@ private:
     Frames frames_;
 };
 
-// `count` frames of `streams`. Every atom is complete: its own texture, mesh
-// and camera (version 2) plus the stream's stream-level layers (stream
-// information, recording and static information, binary, crop, camera
-// version 1). Incoming frame numbers are firstFrameNr, firstFrameNr + step, ...
+// `count` frames of `streams`. Every atom is complete: its own texture and
+// mesh plus the stream's stream-level layers (stream information, recording
+// and static information, binary, crop), shared by all atoms of the stream.
+// Streams at even positions have a per-frame camera (version 2), those at odd
+// positions a fixed one (version 1). Incoming frame numbers are firstFrameNr,
+// firstFrameNr + step, ...
 Frames MakeCompleteFrames(const std::vector<std::uint16_t>& streams, std::uint32_t count,
                           std::uint32_t firstFrameNr = 0, std::uint32_t step = 1, std::uint32_t width = 16,
                           std::uint32_t height = 8);
@@ -65,5 +69,43 @@ bool SameContent(const KEL::Atom& a, const KEL::Atom& b, std::string* why = null
 
 // Checks that `path` holds `frames` (every stream, renumbered from 0).
 void ExpectFileHoldsFrames(const std::string& path, const Frames& frames);
+
+// One source playing `frames` into any number of targets through a real graph.
+class GraphRun {
+public:
+    GraphRun(std::vector<std::uint16_t> streams, Frames frames);
+    // Creates a target with its exported creator and connects it.
+    KEL::Filter* AddTarget(KEL::FilterCreator creator, const std::string& name);
+    KEL::Filter* AddTarget(std::unique_ptr<KEL::Filter> target, const std::string& name);
+    // Initialises the graph (first call only) and runs it.
+    KEL::RunResult Run(const KEL::RunOptions& options = {});
+    KEL::Graph& Graph() { return graph_; }
+
+private:
+    KEL::Graph graph_;
+    KEL::Filter* source_ = nullptr;
+    bool initialized_ = false;
+};
+
+// Calls a target's hooks directly on the calling thread, as the graph does,
+// with the filter states the graph would set. The target's input streams
+// are `streams`; it is not part of any graph.
+class DirectDriver {
+public:
+    DirectDriver(KEL::Target& target, std::vector<std::uint16_t> streams);
+    // onInitializeParams already ran (constructor); this initialises.
+    void Initialize();
+    void Play();
+    // onProcessFrame for a copy of each atom (the first failing code is
+    // returned), then onPostUpdate.
+    KEL::KelErrorCode Deliver(const std::vector<AtomPtr>& frame);
+    KEL::KelErrorCode Process(const AtomPtr& atom);
+    void PostUpdate();
+    void Stop();
+
+private:
+    MemorySource source_;
+    KEL::Target& target_;
+};
 
 }  // namespace kel_test
