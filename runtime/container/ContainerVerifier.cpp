@@ -55,6 +55,11 @@ void Verify(const std::string& path, ContainerVerification& v) {
         ScannedAtom atom;
         atom.payloadValid = payloadValid;
         atom.keyValid = PeekAtomKey(data + offset + kRecordHeaderSize, header.payloadSize, atom.key);
+        if (payloadValid && !atom.keyValid) {
+            ++v.damagedRecords;
+            v.damagedBytes += header.TotalSize();
+            v.problems.push_back({offset, header.TotalSize(), "atom record too short"});
+        }
         atoms.emplace(offset, atom);
         ++v.atomRecords;
     };

@@ -130,10 +130,10 @@ void ReadKEL2File::Impl::Scan() {
     const std::uint8_t* data = file->Data();
     ScanVisitor visitor;
     visitor.onRecord = [&](std::uint64_t offset, const RecordHeader& header, bool payloadValid) {
-        if (header.kind != RecordKind::kAtom) {
+        AtomKey key;
+        if (payloadValid && header.kind != RecordKind::kAtom) {
             return;
         }
-        AtomKey key;
         if (!payloadValid || !PeekAtomKey(data + offset + kRecordHeaderSize, header.payloadSize, key)) {
             ++report.skippedRecords;
             report.skippedBytes += header.TotalSize();
