@@ -287,13 +287,12 @@ KelErrorCode Graph::Initialize(std::string* error) {
     }
     std::vector<Filter*> initialized;
     RunResult outcome;
-    auto fail = [&](Filter* failed) {
+    auto fail = [&] {
         for (auto it = initialized.rbegin(); it != initialized.rend(); ++it) {
             RunResult ignored;
             CallHook(*it, "onDeInitialize", ignored, [&] { return (*it)->onDeInitialize(); });
             (*it)->SetFilterState(FILTER_STATE_PARAMS_READY);
         }
-        (void)failed;
         return SetError(error, outcome.code, outcome.message);
     };
     auto initialize = [&](Filter* filter) {
@@ -318,7 +317,7 @@ KelErrorCode Graph::Initialize(std::string* error) {
 
     Source* source = impl_->source;
     if (!initialize(source)) {
-        return fail(source);
+        return fail();
     }
     for (FilterWithInput* target : impl_->targets) {
         auto* asTarget = dynamic_cast<Target*>(target);
@@ -335,7 +334,7 @@ KelErrorCode Graph::Initialize(std::string* error) {
             return KEL_OK;
         });
         if (!handedInput || !initialize(target)) {
-            return fail(target);
+            return fail();
         }
     }
     impl_->initialized = true;
