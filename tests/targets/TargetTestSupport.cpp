@@ -58,13 +58,11 @@ Frames MakeCompleteFrames(const std::vector<std::uint16_t>& streams, std::uint32
         const AtomPtr first = MakeFirstAtom(stream, count, width, height);
         for (const auto& layer : first->GetAllDataLayers()) {
             const auto& type = layer->GetTypeGuid();
-            const bool streamLevel = type == KEL::DataTypeStreamInfo::TheTypeGuid() ||
-                                     type == KEL::DataTypeRecordingInfo::TheTypeGuid() ||
-                                     type == KEL::DataTypeStaticInfo::TheTypeGuid() ||
-                                     type == KEL::DataTypeBinary::TheTypeGuid() ||
-                                     type == KEL::DataTypeCylinderCrop::TheTypeGuid() ||
-                                     (fixedCamera && type == KEL::DataTypeCameraParams::TheTypeGuid() &&
-                                      layer->GetVersion() < 2);
+            const bool streamLevel =
+                type == KEL::DataTypeStreamInfo::TheTypeGuid() || type == KEL::DataTypeRecordingInfo::TheTypeGuid() ||
+                type == KEL::DataTypeStaticInfo::TheTypeGuid() || type == KEL::DataTypeBinary::TheTypeGuid() ||
+                type == KEL::DataTypeCylinderCrop::TheTypeGuid() ||
+                (fixedCamera && type == KEL::DataTypeCameraParams::TheTypeGuid() && layer->GetVersion() < 2);
             if (streamLevel) {
                 streamLayers[stream].push_back(layer);
             }

@@ -1,0 +1,413 @@
+#include <KEL/Graph.h>
+#include <KelCommon/Logger.h>
+#include <KelCommon/Thread.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+#include "support/TestSupport.h"
+#include "targets/TargetKEL2FileAsyncWriter.h"
+#include "targets/TargetKEL2FilePerStreamSnapshotWriter.h"
+#include "targets/TargetKEL2FilePerStreamSnapshotWriterAsync.h"
+#include "targets/TargetKEL2FilePerStreamWriter.h"
+#include "targets/TargetKEL2FilePerStreamWriterAsync.h"
+#include "targets/TargetKEL2FileSnapshotWriter.h"
+#include "targets/TargetKEL2FileSnapshotWriterAsync.h"
+#include "targets/TargetKEL2FileWriter.h"
+#include "targets/TargetKEL2FileWriterAsync.h"
+#include "targets/TargetTestSupport.h"
+#include "writers/BasicWriter.h"
+
+namespace {
+
+using kel_test::Frames;
+using kel_test::SetParam;
+using kel_test::TempDir;
+
+// Holds every atom that reaches a writer's serializer until opened, and
+// records which threads came by.
+class Gate {
+public:
+    void Pass() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        ++entered_;
+        names_.push_back(KelCommon::concurrency::Thread::getCurrentThreadName());
+        cv_.notify_all();
+        cv_.wait(lock, [this] { return open_; });
+    }
+    void WaitEntered(int count) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        cv_.wait(lock, [&] { return entered_ >= count; });
+    }
+    void Open() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        open_ = true;
+        cv_.notify_all();
+    }
+    std::vector<std::string> Names() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return names_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    bool open_ = false;
+    int entered_ = 0;
+    std::vector<std::string> names_;
+};
+
+// A real writer strategy whose serialization first passes the gate.
+template <class W>
+class GatedWriter : public W {
+public:
+    Gate* gate = nullptr;
+
+protected:
+    KEL::KelErrorCode SerializeAtom(std::shared_ptr<KEL::Atom> atom) override {
+        if (gate != nullptr) {
+            gate->Pass();
+        }
+        return W::SerializeAtom(atom);
+    }
+};
+
+class GatedAsyncWriter final : public Kel2File::TargetKEL2FileAsyncWriter<GatedWriter<Kel2File::BasicWriter>> {
+public:
+    KelCommon::Guid TypeGuid() const override {
+        return KelCommon::Guid::FromHexString("6A3C1E2B-0D4F-4A5B-9C8D-7E6F5A4B3C2D");
+    }
+    KEL::FilterClassInfo GetFilterClassInfo() const override {
+        return KEL::FilterClassInfo("GatedAsyncWriter", KEL::FILTER_CATEGORY_TARGET);
+    }
+};
+
+// Runs `body` on a thread; Wait() returns once it has returned.
+class Completion {
+public:
+    explicit Completion(std::function<void()> body)
+        : thread_([this, body = std::move(body)] {
+              body();
+              std::lock_guard<std::mutex> lock(mutex_);
+              done_ = true;
+              cv_.notify_all();
+          }) {}
+    ~Completion() { thread_.join(); }
+    bool Done() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return done_;
+    }
+    void Wait() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        cv_.wait(lock, [this] { return done_; });
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    bool done_ = false;
+    std::thread thread_;
+};
+
+// A gated BasicWriterAsync recording two streams into `path`, driven
+// directly. The gate starts closed.
+struct GatedFixture {
+    GatedFixture(const std::string& path, const std::string& bufferSize, bool dropWhenFull)
+        : driver(target, {1, 2}), frames(kel_test::MakeCompleteFrames({1, 2}, 8)) {
+        target.gate = &gate;
+        SetParam(target, "KEL File Path", path);
+        SetParam(target, "Enable Recording", "true");
+        SetParam(target, "Buffer size", bufferSize);
+        SetParam(target, "Drop frames when full", dropWhenFull ? "true" : "false");
+        driver.Initialize();
+        driver.Play();
+    }
+    std::uint32_t Buffered() {
+        return kel_test::Param<KEL::FilterParamUInt32>(target, "Buffered frames count")->GetValue();
+    }
+    std::int64_t Dropped() {
+        return kel_test::Param<KEL::FilterParamInt64>(target, "Dropped frames count")->GetValue();
+    }
+    // Delivers frame 0 and waits until the writing thread holds it at the gate.
+    void FirstFrameTaken() {
+        EXPECT_EQ(driver.Deliver(frames[0]), 0U);
+        gate.WaitEntered(1);
+    }
+    // The input ends; returns once IsDone() (the queue is empty), then stops.
+    void NaturalEnd() {
+        target.SetInputFinished(true);
+        while (!target.IsDone()) {
+            std::this_thread::yield();
+        }
+        driver.Stop();
+    }
+    Frames Pick(std::initializer_list<std::size_t> indices) const {
+        Frames picked;
+        for (std::size_t i : indices) {
+            picked.push_back(frames[i]);
+        }
+        return picked;
+    }
+
+    Gate gate;
+    GatedAsyncWriter target;
+    kel_test::DirectDriver driver;
+    Frames frames;
+};
+
+TEST(AsyncTargets, BufferSizeZeroGivesAQueueOfOneFrame) {
+    TempDir dir;
+    GatedFixture f(dir.File("rec.kel"), "0", true);
+    f.FirstFrameTaken();
+    EXPECT_EQ(f.driver.Deliver(f.frames[1]), 0U);
+    EXPECT_EQ(f.Buffered(), 1U);
+    EXPECT_EQ(f.Dropped(), 0);
+    EXPECT_EQ(f.driver.Deliver(f.frames[2]), 0U);
+    EXPECT_EQ(f.Dropped(), 1);
+    f.gate.Open();
+    f.NaturalEnd();
+    kel_test::ExpectFileHoldsFrames(dir.File("rec.kel"), f.Pick({0, 1}));
+}
+
+TEST(AsyncTargets, FullQueueDropsCountsAndLogsEachFrame) {
+    TempDir dir;
+    KelCommon::ScopedLogCapture log;
+    GatedFixture f(dir.File("rec.kel"), "2", true);
+    f.FirstFrameTaken();
+    for (std::size_t i = 1; i <= 5; ++i) {
+        EXPECT_EQ(f.driver.Deliver(f.frames[i]), 0U);
+        EXPECT_EQ(f.Dropped(), static_cast<std::int64_t>(i <= 2 ? 0 : i - 2));
+    }
+    EXPECT_EQ(f.Buffered(), 2U);
+    EXPECT_EQ(log.CountContaining("Dropping a frame since the buffer is full"), 3U);
+    for (std::size_t i = 3; i <= 5; ++i) {
+        const auto& first = f.frames[i][0];
+        const std::string line = "Dropping a frame since the buffer is full (id: " + std::to_string(first->GetId()) +
+                                 ", timestamp: " + std::to_string(first->GetTimeStamp()) + ")";
+        EXPECT_EQ(log.Count(line), 1U) << line;
+    }
+    for (const auto& record : log.Records()) {
+        if (record.message.find("Dropping a frame") == 0) {
+            EXPECT_EQ(record.level, 4);
+            EXPECT_EQ(record.tag, "KEL2File");
+        }
+    }
+    f.gate.Open();
+    f.NaturalEnd();
+    EXPECT_EQ(f.Dropped(), 0);  // a stop clears the run's count
+    kel_test::ExpectFileHoldsFrames(dir.File("rec.kel"), f.Pick({0, 1, 2}));
+}
+
+TEST(AsyncTargets, ResetButtonClearsTheDroppedCountWhilePlaying) {
+    TempDir dir;
+    GatedFixture f(dir.File("rec.kel"), "1", true);
+    f.FirstFrameTaken();
+    f.driver.Deliver(f.frames[1]);
+    f.driver.Deliver(f.frames[2]);
+    f.driver.Deliver(f.frames[3]);
+    ASSERT_EQ(f.Dropped(), 2);
+    kel_test::Param<KEL::FilterParamCallback>(f.target, "Reset dropped frames counter")->Press();
+    EXPECT_EQ(f.Dropped(), 0);
+    f.driver.Deliver(f.frames[4]);
+    EXPECT_EQ(f.Dropped(), 1);
+    f.gate.Open();
+    f.NaturalEnd();
+}
+
+TEST(AsyncTargets, PlayClearsTheDroppedCount) {
+    TempDir dir;
+    GatedAsyncWriter target;
+    kel_test::DirectDriver driver(target, {1});
+    SetParam(target, "KEL File Path", dir.File("rec.kel"));
+    driver.Initialize();
+    kel_test::Param<KEL::FilterParamInt64>(target, "Dropped frames count")->SetValue(7);
+    driver.Play();
+    EXPECT_EQ(kel_test::Param<KEL::FilterParamInt64>(target, "Dropped frames count")->GetValue(), 0);
+    driver.Stop();
+}
+
+TEST(AsyncTargets, WithoutDroppingTheGraphThreadWaitsForRoom) {
+    TempDir dir;
+    GatedFixture f(dir.File("rec.kel"), "1", false);
+    f.FirstFrameTaken();
+    EXPECT_EQ(f.driver.Deliver(f.frames[1]), 0U);
+    // The queue is full and the writer held: this delivery cannot finish
+    // until the gate opens.
+    Completion blocked([&] { f.driver.Deliver(f.frames[2]); });
+    EXPECT_EQ(f.Buffered(), 1U);
+    f.gate.Open();
+    blocked.Wait();
+    f.NaturalEnd();
+    EXPECT_EQ(f.Dropped(), 0);
+    kel_test::ExpectFileHoldsFrames(dir.File("rec.kel"), f.Pick({0, 1, 2}));
+}
+
+TEST(AsyncTargets, IsDoneStaysFalseWhileAFrameIsQueued) {
+    TempDir dir;
+    GatedFixture f(dir.File("rec.kel"), "4", false);
+    f.FirstFrameTaken();
+    f.driver.Deliver(f.frames[1]);
+    f.target.SetInputFinished(true);
+    EXPECT_FALSE(f.target.IsDone());
+    f.gate.Open();
+    f.NaturalEnd();
+    kel_test::ExpectFileHoldsFrames(dir.File("rec.kel"), f.Pick({0, 1}));
+}
+
+TEST(AsyncTargets, PathChangeWritesQueuedFramesToTheOldFileFirst) {
+    TempDir dir;
+    GatedFixture f(dir.File("a.kel"), "4", false);
+    f.FirstFrameTaken();
+    f.driver.Deliver(f.frames[1]);
+    f.driver.Deliver(f.frames[2]);
+    SetParam(f.target, "KEL File Path", dir.File("b.kel"));
+    // The graph thread's update waits until the queue is written out.
+    Completion update([&] { f.driver.PostUpdate(); });
+    f.gate.Open();
+    update.Wait();
+    f.driver.Deliver(f.frames[3]);
+    f.NaturalEnd();
+    kel_test::ExpectFileHoldsFrames(dir.File("a.kel"), f.Pick({0, 1, 2}));
+    kel_test::ExpectFileHoldsFrames(dir.File("b.kel"), f.Pick({3}));
+}
+
+TEST(AsyncTargets, StopDiscardsQueuedFramesAndFinishesTheFrameBeingWritten) {
+    TempDir dir;
+    GatedFixture f(dir.File("rec.kel"), "4", false);
+    f.FirstFrameTaken();
+    f.driver.Deliver(f.frames[1]);
+    f.driver.Deliver(f.frames[2]);
+    EXPECT_EQ(f.driver.Process(f.frames[3][0]), 0U);  // a partial frame
+    ASSERT_EQ(f.Buffered(), 2U);
+    Completion stop([&] { f.driver.Stop(); });
+    // Once the stop has replaced the two queued frames by the exit token it
+    // waits for the writing thread; only then let that thread go on.
+    while (f.Buffered() != 1U) {
+        std::this_thread::yield();
+    }
+    f.gate.Open();
+    stop.Wait();
+    EXPECT_EQ(f.Buffered(), 0U);
+    kel_test::ExpectFileHoldsFrames(dir.File("rec.kel"), f.Pick({0}));
+}
+
+TEST(AsyncTargets, FrameOrderResetDiscardsQueuedAndPartialFrames) {
+    TempDir dir;
+    GatedFixture f(dir.File("rec.kel"), "4", false);
+    f.FirstFrameTaken();
+    f.driver.Deliver(f.frames[1]);
+    EXPECT_EQ(f.driver.Process(f.frames[2][0]), 0U);
+    f.target.OnFrameOrderReset();
+    EXPECT_EQ(f.Buffered(), 1U);  // only the wake-up token
+    f.driver.Deliver(f.frames[3]);
+    f.gate.Open();
+    f.NaturalEnd();
+    kel_test::ExpectFileHoldsFrames(dir.File("rec.kel"), f.Pick({0, 3}));
+}
+
+TEST(AsyncTargets, WritingThreadIsNamed) {
+    TempDir dir;
+    GatedFixture f(dir.File("rec.kel"), "4", false);
+    f.FirstFrameTaken();
+    f.gate.Open();
+    f.NaturalEnd();
+    const auto names = f.gate.Names();
+    ASSERT_EQ(names.size(), 2U);
+    for (const auto& name : names) {
+        EXPECT_EQ(name, "KEL2File_AsyncWriter");
+    }
+}
+
+TEST(AsyncTargets, ListensToFrameOrderResetsOnlyWhilePlaying) {
+    TempDir dir;
+    const Frames frames = kel_test::MakeCompleteFrames({1}, 3);
+    kel_test::GraphRun run({1}, frames);
+    KEL::Filter* target = run.AddTarget(&TargetKEL2FileWriterAsyncFilterCreator, "async");
+    SetParam(*target, "KEL File Path", dir.File("rec.kel"));
+    auto* listener = dynamic_cast<KEL::IFrameOrderResetListener*>(target);
+    ASSERT_NE(listener, nullptr);
+    bool registeredWhilePlaying = false;
+    KEL::RunOptions options;
+    options.beforeFrame = [&](KEL::Graph& graph, std::uint32_t) {
+        const auto& listeners = graph.GetFrameOrderResetListeners();
+        registeredWhilePlaying = std::count(listeners.begin(), listeners.end(), listener) == 1;
+    };
+    run.Run(options);
+    EXPECT_TRUE(registeredWhilePlaying);
+    EXPECT_TRUE(run.Graph().GetFrameOrderResetListeners().empty());
+}
+
+struct Strategy {
+    const char* name;
+    KEL::FilterCreator sync;
+    KEL::FilterCreator async;
+    bool snapshot;
+    bool perStream;
+};
+
+class AsyncMatchesSync : public ::testing::TestWithParam<Strategy> {};
+
+TEST_P(AsyncMatchesSync, FilesWrittenUpToANaturalEndHoldTheSameAtoms) {
+    const Strategy& s = GetParam();
+    TempDir dir;
+    const Frames frames = kel_test::MakeCompleteFrames({1, 2}, 12, 5);
+    kel_test::GraphRun run({1, 2}, frames);
+    KEL::Filter* sync = run.AddTarget(s.sync, "sync");
+    KEL::Filter* async = run.AddTarget(s.async, "async");
+    kel_test::SetParam(*sync, "KEL File Path", dir.File("sync.kel"));
+    kel_test::SetParam(*async, "KEL File Path", dir.File("async.kel"));
+    kel_test::SetParam(*async, "Drop frames when full", "false");
+    kel_test::SetParam(*async, "Create thumbnail for first frame", "true");
+    kel_test::SetParam(*sync, "Create thumbnail for first frame", "true");
+    KEL::RunOptions options;
+    if (s.snapshot) {
+        kel_test::SetParam(*sync, "Frames count per snapshot", "4");
+        kel_test::SetParam(*async, "Frames count per snapshot", "4");
+        options.beforeFrame = [&](KEL::Graph&, std::uint32_t nr) {
+            if (nr == 0) {
+                kel_test::Param<KEL::FilterParamCallback>(*sync, "Take snapshot")->Press();
+                kel_test::Param<KEL::FilterParamCallback>(*async, "Take snapshot")->Press();
+            }
+        };
+    } else {
+        kel_test::SetParam(*sync, "Enable Recording", "true");
+        kel_test::SetParam(*async, "Enable Recording", "true");
+    }
+    run.Run(options);
+
+    const std::vector<std::string> files =
+        s.perStream ? std::vector<std::string>{"_1.kel", "_2.kel"} : std::vector<std::string>{".kel"};
+    for (const auto& suffix : files) {
+        const auto expected = kel_test::ReadStreams(dir.File("sync" + suffix), false);
+        const auto actual = kel_test::ReadStreams(dir.File("async" + suffix), false);
+        ASSERT_EQ(actual.size(), expected.size()) << suffix;
+        for (const auto& [stream, atoms] : expected) {
+            ASSERT_EQ(actual.at(stream).size(), atoms.size()) << suffix;
+            EXPECT_EQ(atoms.size(), s.snapshot ? 4U : 12U);
+            for (std::size_t i = 0; i < atoms.size(); ++i) {
+                std::string why;
+                EXPECT_EQ(actual.at(stream)[i]->GetFrameNr(), atoms[i]->GetFrameNr());
+                EXPECT_TRUE(kel_test::SameContent(*actual.at(stream)[i], *atoms[i], &why)) << why;
+            }
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryStrategy, AsyncMatchesSync,
+                         ::testing::Values(Strategy{"Basic", &TargetKEL2FileWriterFilterCreator,
+                                                    &TargetKEL2FileWriterAsyncFilterCreator, false, false},
+                                           Strategy{"Snapshot", &TargetKEL2FileSnapshotWriterFilterCreator,
+                                                    &TargetKEL2FileSnapshotWriterAsyncFilterCreator, true, false},
+                                           Strategy{"PerStream", &TargetKEL2FilePerStreamWriterFilterCreator,
+                                                    &TargetKEL2FilePerStreamWriterAsyncFilterCreator, false, true},
+                                           Strategy{
+                                               "PerStreamSnapshot", &TargetKEL2FilePerStreamSnapshotWriterFilterCreator,
+                                               &TargetKEL2FilePerStreamSnapshotWriterAsyncFilterCreator, true, true}),
+                         [](const ::testing::TestParamInfo<Strategy>& param) { return std::string(param.param.name); });
+
+}  // namespace
