@@ -418,10 +418,10 @@ RunResult Graph::Run(const RunOptions& options) {
     } else {
         impl_->RunInitialized(*this, options, result);
     }
-    {
-        std::lock_guard lock(impl_->controlMutex);
-        running_.store(false);
-    }
+    // Notified under the lock: a destructor waiting on another thread may
+    // destroy the condition variable as soon as it sees running_ false.
+    std::lock_guard lock(impl_->controlMutex);
+    running_.store(false);
     impl_->controlCv.notify_all();
     return result;
 }

@@ -472,6 +472,37 @@ TEST_F(GraphTest, DestroyingTheGraphDeInitialisesThenDestroysTargetsFirst) {
     EXPECT_EQ(EventsFrom("tgt.onDeInitialize@4"), expected);
 }
 
+TEST_F(GraphTest, DestroyingTheGraphWhileItRunsElsewhereStopsTheRunFirst) {
+    Build(1, std::nullopt);
+    std::mutex m;
+    std::condition_variable cv;
+    std::uint64_t delivered = 0;
+    KEL::RunOptions options;
+    options.afterFrame = [&](KEL::Graph&, std::uint32_t, bool) {
+        {
+            std::lock_guard lock(m);
+            ++delivered;
+        }
+        cv.notify_all();
+    };
+    Initialize();
+    KEL::RunResult result;
+    KEL::Graph* running = graph.get();
+    std::thread runner([&] { result = running->Run(options); });
+    {
+        std::unique_lock lock(m);
+        cv.wait(lock, [&] { return delivered >= 3; });
+    }
+    graph.reset();
+    runner.join();
+    EXPECT_TRUE(result.Ok()) << result.message;
+    EXPECT_TRUE(result.stoppedEarly);
+    const long stopped = log->IndexOf("tgt.onStop@7");
+    ASSERT_GE(stopped, 0);
+    EXPECT_LT(stopped, log->IndexOf("tgt.onDeInitialize@4"));
+    EXPECT_LT(log->IndexOf("tgt.onDeInitialize@4"), log->IndexOf("tgt.destroyed"));
+}
+
 TEST_F(GraphTest, ListenerRegistryKeepsOrderAndErasesFirstMatchOnly) {
     TestTarget a("a", log);
     TestTarget b("b", log);
