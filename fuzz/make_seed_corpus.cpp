@@ -1,6 +1,7 @@
-// Writes small, valid container files (and an unclosed one) into the
-// directory given as the only argument: the starting corpus of the reader
-// fuzzer, produced by the serializer itself so it follows the format.
+// Writes the starting corpus of the reader fuzzer into the directory given as
+// the only argument: small containers produced by the serializer itself (so
+// they follow the format), each as a whole-file input (mode byte 0) and its
+// first atom record's payload as a sealed-record input (mode byte 3).
 
 #include <KEL/Atom.h>
 #include <KEL/DataTypeBinary.h>
@@ -17,6 +18,8 @@
 #include <iterator>
 #include <string>
 #include <vector>
+
+#include "container/ContainerFormat.h"
 
 namespace {
 
@@ -47,6 +50,29 @@ KEL::AtomPtr MakeAtom(std::uint16_t stream, std::uint32_t frame) {
     return atom;
 }
 
+void WriteSeed(const std::string& path, std::uint8_t mode, const char* data, std::size_t size) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.put(static_cast<char>(mode));
+    out.write(data, static_cast<std::streamsize>(size));
+}
+
+// Turns the container at `path` into fuzzer inputs next to it and removes it.
+void ToSeeds(const std::string& path) {
+    using namespace KEL::container;
+    std::ifstream in(path, std::ios::binary);
+    const std::vector<char> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    in.close();
+    std::filesystem::remove(path);
+    WriteSeed(path + ".file", 0, bytes.data(), bytes.size());
+    const std::size_t payload = kFirstRecordOffset + kRecordHeaderSize;
+    if (bytes.size() > payload) {
+        const auto size = GetU64(reinterpret_cast<const std::uint8_t*>(bytes.data()) + kFirstRecordOffset + 8);
+        if (size <= bytes.size() - payload) {
+            WriteSeed(path + ".record", 3, bytes.data() + payload, size);
+        }
+    }
+}
+
 bool Write(const std::string& path, const std::vector<KEL::AtomPtr>& atoms, bool close) {
     std::vector<char> unclosed;
     {
@@ -65,6 +91,7 @@ bool Write(const std::string& path, const std::vector<KEL::AtomPtr>& atoms, bool
         std::ofstream out(path, std::ios::binary | std::ios::trunc);
         out.write(unclosed.data(), static_cast<std::streamsize>(unclosed.size()));
     }
+    ToSeeds(path);
     return true;
 }
 

@@ -1,6 +1,12 @@
-// libFuzzer target: arbitrary bytes as a container file. Opens them with the
-// reader, fetches every atom, and checks that the verifier agrees with the
-// reader on whether the file opens. Crashes, hangs, leaks and sanitizer
+// libFuzzer target for the container reader. The first input byte picks how
+// the rest is used:
+//   even: the bytes are the whole file;
+//   odd:  the bytes are the payload of one atom record, sealed with valid
+//         checksums into a file (closed with an index when bit 1 is set,
+//         unclosed otherwise), so that mutations reach the atom decoder
+//         instead of stopping at a checksum.
+// The file is opened, every atom fetched, and the verifier must agree with
+// the reader on whether the file opens. Crashes, hangs, leaks and sanitizer
 // reports are the failures the fuzzer looks for.
 
 #include <KEL/ContainerVerifier.h>
@@ -12,6 +18,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
+
+#include "container/ContainerFormat.h"
+#include "container/ContainerIndex.h"
 
 namespace {
 
@@ -29,6 +39,32 @@ bool WriteScratch(const std::uint8_t* data, std::size_t size) {
     return std::fclose(f) == 0 && ok;
 }
 
+// A container holding `payload` as its one atom record.
+std::vector<std::uint8_t> SealAsAtomRecord(const std::uint8_t* data, std::size_t size, bool closed) {
+    using namespace KEL::container;
+    const auto header = MakeFileHeader(kFormatVersion);
+    std::vector<std::uint8_t> file(kFirstRecordOffset, 0);
+    std::copy(header.begin(), header.end(), file.begin());
+    const std::size_t payloadSize = AlignUp(size, kRecordAlignment);
+    file.resize(kFirstRecordOffset + kRecordHeaderSize + payloadSize, 0);
+    std::uint8_t* payload = file.data() + kFirstRecordOffset + kRecordHeaderSize;
+    if (size != 0) {
+        std::copy(data, data + size, payload);
+    }
+    RecordHeader record;
+    record.kind = RecordKind::kAtom;
+    record.offset = kFirstRecordOffset;
+    record.payloadSize = payloadSize;
+    record.payloadChecksum = Checksum(payload, payloadSize);
+    EncodeRecordHeader(record, file.data() + kFirstRecordOffset);
+    if (closed && size >= kAtomMetaSize) {
+        const IndexEntry entry{kFirstRecordOffset, GetU32(payload + 4), GetU16(payload)};
+        const auto tail = EncodeIndexAndFooter({entry}, file.size());
+        file.insert(file.end(), tail.begin(), tail.end());
+    }
+    return file;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -38,7 +74,18 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (!WriteScratch(data, size)) {
+    if (size == 0) {
+        return 0;
+    }
+    const std::uint8_t mode = data[0];
+    bool written = false;
+    if ((mode & 1) == 0) {
+        written = WriteScratch(data + 1, size - 1);
+    } else {
+        const auto file = SealAsAtomRecord(data + 1, size - 1, (mode & 2) != 0);
+        written = WriteScratch(file.data(), file.size());
+    }
+    if (!written) {
         return 0;
     }
     KEL::ReadKEL2File reader(ScratchPath().c_str());

@@ -16,7 +16,7 @@ cmake --build "$build" --target reader_fuzzer kel_fuzz_seeds -j2
 
 corpus="$build/corpus/reader"
 seeds="$build/corpus/seeds"
-rm -rf "$seeds"
+rm -rf "$seeds" "$corpus"
 mkdir -p "$corpus"
 "$build/fuzz/kel_fuzz_seeds" "$seeds"
 
