@@ -20,7 +20,9 @@ int RunCopy(const GlobalOptions& global, const CopyOptions& options) {
     }
     GraphDescription description;
     description.filters.push_back(
-        {"SourceKEL2FileReader", "in", {{"KEL File Path", options.input}, {"Included streams", options.streams}}});
+        {"SourceKEL2FileReader",
+         "in",
+         {{"KEL File Path", options.input}, {"Included streams", StreamListOrAll(options.input, options.streams)}}});
     description.filters.push_back(
         MakeWriterSpec("TargetKEL2FileWriter", "TargetKEL2FileWriterAsync", options.output, options.writer));
     return PlayConversion(global, description, options.writer, {output});

@@ -62,7 +62,9 @@ int RunSplit(const GlobalOptions& global, const SplitOptions& options) {
     }
     GraphDescription description;
     description.filters.push_back(
-        {"SourceKEL2FileReader", "in", {{"KEL File Path", options.input}, {"Included streams", options.streams}}});
+        {"SourceKEL2FileReader",
+         "in",
+         {{"KEL File Path", options.input}, {"Included streams", StreamListOrAll(options.input, options.streams)}}});
     description.filters.push_back(MakeWriterSpec("TargetKEL2FilePerStreamWriter", "TargetKEL2FilePerStreamWriterAsync",
                                                  base.string(), options.writer));
     return PlayConversion(global, description, options.writer, outputs);

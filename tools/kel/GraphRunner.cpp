@@ -131,6 +131,7 @@ GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description,
     };
 
     outcome.result = graph.Run(options);
+    outcome.played = true;
     progress.Finish();
 
     for (bool f : fired) {
@@ -149,6 +150,9 @@ GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description,
 }
 
 void PrintRunSummary(std::ostream& out, const KEL::Graph& graph, const GraphRunOutcome& outcome) {
+    if (!outcome.played) {
+        return;
+    }
     const auto& r = outcome.result;
     out << "Frames delivered: " << r.framesDelivered << "\n";
     out << "Frames skipped:   " << r.framesSkipped << "\n";

@@ -8,6 +8,32 @@
 #include "Command.h"
 #include "PluginSetup.h"
 
+namespace {
+
+// The first word of the command line that is neither a global option nor its
+// value, when it does not name a command ("" otherwise).
+std::string UnknownCommand(const CLI::App& app, int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--plugin-dir" || arg == "--plugin") {
+            ++i;
+            continue;
+        }
+        if (arg.starts_with("-")) {
+            continue;
+        }
+        for (const CLI::App* sub : app.get_subcommands({})) {
+            if (sub->check_name(arg)) {
+                return {};
+            }
+        }
+        return arg;
+    }
+    return {};
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
     using namespace KelTool;
 
@@ -35,7 +61,11 @@ int main(int argc, char** argv) {
     } catch (const CLI::CallForAllHelp& e) {
         return app.exit(e);
     } catch (const CLI::ParseError& e) {
-        app.exit(e);
+        if (const std::string unknown = UnknownCommand(app, argc, argv); !unknown.empty()) {
+            std::cerr << "kel: unknown command '" << unknown << "'\nRun with --help for the list of commands.\n";
+        } else {
+            app.exit(e);
+        }
         return kExitUsage;
     }
 

@@ -1,0 +1,78 @@
+#include "ToolTestSupport.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace kel_tool_test {
+
+namespace {
+
+std::string ShellQuote(const std::string& text) {
+    std::string quoted = "'";
+    for (char c : text) {
+        if (c == '\'') {
+            quoted += "'\\''";
+        } else {
+            quoted += c;
+        }
+    }
+    return quoted + "'";
+}
+
+std::string ReadText(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+}  // namespace
+
+KelRun RunKel(const std::vector<std::string>& args, const std::string& cwd) {
+    const std::filesystem::path outFile = std::filesystem::path(cwd) / ".kel-stdout";
+    const std::filesystem::path errFile = std::filesystem::path(cwd) / ".kel-stderr";
+    std::string command = "cd " + ShellQuote(cwd) + " && " + ShellQuote(KEL_TOOL_BINARY);
+    for (const auto& arg : args) {
+        command += " " + ShellQuote(arg);
+    }
+    command += " >" + ShellQuote(outFile.string()) + " 2>" + ShellQuote(errFile.string()) + " </dev/null";
+    const int status = std::system(command.c_str());
+    KelRun run;
+    run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    run.out = ReadText(outFile);
+    run.err = ReadText(errFile);
+    std::filesystem::remove(outFile);
+    std::filesystem::remove(errFile);
+    return run;
+}
+
+void WriteText(const std::string& path, const std::string& text) {
+    std::ofstream out(path, std::ios::binary);
+    out << text;
+    ASSERT_TRUE(out.good()) << path;
+}
+
+void RecordSynthetic(const std::string& path, std::uint32_t streams, std::uint32_t frames, bool thumbnail,
+                     std::uint32_t width, std::uint32_t height) {
+    const std::filesystem::path dir = std::filesystem::path(path).parent_path();
+    std::filesystem::create_directories(dir);
+    const std::string graph = (dir / ".record-graph.json").string();
+    std::ostringstream json;
+    json << R"({"filters": [)"
+         << R"({"class": "SyntheticCaptureSource", "name": "cams", "params": {"Streams": )" << streams
+         << R"(, "Frames": )" << frames << R"(, "Width": )" << width << R"(, "Height": )" << height << "}},"
+         << R"({"class": "TargetKEL2FileWriter", "name": "rec", "params": {"Write XML": false, )"
+         << R"("Enable Recording": true, "Create thumbnail for first frame": )" << (thumbnail ? "true" : "false")
+         << "}}]}";
+    WriteText(graph, json.str());
+    const KelRun run = RunKel({"run", "-q", graph, "--set", "rec.KEL File Path=" + path}, dir.string());
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    std::filesystem::remove(graph);
+}
+
+}  // namespace kel_tool_test

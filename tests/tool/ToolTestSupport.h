@@ -1,0 +1,31 @@
+#pragma once
+
+// Runs the built `kel` executable in a child process and captures what it
+// prints, for the end-to-end tests of the tool.
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace kel_tool_test {
+
+struct KelRun {
+    int exitCode = -1;
+    std::string out;
+    std::string err;
+};
+
+// Runs `kel` with `args` (each passed as one argument, quoted for the
+// shell) in the working directory `cwd`, and waits for it to finish.
+KelRun RunKel(const std::vector<std::string>& args, const std::string& cwd);
+
+// Records a synthetic capture with `kel run`: `streams` cameras, `frames`
+// frames of `width`x`height` images, written by TargetKEL2FileWriter to
+// `path` (thumbnail as asked, no XML). Fails the calling test on error.
+void RecordSynthetic(const std::string& path, std::uint32_t streams, std::uint32_t frames, bool thumbnail = false,
+                     std::uint32_t width = 32, std::uint32_t height = 24);
+
+// Writes `text` to `path`.
+void WriteText(const std::string& path, const std::string& text);
+
+}  // namespace kel_tool_test
