@@ -102,6 +102,8 @@ TEST_F(IncludedStreamsTest, NoValidIdIncludesEveryStream) {
 
 TEST_F(IncludedStreamsTest, EmptyValueIncludesEveryStream) {
     EXPECT_EQ(OpenStreams(""), (std::vector<std::uint32_t>{0, 1, 2, 3}));
+    // An empty text is one empty piece, reported like any other.
+    EXPECT_EQ(capture_.Count("Failed to parse 'included stream Id' from string '', skipping"), 1U);
     ASSERT_EQ(capture_.Count("All file streams will be included"), 1U);
     for (const auto& record : capture_.Records()) {
         if (record.message == "All file streams will be included") {
