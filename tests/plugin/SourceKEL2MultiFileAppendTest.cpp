@@ -255,6 +255,17 @@ TEST_F(SequentialSourceTest, UnreadableFirstAtomOfTheSmallestStreamFailsStreamIn
     ExpectClosed();
 }
 
+TEST_F(SequentialSourceTest, DanglingLinkEscapesAsAFilesystemErrorThatTheHostReports) {
+    Write("a.kel", {{1, 2}}, "a");
+    std::filesystem::create_symlink(dir_.File("gone.data"), dir_.File("b.kel"));
+    ASSERT_EQ(source_->onInitializeParams(nullptr), 0U);
+    kel_test::SetParam(*source_, "KEL files dir", dirPath_);
+
+    EXPECT_THROW(source_->onInitialize(nullptr), std::exception);
+    EXPECT_EQ(source_->Initialize(nullptr), KEL::KEL_ERR_EXCEPTION);
+    EXPECT_EQ(source_->GetFilterState(), KEL::FILTER_STATE_FAILED);
+}
+
 TEST_F(SequentialSourceTest, DefaultDirectoryIsUnderTheRootValue) {
     ASSERT_EQ(source_->onInitializeParams(nullptr), 0U);
     const auto param = source_->FindParam("KEL files dir");
