@@ -24,7 +24,7 @@ int RunCopy(const GlobalOptions& global, const CopyOptions& options) {
          "in",
          {{"KEL File Path", options.input}, {"Included streams", StreamListOrAll(options.input, options.streams)}}});
     description.filters.push_back(
-        MakeWriterSpec("TargetKEL2FileWriter", "TargetKEL2FileWriterAsync", options.output, options.writer));
+        MakeWriterEntry("TargetKEL2FileWriter", "TargetKEL2FileWriterAsync", options.output, options.writer));
     return PlayConversion(global, description, options.writer, {output});
 }
 

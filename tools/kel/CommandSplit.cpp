@@ -65,8 +65,8 @@ int RunSplit(const GlobalOptions& global, const SplitOptions& options) {
         {"SourceKEL2FileReader",
          "in",
          {{"KEL File Path", options.input}, {"Included streams", StreamListOrAll(options.input, options.streams)}}});
-    description.filters.push_back(MakeWriterSpec("TargetKEL2FilePerStreamWriter", "TargetKEL2FilePerStreamWriterAsync",
-                                                 base.string(), options.writer));
+    description.filters.push_back(MakeWriterEntry("TargetKEL2FilePerStreamWriter", "TargetKEL2FilePerStreamWriterAsync",
+                                                  base.string(), options.writer));
     return PlayConversion(global, description, options.writer, outputs);
 }
 

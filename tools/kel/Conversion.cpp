@@ -26,24 +26,24 @@ void AddWriterOptions(CLI::App* app, WriterOptions& options) {
     app->add_flag("-q,--quiet", options.quiet, "No progress bar and no summary");
 }
 
-FilterSpec MakeWriterSpec(const std::string& syncClass, const std::string& asyncClass, const std::string& outputPath,
-                          const WriterOptions& options) {
-    FilterSpec spec;
-    spec.className = options.async ? asyncClass : syncClass;
-    spec.name = "out";
-    spec.params = {
+FilterEntry MakeWriterEntry(const std::string& syncClass, const std::string& asyncClass, const std::string& outputPath,
+                            const WriterOptions& options) {
+    FilterEntry entry;
+    entry.className = options.async ? asyncClass : syncClass;
+    entry.name = "out";
+    entry.params = {
         {"KEL File Path", outputPath},
         {"Write XML", options.xml ? "true" : "false"},
         {"Create thumbnail for first frame", options.thumbnail ? "true" : "false"},
     };
     if (options.async) {
         if (options.buffer) {
-            spec.params.emplace_back("Buffer size", std::to_string(*options.buffer));
+            entry.params.emplace_back("Buffer size", std::to_string(*options.buffer));
         }
-        spec.params.emplace_back("Drop frames when full", options.drop ? "true" : "false");
+        entry.params.emplace_back("Drop frames when full", options.drop ? "true" : "false");
     }
-    spec.params.emplace_back("Enable Recording", "true");
-    return spec;
+    entry.params.emplace_back("Enable Recording", "true");
+    return entry;
 }
 
 std::string WriterOutputPath(const std::string& path) {

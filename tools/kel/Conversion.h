@@ -25,8 +25,8 @@ void AddWriterOptions(CLI::App* app, WriterOptions& options);
 
 // The target filter "out" of class `syncClass` (or `asyncClass` with
 // --async) writing to `outputPath`, with recording enabled.
-FilterSpec MakeWriterSpec(const std::string& syncClass, const std::string& asyncClass, const std::string& outputPath,
-                          const WriterOptions& options);
+FilterEntry MakeWriterEntry(const std::string& syncClass, const std::string& asyncClass, const std::string& outputPath,
+                            const WriterOptions& options);
 
 // The path a writer given `path` creates: its last extension replaced by ".kel".
 std::string WriterOutputPath(const std::string& path);

@@ -29,7 +29,7 @@ int RunDirectoryConversion(const GlobalOptions& global, const DirectoryOptions& 
     GraphDescription description;
     description.filters.push_back({sourceClass, "in", {{"KEL files dir", options.directory}}});
     description.filters.push_back(
-        MakeWriterSpec("TargetKEL2FileWriter", "TargetKEL2FileWriterAsync", options.output, options.writer));
+        MakeWriterEntry("TargetKEL2FileWriter", "TargetKEL2FileWriterAsync", options.output, options.writer));
     return PlayConversion(global, description, options.writer, {output});
 }
 

@@ -36,18 +36,18 @@ bool SetFilterParam(KEL::Filter& filter, const std::string& name, const std::str
 }
 
 bool BuildGraph(const GraphDescription& description, KEL::Graph& graph, std::string* error) {
-    for (const auto& spec : description.filters) {
-        if (!IsRegistered(spec.className)) {
-            *error = "filter class '" + spec.className + "' is not registered";
+    for (const auto& entry : description.filters) {
+        if (!IsRegistered(entry.className)) {
+            *error = "filter class '" + entry.className + "' is not registered";
             return false;
         }
         std::string why;
-        KEL::Filter* filter = graph.CreateFilter(spec.className, spec.name, &why);
+        KEL::Filter* filter = graph.CreateFilter(entry.className, entry.name, &why);
         if (filter == nullptr) {
-            *error = "cannot create filter '" + spec.name + "' of class '" + spec.className + "': " + why;
+            *error = "cannot create filter '" + entry.name + "' of class '" + entry.className + "': " + why;
             return false;
         }
-        for (const auto& [name, value] : spec.params) {
+        for (const auto& [name, value] : entry.params) {
             if (!SetFilterParam(*filter, name, value, error)) {
                 return false;
             }

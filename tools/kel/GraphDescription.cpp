@@ -107,26 +107,26 @@ bool ParseFilters(const Json& root, GraphDescription* graph, std::string* error)
             *error = where + " must be an object";
             return false;
         }
-        FilterSpec spec;
+        FilterEntry entry;
         if (!CheckKeys(f, {"class", "name", "params"}, where, error) ||
-            !ReadString(f, "class", where, true, &spec.className, error) ||
-            !ReadString(f, "name", where, true, &spec.name, error)) {
+            !ReadString(f, "class", where, true, &entry.className, error) ||
+            !ReadString(f, "name", where, true, &entry.name, error)) {
             return false;
         }
-        if (spec.name.find('.') != std::string::npos) {
-            *error = where + ": instance name '" + spec.name + "' must not contain '.'";
+        if (entry.name.find('.') != std::string::npos) {
+            *error = where + ": instance name '" + entry.name + "' must not contain '.'";
             return false;
         }
-        if (!names.insert(spec.name).second) {
-            *error = where + ": instance name '" + spec.name + "' is used twice";
+        if (!names.insert(entry.name).second) {
+            *error = where + ": instance name '" + entry.name + "' is used twice";
             return false;
         }
         if (const auto p = f.find("params"); p != f.end()) {
-            if (!ParseParamObject(*p, where + ".params", &spec.params, error)) {
+            if (!ParseParamObject(*p, where + ".params", &entry.params, error)) {
                 return false;
             }
         }
-        graph->filters.push_back(std::move(spec));
+        graph->filters.push_back(std::move(entry));
     }
     return true;
 }
@@ -143,26 +143,27 @@ bool ParseConnections(const Json& root, GraphDescription* graph, std::string* er
     for (std::size_t i = 0; i < it->size(); ++i) {
         const Json& c = (*it)[i];
         const std::string where = "connections[" + std::to_string(i) + "]";
-        ConnectionSpec spec;
+        ConnectionEntry entry;
         if (c.is_array() && c.size() == 2 && c[0].is_string() && c[1].is_string()) {
-            spec.from = c[0].get<std::string>();
-            spec.to = c[1].get<std::string>();
+            entry.from = c[0].get<std::string>();
+            entry.to = c[1].get<std::string>();
         } else if (c.is_object()) {
-            if (!CheckKeys(c, {"from", "to"}, where, error) || !ReadString(c, "from", where, true, &spec.from, error) ||
-                !ReadString(c, "to", where, true, &spec.to, error)) {
+            if (!CheckKeys(c, {"from", "to"}, where, error) ||
+                !ReadString(c, "from", where, true, &entry.from, error) ||
+                !ReadString(c, "to", where, true, &entry.to, error)) {
                 return false;
             }
         } else {
             *error = where + " must be [\"from\", \"to\"] or {\"from\": ..., \"to\": ...}";
             return false;
         }
-        for (const auto* name : {&spec.from, &spec.to}) {
+        for (const auto* name : {&entry.from, &entry.to}) {
             if (graph->FindFilter(*name) == nullptr) {
                 *error = where + ": no filter named '" + *name + "'";
                 return false;
             }
         }
-        graph->connections.push_back(std::move(spec));
+        graph->connections.push_back(std::move(entry));
     }
     return true;
 }
@@ -287,7 +288,7 @@ bool ParseOptions(const Json& root, GraphDescription* graph, std::string* error)
 
 }  // namespace
 
-FilterSpec* GraphDescription::FindFilter(const std::string& name) {
+FilterEntry* GraphDescription::FindFilter(const std::string& name) {
     for (auto& f : filters) {
         if (f.name == name) {
             return &f;
@@ -346,7 +347,7 @@ bool ApplyParamOverride(GraphDescription& description, const std::string& assign
     const std::string instance = assignment.substr(0, dot);
     const std::string param = assignment.substr(dot + 1, eq - dot - 1);
     const std::string value = assignment.substr(eq + 1);
-    FilterSpec* filter = description.FindFilter(instance);
+    FilterEntry* filter = description.FindFilter(instance);
     if (filter == nullptr) {
         *error = "'" + assignment + "': the graph has no filter named '" + instance + "'";
         return false;

@@ -13,13 +13,13 @@ namespace KelTool {
 // FilterParam::SetValueFromString.
 using ParamValues = std::vector<std::pair<std::string, std::string>>;
 
-struct FilterSpec {
+struct FilterEntry {
     std::string className;  // registered class name (or type GUID text)
     std::string name;       // instance name, unique in the graph
     ParamValues params;
 };
 
-struct ConnectionSpec {
+struct ConnectionEntry {
     std::string from;
     std::string to;
 };
@@ -41,9 +41,9 @@ struct TimelineEvent {
 // A graph to build and play: filters, connections, a timeline of parameter
 // events and the run options.
 struct GraphDescription {
-    std::vector<FilterSpec> filters;
+    std::vector<FilterEntry> filters;
     // Empty: the first filter is connected to every other one.
-    std::vector<ConnectionSpec> connections;
+    std::vector<ConnectionEntry> connections;
     std::vector<TimelineEvent> timeline;
 
     std::uint32_t startFrame = 0;
@@ -52,7 +52,7 @@ struct GraphDescription {
     std::uint32_t maxConsecutiveSkips = 1;
     std::chrono::milliseconds doneTimeout{0};
 
-    FilterSpec* FindFilter(const std::string& name);
+    FilterEntry* FindFilter(const std::string& name);
 };
 
 // Parses the JSON graph format (see docs/graph-format.md). Returns nothing
