@@ -104,21 +104,21 @@ KelErrorCode EncodeAtomRecord(const Atom& atom, std::uint64_t recordOffset, Enco
         throw std::bad_alloc();
     }
     XXH3_64bits_reset(state.get());
-    XXH3_64bits_update(state.get(), out.head.data() + kRecordHeaderSize, out.head.size() - kRecordHeaderSize);
+    XXH3_64bits_update_dispatch(state.get(), out.head.data() + kRecordHeaderSize, out.head.size() - kRecordHeaderSize);
     auto* zeros = const_cast<std::uint8_t*>(kZeros.data());
     for (const auto& placement : placements) {
         if (placement.padding != 0) {
             out.iov.push_back({zeros, placement.padding});
-            XXH3_64bits_update(state.get(), zeros, placement.padding);
+            XXH3_64bits_update_dispatch(state.get(), zeros, placement.padding);
         }
         if (!placement.blob->empty()) {
             out.iov.push_back({const_cast<std::uint8_t*>(placement.blob->data()), placement.blob->size()});
-            XXH3_64bits_update(state.get(), placement.blob->data(), placement.blob->size());
+            XXH3_64bits_update_dispatch(state.get(), placement.blob->data(), placement.blob->size());
         }
     }
     if (end != cursor) {
         out.iov.push_back({zeros, end - cursor});
-        XXH3_64bits_update(state.get(), zeros, end - cursor);
+        XXH3_64bits_update_dispatch(state.get(), zeros, end - cursor);
     }
 
     RecordHeader header;

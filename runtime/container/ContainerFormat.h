@@ -28,6 +28,7 @@
 // anywhere but where it was written.
 
 #include <KEL/KelErrorCode.h>
+#include <xxh_x86dispatch.h>
 #include <xxhash.h>
 
 #include <array>
@@ -117,7 +118,9 @@ inline std::uint64_t GetU64(const std::uint8_t* p) {
     return v;
 }
 
-inline std::uint64_t Checksum(const void* data, std::size_t size) { return XXH3_64bits(data, size); }
+// The dispatching entry points pick the widest vector unit the CPU has
+// (SSE2, AVX2 or AVX-512) at run time; the hash value is the same on all.
+inline std::uint64_t Checksum(const void* data, std::size_t size) { return XXH3_64bits_dispatch(data, size); }
 
 // The 15 header bytes of a file of the given format version.
 inline std::array<std::uint8_t, kFileHeaderSize> MakeFileHeader(std::uint16_t version) {
