@@ -3,8 +3,10 @@
 #include <KEL/ReadKEL2File.h>
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "ToolTestSupport.h"
 #include "support/TestSupport.h"
@@ -115,6 +117,32 @@ TEST(KelRun, StopEventEndsTheRunEarly) {
     const auto frames = FramesOf(dir.File("rec.kel"), 0);
     EXPECT_GE(frames, 12U);
     EXPECT_LE(frames, 13U);
+}
+
+TEST(KelRun, InterruptStopsAnEndlessRunCleanly) {
+    TempDir dir;
+    WriteText(dir.File("graph.json"), R"({
+      "filters": [
+        {"class": "SyntheticCaptureSource", "name": "cams", "params": {"Streams": 2, "Frames": 50, "Width": 16, "Height": 16}},
+        {"class": "TargetKEL2FileWriter", "name": "rec",
+         "params": {"KEL File Path": "rec.kel", "Write XML": false, "Enable Recording": true}}
+      ],
+      "options": {"loops": 0}
+    })");
+    const int pid = kel_tool_test::StartKel({"run", "graph.json"}, dir.Path().string());
+    ASSERT_GT(pid, 0);
+    // The writer creates its file when the graph starts playing, after the
+    // interrupt handler is in place. The deadline only bounds a broken run.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!std::filesystem::exists(dir.File("rec.kel")) && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::yield();
+    }
+    ASSERT_TRUE(std::filesystem::exists(dir.File("rec.kel")));
+    ASSERT_EQ(kill(pid, SIGINT), 0);
+    EXPECT_EQ(kel_tool_test::WaitKel(pid), 130);
+    // Stopped as at a natural end: the file is closed with its index.
+    const auto verify = RunKel({"verify", "rec.kel"}, dir.Path().string());
+    EXPECT_EQ(verify.exitCode, 0) << verify.out;
 }
 
 TEST(KelRun, UnregisteredClassIsNamed) {

@@ -1,7 +1,9 @@
 #include "ToolTestSupport.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -49,6 +51,37 @@ KelRun RunKel(const std::vector<std::string>& args, const std::string& cwd) {
     std::filesystem::remove(outFile);
     std::filesystem::remove(errFile);
     return run;
+}
+
+int StartKel(const std::vector<std::string>& args, const std::string& cwd) {
+    std::vector<std::string> argv{KEL_TOOL_BINARY};
+    argv.insert(argv.end(), args.begin(), args.end());
+    const pid_t pid = fork();
+    if (pid == 0) {
+        if (chdir(cwd.c_str()) != 0) {
+            _exit(127);
+        }
+        const int devNull = open("/dev/null", O_RDWR);
+        dup2(devNull, STDIN_FILENO);
+        dup2(devNull, STDOUT_FILENO);
+        dup2(devNull, STDERR_FILENO);
+        std::vector<char*> raw;
+        for (auto& a : argv) {
+            raw.push_back(a.data());
+        }
+        raw.push_back(nullptr);
+        execv(raw[0], raw.data());
+        _exit(127);
+    }
+    return pid;
+}
+
+int WaitKel(int pid) {
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid) {
+        return -1;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 void WriteText(const std::string& path, const std::string& text) {

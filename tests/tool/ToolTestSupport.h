@@ -19,6 +19,13 @@ struct KelRun {
 // shell) in the working directory `cwd`, and waits for it to finish.
 KelRun RunKel(const std::vector<std::string>& args, const std::string& cwd);
 
+// Starts `kel` with `args` in `cwd` without waiting (output discarded);
+// returns the child's process id.
+int StartKel(const std::vector<std::string>& args, const std::string& cwd);
+// Waits for a child started by StartKel and returns its exit code (-1 when
+// it did not exit normally).
+int WaitKel(int pid);
+
 // Records a synthetic capture with `kel run`: `streams` cameras, `frames`
 // frames of `width`x`height` images, written by TargetKEL2FileWriter to
 // `path` (thumbnail as asked, no XML). Fails the calling test on error.

@@ -26,6 +26,9 @@ struct Command {
 inline constexpr int kExitOk = 0;
 inline constexpr int kExitFailure = 1;
 inline constexpr int kExitUsage = 2;
+// The run was stopped by Ctrl-C (the shell's convention, 128 + SIGINT); the
+// files written so far are complete.
+inline constexpr int kExitInterrupted = 130;
 
 // Writes "kel: error: <message>" to stderr and returns kExitFailure.
 int Fail(const std::string& message);

@@ -77,6 +77,10 @@ bool RunStep(const GraphDescription& description, const std::string& what) {
         Fail(outcome.error);
         return false;
     }
+    if (outcome.interrupted) {
+        Fail("interrupted");
+        return false;
+    }
     std::cout << "    " << outcome.result.framesDelivered << " frame(s) played\n";
     return true;
 }

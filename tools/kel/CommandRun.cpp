@@ -45,7 +45,10 @@ int RunRun(const GlobalOptions& global, const RunCommandOptions& options) {
     if (!options.quiet || !outcome.ok) {
         PrintRunSummary(std::cout, graph, outcome);
     }
-    return outcome.ok ? kExitOk : Fail(outcome.error);
+    if (!outcome.ok) {
+        return Fail(outcome.error);
+    }
+    return outcome.interrupted ? kExitInterrupted : kExitOk;
 }
 
 }  // namespace

@@ -100,6 +100,10 @@ int PlayConversion(const GlobalOptions& global, const GraphDescription& descript
     if (!outcome.ok) {
         return Fail(outcome.error);
     }
+    if (outcome.interrupted) {
+        std::cerr << "kel: interrupted; the output holds the frames written so far\n";
+        return kExitInterrupted;
+    }
     bool allWritten = true;
     for (const auto& path : expectedOutputs) {
         KEL::ReadKEL2File reader(path.c_str());

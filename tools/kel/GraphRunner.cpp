@@ -132,6 +132,7 @@ GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description,
 
     outcome.result = graph.Run(options);
     outcome.played = true;
+    outcome.interrupted = gInterrupted.load();
     progress.Finish();
 
     for (bool f : fired) {

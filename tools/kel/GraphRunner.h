@@ -11,8 +11,9 @@ namespace KelTool {
 
 struct GraphRunOutcome {
     bool ok = false;
-    bool played = false;  // initialisation succeeded and the graph was played
-    std::string error;    // what went wrong: initialisation, a filter's hook, a timeline event
+    bool played = false;       // initialisation succeeded and the graph was played
+    bool interrupted = false;  // Ctrl-C ended the run (cleanly)
+    std::string error;         // what went wrong: initialisation, a filter's hook, a timeline event
     KEL::RunResult result;
     std::size_t eventsFired = 0;
     std::size_t eventsNotFired = 0;  // events whose frame (or pass) the run never reached
