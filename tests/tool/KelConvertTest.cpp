@@ -103,6 +103,22 @@ TEST(KelCopy, AsyncWithoutDroppingStoresEveryAtomAndXml) {
     EXPECT_TRUE(std::filesystem::exists(dir.File("out.kel.xml")));
 }
 
+TEST(KelCopy, AsyncDroppingAccountsForEveryFrame) {
+    TempDir dir;
+    RecordSynthetic(dir.File("in.kel"), 2, 40, false, 128, 128);
+    const auto run = RunKel({"copy", "in.kel", "out.kel", "--async", "--buffer", "1", "--drop"}, dir.Path().string());
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    const std::string marker = "out: Dropped frames count = ";
+    const auto at = run.out.find(marker);
+    ASSERT_NE(at, std::string::npos) << run.out;
+    const std::uint32_t dropped = std::stoul(run.out.substr(at + marker.size()));
+    // Whole frames are written or dropped: what is in the file and what was
+    // counted as dropped make up every frame played.
+    auto out = Open(dir.File("out.kel"));
+    EXPECT_EQ(out->GetNumFrames(0) + dropped, 40U);
+    EXPECT_EQ(out->GetNumFrames(1), out->GetNumFrames(0));
+}
+
 TEST(KelCopy, ThumbnailOptionAddsThumbnailToFirstAtoms) {
     TempDir dir;
     RecordSynthetic(dir.File("in.kel"), 2, 3, /*thumbnail=*/false, 40, 20);

@@ -212,6 +212,17 @@ TEST(KelRun, ShippedExampleGraphRuns) {
     EXPECT_EQ(FramesOf(dir.File("recordings/snapshots.kel"), 0), 10U);
 }
 
+TEST(KelRun, ShippedAsyncCopyExampleCopiesAFile) {
+    TempDir dir;
+    kel_tool_test::RecordSynthetic(dir.File("rec.kel"), 2, 6);
+    const auto run = RunKel({"run", KEL_TOOL_EXAMPLES_DIR "/async-copy.json", "--set", "in.KEL File Path=rec.kel"},
+                            dir.Path().string());
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_NE(run.out.find("out: Dropped frames count = 0"), std::string::npos) << run.out;
+    EXPECT_EQ(FramesOf(dir.File("copy.kel"), 1), 6U);
+    EXPECT_TRUE(std::filesystem::exists(dir.File("copy.kel.xml")));
+}
+
 TEST(KelDemo, RecordsVerifiesAndExportsThumbnails) {
     TempDir dir;
     const auto run = RunKel({"demo", "--out", "demo", "--streams", "2", "--frames", "12", "--width", "64", "--height",

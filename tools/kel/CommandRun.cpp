@@ -43,7 +43,7 @@ int RunRun(const GlobalOptions& global, const RunCommandOptions& options) {
     }
     const GraphRunOutcome outcome = RunGraph(graph, *description, !options.quiet);
     if (!options.quiet || !outcome.ok) {
-        PrintRunSummary(std::cout, graph, outcome);
+        PrintRunSummary(std::cout, outcome);
     }
     if (!outcome.ok) {
         return Fail(outcome.error);

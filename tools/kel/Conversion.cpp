@@ -95,7 +95,7 @@ int PlayConversion(const GlobalOptions& global, const GraphDescription& descript
     }
     const GraphRunOutcome outcome = RunGraph(graph, description, !options.quiet);
     if (!options.quiet || !outcome.ok) {
-        PrintRunSummary(std::cout, graph, outcome);
+        PrintRunSummary(std::cout, outcome);
     }
     if (!outcome.ok) {
         return Fail(outcome.error);

@@ -70,6 +70,17 @@ bool ApplyEvent(KEL::Graph& graph, const TimelineEvent& event, std::string* erro
     return true;
 }
 
+void ReadStatusValues(const KEL::Graph& graph, std::vector<GraphRunOutcome::StatusValue>* values) {
+    values->clear();
+    for (const KEL::Filter* filter : graph.GetFilters()) {
+        for (const auto& param : filter->GetParams()) {
+            if ((param->GetFlags() & KEL::PARAM_FLAG_STATUS) != 0) {
+                values->push_back({filter->GetInstanceName(), param->GetName(), param->GetValueAsString()});
+            }
+        }
+    }
+}
+
 }  // namespace
 
 GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description, bool showProgress) {
@@ -119,6 +130,7 @@ GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description,
         }
     };
     options.afterFrame = [&](KEL::Graph& g, std::uint32_t /*frameNr*/, bool /*delivered*/) {
+        ReadStatusValues(g, &outcome.lastStatus);
         const std::uint64_t perPass = g.FramesPerPass();
         const std::uint32_t current = g.CurrentFrame();
         const std::uint64_t inPass = current >= description.startFrame ? current - description.startFrame + 1 : 0;
@@ -150,7 +162,7 @@ GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description,
     return outcome;
 }
 
-void PrintRunSummary(std::ostream& out, const KEL::Graph& graph, const GraphRunOutcome& outcome) {
+void PrintRunSummary(std::ostream& out, const GraphRunOutcome& outcome) {
     if (!outcome.played) {
         return;
     }
@@ -167,13 +179,8 @@ void PrintRunSummary(std::ostream& out, const KEL::Graph& graph, const GraphRunO
         }
         out << "\n";
     }
-    for (const KEL::Filter* filter : graph.GetFilters()) {
-        for (const auto& param : filter->GetParams()) {
-            if ((param->GetFlags() & KEL::PARAM_FLAG_STATUS) != 0) {
-                out << filter->GetInstanceName() << ": " << param->GetName() << " = " << param->GetValueAsString()
-                    << "\n";
-            }
-        }
+    for (const auto& status : outcome.lastStatus) {
+        out << status.filter << ": " << status.name << " = " << status.value << "\n";
     }
 }
 

@@ -4,6 +4,7 @@
 
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "GraphDescription.h"
 
@@ -15,6 +16,15 @@ struct GraphRunOutcome {
     bool interrupted = false;  // Ctrl-C ended the run (cleanly)
     std::string error;         // what went wrong: initialisation, a filter's hook, a timeline event
     KEL::RunResult result;
+    // Status values (flag 4) of every filter as they stood after the last
+    // frame played: filters may clear them when they stop (the asynchronous
+    // writers reset "Dropped frames count"), so they are read during the run.
+    struct StatusValue {
+        std::string filter;
+        std::string name;
+        std::string value;
+    };
+    std::vector<StatusValue> lastStatus;
     std::size_t eventsFired = 0;
     std::size_t eventsNotFired = 0;  // events whose frame (or pass) the run never reached
 };
@@ -29,7 +39,8 @@ struct GraphRunOutcome {
 GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description, bool showProgress);
 
 // Frames delivered and skipped, whether the run was stopped early, and every
-// status value of every filter (such as "Dropped frames count").
-void PrintRunSummary(std::ostream& out, const KEL::Graph& graph, const GraphRunOutcome& outcome);
+// status value of every filter (such as "Dropped frames count") as it stood
+// after the last frame.
+void PrintRunSummary(std::ostream& out, const GraphRunOutcome& outcome);
 
 }  // namespace KelTool
