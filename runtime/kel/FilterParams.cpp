@@ -179,7 +179,10 @@ bool FilterParamUInt32::SetValue(std::uint32_t value) {
 std::string FilterParamUInt32::GetValueAsString() const { return std::to_string(GetValue()); }
 
 std::string FilterParamUInt32::DescribeDomain() const {
-    return "[" + std::to_string(min_) + ", " + std::to_string(max_) + "], default " + std::to_string(default_);
+    // Built by appending: GCC 12 at -O3 misreports `"[" + std::to_string(...)` as overlapping copies.
+    std::string text("[");
+    text.append(std::to_string(min_)).append(", ").append(std::to_string(max_)).append("], default ");
+    return text.append(std::to_string(default_));
 }
 
 bool FilterParamUInt32::ParseAndSet(const std::string& text, std::string* error) {
@@ -215,7 +218,10 @@ bool FilterParamInt64::SetValue(std::int64_t value) {
 std::string FilterParamInt64::GetValueAsString() const { return std::to_string(GetValue()); }
 
 std::string FilterParamInt64::DescribeDomain() const {
-    return "[" + std::to_string(min_) + ", " + std::to_string(max_) + "], default " + std::to_string(default_);
+    // Built by appending: GCC 12 at -O3 misreports `"[" + std::to_string(...)` as overlapping copies.
+    std::string text("[");
+    text.append(std::to_string(min_)).append(", ").append(std::to_string(max_)).append("], default ");
+    return text.append(std::to_string(default_));
 }
 
 bool FilterParamInt64::ParseAndSet(const std::string& text, std::string* error) {
