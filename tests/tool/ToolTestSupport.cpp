@@ -15,15 +15,16 @@ namespace kel_tool_test {
 namespace {
 
 std::string ShellQuote(const std::string& text) {
-    std::string quoted = "'";
+    std::string quoted(1, '\'');
     for (char c : text) {
         if (c == '\'') {
-            quoted += "'\\''";
+            quoted.append("'\\''");
         } else {
-            quoted += c;
+            quoted.push_back(c);
         }
     }
-    return quoted + "'";
+    quoted.push_back('\'');
+    return quoted;
 }
 
 std::string ReadText(const std::filesystem::path& path) {
@@ -38,11 +39,13 @@ std::string ReadText(const std::filesystem::path& path) {
 KelRun RunKel(const std::vector<std::string>& args, const std::string& cwd) {
     const std::filesystem::path outFile = std::filesystem::path(cwd) / ".kel-stdout";
     const std::filesystem::path errFile = std::filesystem::path(cwd) / ".kel-stderr";
-    std::string command = "cd " + ShellQuote(cwd) + " && " + ShellQuote(KEL_TOOL_BINARY);
+    std::string command("cd ");
+    command.append(ShellQuote(cwd)).append(" && ").append(ShellQuote(KEL_TOOL_BINARY));
     for (const auto& arg : args) {
-        command += " " + ShellQuote(arg);
+        command.append(" ").append(ShellQuote(arg));
     }
-    command += " >" + ShellQuote(outFile.string()) + " 2>" + ShellQuote(errFile.string()) + " </dev/null";
+    command.append(" >").append(ShellQuote(outFile.string()));
+    command.append(" 2>").append(ShellQuote(errFile.string())).append(" </dev/null");
     const int status = std::system(command.c_str());
     KelRun run;
     run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
