@@ -44,15 +44,15 @@ void WriteRecording(const std::string& path, const std::vector<StreamSpec>& stre
     KEL::SerializeToKel serializer(path.c_str(), true, KEL::CURRENT_VERSION, false);
     ASSERT_EQ(serializer.GetOpenResult(), 0U) << path;
     std::uint32_t maxFrames = 0;
-    for (const auto& spec : streams) {
-        maxFrames = std::max(maxFrames, spec.frames);
+    for (const auto& plan : streams) {
+        maxFrames = std::max(maxFrames, plan.frames);
     }
     for (std::uint32_t frame = 0; frame < maxFrames; ++frame) {
-        for (const auto& spec : streams) {
-            if (frame >= spec.frames || std::ranges::find(spec.missingFrames, frame) != spec.missingFrames.end()) {
+        for (const auto& plan : streams) {
+            if (frame >= plan.frames || std::ranges::find(plan.missingFrames, frame) != plan.missingFrames.end()) {
                 continue;
             }
-            auto atom = MakeRecordedAtom(spec.stream, frame, spec.frames, options);
+            auto atom = MakeRecordedAtom(plan.stream, frame, plan.frames, options);
             if (frame != 0 && options.optimizeLaterAtoms) {
                 Kel2File::DataOptimizer::OptimizeAtomData(atom);
             }
