@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -55,7 +56,11 @@ Frames MakeCompleteFrames(const std::vector<std::uint16_t>& streams, std::uint32
 // Parameter access by name; fails the test when absent or of another class.
 template <class T>
 std::shared_ptr<T> Param(const KEL::Filter& filter, const std::string& name) {
-    return std::dynamic_pointer_cast<T>(filter.FindParam(name));
+    auto param = std::dynamic_pointer_cast<T>(filter.FindParam(name));
+    if (!param) {
+        throw std::logic_error("filter has no parameter '" + name + "' of the expected type");
+    }
+    return param;
 }
 void SetParam(KEL::Filter& filter, const std::string& name, const std::string& text);
 
