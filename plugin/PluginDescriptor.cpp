@@ -11,7 +11,8 @@ const KelCommon::VersionInfo KEL2FILE_VERSION(3, 3, 1);  // NOLINT(cert-err58-cp
 // Built at load from the plugin's version and the framework version this
 // library was compiled against.
 extern "C" {
-__attribute__((visibility("default"))) KEL::PluginInfo kel_plugin{  // NOLINT(cert-err58-cpp)
+__attribute__((visibility("default"))) KEL::PluginInfo kel_plugin{
+    // NOLINT(cert-err58-cpp)
     "KEL2File",
     Kel2File::KEL2FILE_VERSION.ToString(),
     KEL::KEL_COMPILE_VERSION,

@@ -84,7 +84,9 @@ std::shared_ptr<const T> LayerCast(const std::shared_ptr<const DataLayer>& layer
 template <typename Derived>
 class DataLayerBase : public DataLayer {
 public:
-    std::shared_ptr<DataLayer> Clone() const override { return std::make_shared<Derived>(static_cast<const Derived&>(*this)); }
+    std::shared_ptr<DataLayer> Clone() const override {
+        return std::make_shared<Derived>(static_cast<const Derived&>(*this));
+    }
 
 protected:
     using DataLayer::DataLayer;

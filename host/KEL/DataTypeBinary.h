@@ -12,7 +12,8 @@ class KEL_API DataTypeBinary : public DataLayerBase<DataTypeBinary> {
 public:
     static const KelCommon::Guid& TheTypeGuid();
 
-    explicit DataTypeBinary(std::string name = {}, KelCommon::SharedBuffer data = {}, const KelCommon::Guid& purpose = {});
+    explicit DataTypeBinary(std::string name = {}, KelCommon::SharedBuffer data = {},
+                            const KelCommon::Guid& purpose = {});
 
     const std::string& GetName() const noexcept { return name_; }
     const KelCommon::SharedBuffer& GetData() const noexcept { return data_; }

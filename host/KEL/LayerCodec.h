@@ -49,7 +49,9 @@ public:
     // For layers that carry content encoded elsewhere (unknown types kept
     // verbatim): raw field bytes, and blobs whose indices the raw fields
     // already hold.
-    void PutRawFields(const std::vector<std::uint8_t>& bytes) { fields_.insert(fields_.end(), bytes.begin(), bytes.end()); }
+    void PutRawFields(const std::vector<std::uint8_t>& bytes) {
+        fields_.insert(fields_.end(), bytes.begin(), bytes.end());
+    }
     void AddRawBlob(const KelCommon::SharedBuffer& blob) { blobs_.push_back(blob); }
 
     const std::vector<std::uint8_t>& Fields() const noexcept { return fields_; }

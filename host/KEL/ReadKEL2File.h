@@ -35,11 +35,11 @@ public:
 
 // What a reader learnt about damage while opening or reading.
 struct ContainerDamageReport {
-    bool indexUsed = false;         // opened from the index written at close
-    bool recovered = false;         // no usable index: the records were scanned
-    std::uint64_t skippedBytes = 0;   // bytes that belonged to no valid record
-    std::uint64_t skippedRecords = 0; // records dropped for a bad checksum or structure
-    std::uint64_t validRecords = 0;   // atom records available
+    bool indexUsed = false;                // opened from the index written at close
+    bool recovered = false;                // no usable index: the records were scanned
+    std::uint64_t skippedBytes = 0;        // bytes that belonged to no valid record
+    std::uint64_t skippedRecords = 0;      // records dropped for a bad checksum or structure
+    std::uint64_t validRecords = 0;        // atom records available
     std::uint64_t truncatedTailBytes = 0;  // an incomplete last record (a writer that died)
 };
 

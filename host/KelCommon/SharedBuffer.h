@@ -50,7 +50,9 @@ public:
     bool empty() const noexcept { return size_ == 0; }
     std::span<const std::uint8_t> span() const noexcept { return {data_, size_}; }
     // True when both refer to the very same bytes (not just equal contents).
-    bool SharesStorageWith(const SharedBuffer& other) const noexcept { return data_ == other.data_ && size_ == other.size_; }
+    bool SharesStorageWith(const SharedBuffer& other) const noexcept {
+        return data_ == other.data_ && size_ == other.size_;
+    }
     bool ContentEquals(const SharedBuffer& other) const noexcept {
         return size_ == other.size_ && (size_ == 0 || std::memcmp(data_, other.data_, size_) == 0);
     }

@@ -17,8 +17,8 @@ class KEL_API String {
 public:
     String() = default;
     String(const char* text) : value_(text != nullptr ? text : "") {}  // NOLINT(google-explicit-constructor)
-    String(std::string text) : value_(std::move(text)) {}             // NOLINT(google-explicit-constructor)
-    String(std::string_view text) : value_(text) {}                   // NOLINT(google-explicit-constructor)
+    String(std::string text) : value_(std::move(text)) {}              // NOLINT(google-explicit-constructor)
+    String(std::string_view text) : value_(text) {}                    // NOLINT(google-explicit-constructor)
 
     const char* c_str() const noexcept { return value_.c_str(); }
     const std::string& str() const noexcept { return value_; }

@@ -55,9 +55,8 @@ std::size_t Atom::RemoveDataLayers(const KelCommon::Guid& typeGuid) {
 }
 
 std::size_t Atom::RemoveDataLayers(const KelCommon::Guid& purposeGuid, const KelCommon::Guid& typeGuid) {
-    return RemoveIf(layers_, [&](const LayerPtr& l) {
-        return l->GetTypeGuid() == typeGuid && l->GetPurposeGuid() == purposeGuid;
-    });
+    return RemoveIf(
+        layers_, [&](const LayerPtr& l) { return l->GetTypeGuid() == typeGuid && l->GetPurposeGuid() == purposeGuid; });
 }
 
 std::size_t Atom::RemoveDataLayers(const KelCommon::Guid& typeGuid, const ConstLayerPredicate& predicate) {

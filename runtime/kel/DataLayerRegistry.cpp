@@ -71,9 +71,8 @@ std::shared_ptr<DataLayer> DataLayerRegistry::Decode(const KelCommon::Guid& type
                                                      std::vector<KelCommon::SharedBuffer> blobs) const {
     auto layer = Create(typeGuid);
     if (!layer) {
-        return std::make_shared<DataTypeOpaque>(typeGuid, purposeGuid, version,
-                                                std::vector<std::uint8_t>(fields, fields + fieldsSize),
-                                                std::move(blobs));
+        return std::make_shared<DataTypeOpaque>(
+            typeGuid, purposeGuid, version, std::vector<std::uint8_t>(fields, fields + fieldsSize), std::move(blobs));
     }
     layer->SetPurposeGuid(purposeGuid);
     layer->SetVersion(version);

@@ -27,7 +27,8 @@ bool DataTypeMesh::DecodeFields(LayerDecoder& decoder) {
     if (!decoder.Ok()) {
         return false;
     }
-    const bool shapesOk = vertices_.size() % (3 * sizeof(float)) == 0 && indices_.size() % (3 * sizeof(std::uint32_t)) == 0 &&
+    const bool shapesOk = vertices_.size() % (3 * sizeof(float)) == 0 &&
+                          indices_.size() % (3 * sizeof(std::uint32_t)) == 0 &&
                           (texCoords_.empty() || texCoords_.size() == GetNumVertices() * 2 * sizeof(float));
     if (!shapesOk) {
         decoder.Fail();

@@ -33,7 +33,8 @@ bool KELPurposeGuids::RegisterPurposeGuidAlias(const KelCommon::Guid& guid, cons
             return true;
         }
         if (byGuid != r.aliasOf.end()) {
-            conflict = "purpose GUID " + guid.ToString().str() + " already has the alias '" + byGuid->second.str() + "'";
+            conflict =
+                "purpose GUID " + guid.ToString().str() + " already has the alias '" + byGuid->second.str() + "'";
         } else if (byAlias != r.guidOf.end()) {
             conflict = "alias '" + alias.str() + "' already names purpose GUID " + byAlias->second.ToString().str();
         } else {

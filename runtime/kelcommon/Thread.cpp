@@ -1,5 +1,4 @@
 #include <KelCommon/Thread.h>
-
 #include <pthread.h>
 
 #include <array>

@@ -1,5 +1,4 @@
 #include <KelCommon/VarManager.h>
-
 #include <unistd.h>
 
 #include <cctype>

@@ -25,9 +25,10 @@ TEST(Guid, ParsesTextFormInEitherCaseAndWithBraces) {
 }
 
 TEST(Guid, BadTextIsAClearError) {
-    for (const char* bad : {"", "B74863F3", "B74863F3-13CF-47A0-9F90-07718FC52AB", "B74863F3-13CF-47A0-9F90-07718FC52AB67",
-                            "B74863F3x13CF-47A0-9F90-07718FC52AB6", "G74863F3-13CF-47A0-9F90-07718FC52AB6",
-                            "B74863F-313CF-47A0-9F90-07718FC52AB6", "{B74863F3-13CF-47A0-9F90-07718FC52AB6"}) {
+    for (const char* bad :
+         {"", "B74863F3", "B74863F3-13CF-47A0-9F90-07718FC52AB", "B74863F3-13CF-47A0-9F90-07718FC52AB67",
+          "B74863F3x13CF-47A0-9F90-07718FC52AB6", "G74863F3-13CF-47A0-9F90-07718FC52AB6",
+          "B74863F-313CF-47A0-9F90-07718FC52AB6", "{B74863F3-13CF-47A0-9F90-07718FC52AB6"}) {
         EXPECT_FALSE(Guid::TryParse(bad).has_value()) << bad;
         try {
             (void)Guid::FromHexString(bad);

@@ -44,10 +44,12 @@ TEST(Atom, LookupWithoutDetachReturnsTheSharedObject) {
     auto copy = Atom::Copy(atom, -1, false);
     auto info = KEL::LayerCast<DataTypeStreamInfo>(atom->GetDataLayerByType(DataTypeStreamInfo::TheTypeGuid(), false));
     info->SetNumFrames(99);
-    auto seenByCopy = KEL::LayerCast<DataTypeStreamInfo>(copy->GetDataLayerByType(DataTypeStreamInfo::TheTypeGuid(), false));
+    auto seenByCopy =
+        KEL::LayerCast<DataTypeStreamInfo>(copy->GetDataLayerByType(DataTypeStreamInfo::TheTypeGuid(), false));
     EXPECT_EQ(seenByCopy->GetNumFrames(), 99U);
 
-    auto detached = KEL::LayerCast<DataTypeStreamInfo>(copy->GetDataLayerByType(DataTypeStreamInfo::TheTypeGuid(), true));
+    auto detached =
+        KEL::LayerCast<DataTypeStreamInfo>(copy->GetDataLayerByType(DataTypeStreamInfo::TheTypeGuid(), true));
     detached->SetNumFrames(5);
     EXPECT_EQ(info->GetNumFrames(), 99U);
     EXPECT_EQ(KEL::LayerCast<DataTypeStreamInfo>(copy->GetDataLayerByType(DataTypeStreamInfo::TheTypeGuid(), false))
@@ -59,9 +61,10 @@ TEST(Atom, TheThreeRemovalFormsRemoveExactlyWhatTheyName) {
     auto atom = AtomWithLayers();
     EXPECT_EQ(atom->RemoveDataLayers(KEL::PurposeGuid_THUMBNAIL, DataTypeTextureRGBA::TheTypeGuid()), 1U);
     EXPECT_TRUE(atom->GetDataLayerByType(DataTypeTextureRGBA::TheTypeGuid(), false));
-    EXPECT_EQ(atom->RemoveDataLayers(DataTypeCameraParams::TheTypeGuid(),
-                                     [](const std::shared_ptr<const KEL::DataLayer>& l) { return l->GetVersion() < 2; }),
-              1U);
+    EXPECT_EQ(
+        atom->RemoveDataLayers(DataTypeCameraParams::TheTypeGuid(),
+                               [](const std::shared_ptr<const KEL::DataLayer>& l) { return l->GetVersion() < 2; }),
+        1U);
     auto cam = atom->GetDataLayerByType(DataTypeCameraParams::TheTypeGuid(), false);
     ASSERT_TRUE(cam);
     EXPECT_EQ(cam->GetVersion(), 2);
@@ -72,7 +75,8 @@ TEST(Atom, TheThreeRemovalFormsRemoveExactlyWhatTheyName) {
 
 TEST(Atom, CopyNeverCopiesPayloadBytes) {
     auto atom = AtomWithLayers();
-    const auto original = KEL::LayerCast<DataTypeTextureRGBA>(atom->GetDataLayerByType(DataTypeTextureRGBA::TheTypeGuid(), false));
+    const auto original =
+        KEL::LayerCast<DataTypeTextureRGBA>(atom->GetDataLayerByType(DataTypeTextureRGBA::TheTypeGuid(), false));
     for (bool clone : {false, true}) {
         auto copy = Atom::Copy(atom, 5, clone);
         EXPECT_EQ(copy->GetFrameNr(), 5U);
@@ -80,7 +84,8 @@ TEST(Atom, CopyNeverCopiesPayloadBytes) {
         EXPECT_EQ(copy->GetId(), atom->GetId());
         EXPECT_EQ(copy->GetStreamId(), 3);
         EXPECT_EQ(copy->GetTimeStamp(), 1234);
-        auto tex = KEL::LayerCast<DataTypeTextureRGBA>(copy->GetDataLayerByType(DataTypeTextureRGBA::TheTypeGuid(), false));
+        auto tex =
+            KEL::LayerCast<DataTypeTextureRGBA>(copy->GetDataLayerByType(DataTypeTextureRGBA::TheTypeGuid(), false));
         EXPECT_TRUE(tex->GetPixels().SharesStorageWith(original->GetPixels()));
         EXPECT_EQ(tex == original, !clone);
         std::string why;

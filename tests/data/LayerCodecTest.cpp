@@ -81,25 +81,26 @@ TEST(LayerCodec, MalformedContentIsRefusedNotTrusted) {
     tex.PutU32(1000);
     tex.PutU32(1000);
     tex.PutBlob(kel_test::PatternBuffer(16, 1));
-    EXPECT_FALSE(registry.Decode(KEL::DataTypeTextureRGBA::TheTypeGuid(), {}, 1, tex.Fields().data(), tex.Fields().size(),
-                                 tex.Blobs()));
+    EXPECT_FALSE(registry.Decode(KEL::DataTypeTextureRGBA::TheTypeGuid(), {}, 1, tex.Fields().data(),
+                                 tex.Fields().size(), tex.Blobs()));
     // A string length far beyond the fields.
     KEL::LayerEncoder info;
     info.PutU32(1);
     info.PutF64(1.0);
     info.PutU32(0xFFFFFFF0U);
-    EXPECT_FALSE(registry.Decode(KEL::DataTypeStreamInfo::TheTypeGuid(), {}, 1, info.Fields().data(),
-                                 info.Fields().size(), {}));
+    EXPECT_FALSE(
+        registry.Decode(KEL::DataTypeStreamInfo::TheTypeGuid(), {}, 1, info.Fields().data(), info.Fields().size(), {}));
     // A static-info entry count that the fields cannot hold.
     KEL::LayerEncoder stat;
     stat.PutU32(0x7FFFFFFFU);
-    EXPECT_FALSE(registry.Decode(KEL::DataTypeStaticInfo::TheTypeGuid(), {}, 1, stat.Fields().data(),
-                                 stat.Fields().size(), {}));
+    EXPECT_FALSE(
+        registry.Decode(KEL::DataTypeStaticInfo::TheTypeGuid(), {}, 1, stat.Fields().data(), stat.Fields().size(), {}));
     // A blob index with no blob behind it.
     KEL::LayerEncoder bin;
     bin.PutString("x");
     bin.PutU32(5);
-    EXPECT_FALSE(registry.Decode(KEL::DataTypeBinary::TheTypeGuid(), {}, 1, bin.Fields().data(), bin.Fields().size(), {}));
+    EXPECT_FALSE(
+        registry.Decode(KEL::DataTypeBinary::TheTypeGuid(), {}, 1, bin.Fields().data(), bin.Fields().size(), {}));
     // Trailing bytes after the content.
     KEL::LayerEncoder crop;
     KEL::DataTypeCylinderCrop(1, 2, 3, 4, 5).EncodeFields(crop);

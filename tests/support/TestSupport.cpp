@@ -5,7 +5,6 @@
 #include <KEL/DataTypeRecordingInfo.h>
 #include <KEL/DataTypeStaticInfo.h>
 #include <KEL/KELPurposeGuids.h>
-
 #include <unistd.h>
 
 #include <fstream>
@@ -28,8 +27,8 @@ TempDir::~TempDir() {
     // Restore permissions a test may have taken away, then remove.
     for (auto it = std::filesystem::recursive_directory_iterator(path_, ec);
          !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
-        std::filesystem::permissions(it->path(), std::filesystem::perms::owner_all,
-                                     std::filesystem::perm_options::add, ec);
+        std::filesystem::permissions(it->path(), std::filesystem::perms::owner_all, std::filesystem::perm_options::add,
+                                     ec);
     }
     std::filesystem::remove_all(path_, ec);
 }
@@ -58,15 +57,14 @@ std::shared_ptr<KEL::DataTypeMesh> MakeMesh(std::uint32_t triangles, std::uint32
     std::vector<float> uvs;
     const std::uint32_t n = triangles + 2;
     for (std::uint32_t i = 0; i < n; ++i) {
-        vertices.insert(vertices.end(), {static_cast<float>(i), static_cast<float>(seed), static_cast<float>(i * seed)});
+        vertices.insert(vertices.end(),
+                        {static_cast<float>(i), static_cast<float>(seed), static_cast<float>(i * seed)});
         uvs.insert(uvs.end(), {static_cast<float>(i) / static_cast<float>(n), 0.5F});
     }
     for (std::uint32_t t = 0; t < triangles; ++t) {
         indices.insert(indices.end(), {0, t + 1, t + 2});
     }
-    auto asBuffer = [](const auto& v) {
-        return KelCommon::SharedBuffer::Copy(v.data(), v.size() * sizeof(v[0]));
-    };
+    auto asBuffer = [](const auto& v) { return KelCommon::SharedBuffer::Copy(v.data(), v.size() * sizeof(v[0])); };
     return std::make_shared<KEL::DataTypeMesh>(asBuffer(vertices), asBuffer(indices), asBuffer(uvs));
 }
 
@@ -97,9 +95,12 @@ std::shared_ptr<KEL::Atom> MakeFirstAtom(std::uint16_t stream, std::uint32_t num
                                          std::uint32_t height) {
     auto atom = MakeFrameAtom(stream, 0, width, height);
     atom->RemoveDataLayers(KEL::DataTypeCameraParams::TheTypeGuid());
-    atom->AddDataLayer(std::make_shared<KEL::DataTypeStreamInfo>(numFrames, 30.0, "camera" + std::to_string(stream)), true);
-    atom->AddDataLayer(std::make_shared<KEL::DataTypeRecordingInfo>(1'700'000'000'000'000LL, "rig-a", "test take"), true);
-    atom->AddDataLayer(std::make_shared<KEL::DataTypeStaticInfo>(std::map<std::string, std::string>{{"rig", "A"}}), true);
+    atom->AddDataLayer(std::make_shared<KEL::DataTypeStreamInfo>(numFrames, 30.0, "camera" + std::to_string(stream)),
+                       true);
+    atom->AddDataLayer(std::make_shared<KEL::DataTypeRecordingInfo>(1'700'000'000'000'000LL, "rig-a", "test take"),
+                       true);
+    atom->AddDataLayer(std::make_shared<KEL::DataTypeStaticInfo>(std::map<std::string, std::string>{{"rig", "A"}}),
+                       true);
     atom->AddDataLayer(std::make_shared<KEL::DataTypeBinary>("calib.bin", PatternBuffer(64, stream)), true);
     atom->AddDataLayer(std::make_shared<KEL::DataTypeCylinderCrop>(0.0, 0.0, 1.5, 0.0, 2.2), true);
     atom->AddDataLayer(MakeCamera(1, stream), true);
