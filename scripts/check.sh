@@ -15,6 +15,12 @@ fi
 
 jobs=$(nproc)
 
+# Totals over every ctest run, printed as the closing line.
+total_passed=0
+total_failed=0
+summary_file=$(mktemp)
+trap 'rm -f "$summary_file"' EXIT
+
 # run_suite PRESET [build targets...] -- [ctest arguments...]
 run_suite() {
   local preset=$1
@@ -29,7 +35,18 @@ run_suite() {
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset" -j "$jobs" "${targets[@]}"
   echo "== $preset: tests"
-  ctest --preset "$preset" "$@"
+  local status=0
+  ctest --preset "$preset" "$@" 2>&1 | tee "$summary_file" || status=$?
+  local line
+  line=$(grep -E "tests passed, [0-9]+ tests failed out of [0-9]+" "$summary_file" | tail -n 1 || true)
+  if [ -n "$line" ]; then
+    local failed total
+    failed=$(sed -E 's/.* ([0-9]+) tests failed out of ([0-9]+).*/\1/' <<<"$line")
+    total=$(sed -E 's/.* ([0-9]+) tests failed out of ([0-9]+).*/\2/' <<<"$line")
+    total_passed=$((total_passed + total - failed))
+    total_failed=$((total_failed + failed))
+  fi
+  return "$status"
 }
 
 # The test executables whose cases carry the "concurrency" label.
@@ -50,3 +67,5 @@ for stage in "${stages[@]}"; do
     *) echo "unknown stage: $stage" >&2; exit 2 ;;
   esac
 done
+
+echo "check: $total_passed passed, $total_failed failed"
