@@ -80,6 +80,15 @@ TEST(KelFilters, TableNamesClassesAndQuotedParameters) {
     EXPECT_NE(run.out.find("\"Frames count per snapshot\""), std::string::npos);
 }
 
+TEST(KelPlugins, PluginOptionMayFollowTheCommand) {
+    kel_test::TempDir dir;
+    const auto run = RunKel({"filters", "--plugin", KEL_TEST_PLUGIN_PATH}, dir.Path().string());
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_NE(run.out.find("11 filter class(es)"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("TargetKEL2FilePerStreamSnapshotWriterAsync"), std::string::npos);
+    EXPECT_EQ(run.out.find("SyntheticCaptureSource"), std::string::npos);
+}
+
 TEST(KelPlugins, MissingPluginDirectoryFailsWithMessage) {
     TempDir dir;
     const auto run = RunKel({"--plugin-dir", dir.File("nowhere"), "filters"}, dir.Path().string());

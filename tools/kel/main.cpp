@@ -39,6 +39,9 @@ int main(int argc, char** argv) {
 
     CLI::App app{"kel: record, play, inspect and convert KEL container files (.kel)", "kel"};
     app.require_subcommand(1);
+    // Global options may also follow the command ("kel filters --plugin X");
+    // commands made after this inherit it.
+    app.fallthrough();
     app.set_help_all_flag("--help-all", "Show the help of every command");
 
     GlobalOptions global;
