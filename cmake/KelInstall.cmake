@@ -10,7 +10,8 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/host/KEL ${PROJECT_SOURCE_DIR}/host/KelC
 install(EXPORT KelTargets NAMESPACE Kel:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Kel)
 
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/KelConfig.cmake.in
-  ${PROJECT_BINARY_DIR}/KelConfig.cmake INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Kel)
+  ${PROJECT_BINARY_DIR}/KelConfig.cmake INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Kel
+  PATH_VARS KEL_PLUGIN_INSTALL_DIR)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/KelConfigVersion.cmake
   VERSION 6.3.0 COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/KelConfig.cmake ${PROJECT_BINARY_DIR}/KelConfigVersion.cmake

@@ -1,0 +1,26 @@
+#!/usr/bin/env bash
+# Installs a build tree into a scratch prefix, builds the example plugin of
+# examples/external-plugin against the installed package with find_package,
+# and checks that the installed kel (which finds its libraries and default
+# plugins by itself) loads it next to the installed plugins.
+#   install-and-build-plugin.sh BUILD_DIR SOURCE_DIR
+set -euo pipefail
+build_dir=$1
+source_dir=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+cmake --install "$build_dir" --prefix "$work/prefix" >/dev/null
+cmake -S "$source_dir/examples/external-plugin" -B "$work/plugin" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
+cmake --build "$work/plugin" >/dev/null
+
+out=$(env -u LD_LIBRARY_PATH "$work/prefix/bin/kel" filters --plugin-dir "$work/prefix/lib/kel/plugins" \
+      --plugin "$work/plugin/libFrameCounter_kpl.so")
+for class in FrameCounter SourceKEL2FileReader TargetKEL2FilePerStreamSnapshotWriterAsync; do
+  if ! grep -q "^$class " <<<"$out"; then
+    echo "installed kel does not list $class:" >&2
+    echo "$out" >&2
+    exit 1
+  fi
+done
+echo "external plugin built against the installed package and loaded"
