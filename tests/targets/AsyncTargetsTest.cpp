@@ -10,21 +10,16 @@
 #include <mutex>
 #include <thread>
 
+#include "host/Completion.h"
 #include "support/TestSupport.h"
 #include "targets/TargetKEL2FileAsyncWriter.h"
-#include "targets/TargetKEL2FilePerStreamSnapshotWriter.h"
-#include "targets/TargetKEL2FilePerStreamSnapshotWriterAsync.h"
-#include "targets/TargetKEL2FilePerStreamWriter.h"
-#include "targets/TargetKEL2FilePerStreamWriterAsync.h"
-#include "targets/TargetKEL2FileSnapshotWriter.h"
-#include "targets/TargetKEL2FileSnapshotWriterAsync.h"
-#include "targets/TargetKEL2FileWriter.h"
 #include "targets/TargetKEL2FileWriterAsync.h"
 #include "targets/TargetTestSupport.h"
 #include "writers/BasicWriter.h"
 
 namespace {
 
+using kel_test::Completion;
 using kel_test::Frames;
 using kel_test::SetParam;
 using kel_test::TempDir;
@@ -87,56 +82,27 @@ public:
     }
 };
 
-// Runs `body` on a thread; Wait() returns once it has returned.
-class Completion {
-public:
-    explicit Completion(std::function<void()> body)
-        : thread_([this, body = std::move(body)] {
-              body();
-              std::lock_guard<std::mutex> lock(mutex_);
-              done_ = true;
-              cv_.notify_all();
-          }) {}
-    ~Completion() { thread_.join(); }
-    bool Done() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return done_;
-    }
-    void Wait() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        cv_.wait(lock, [this] { return done_; });
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    bool done_ = false;
-    std::thread thread_;
-};
-
-// A gated BasicWriterAsync recording two streams into `path`, driven
-// directly. The gate starts closed.
+// A gated BasicWriterAsync recording two streams into `file` of its own
+// directory, driven directly. Frame 0 has been delivered and the writing
+// thread holds it at the closed gate.
 struct GatedFixture {
-    GatedFixture(const std::string& path, const std::string& bufferSize, bool dropWhenFull)
+    GatedFixture(const std::string& bufferSize, bool dropWhenFull, const std::string& file = "rec.kel")
         : driver(target, {1, 2}), frames(kel_test::MakeCompleteFrames({1, 2}, 8)) {
         target.gate = &gate;
-        SetParam(target, "KEL File Path", path);
+        SetParam(target, "KEL File Path", dir.File(file));
         SetParam(target, "Enable Recording", "true");
         SetParam(target, "Buffer size", bufferSize);
         SetParam(target, "Drop frames when full", dropWhenFull ? "true" : "false");
         driver.Initialize();
         driver.Play();
+        EXPECT_EQ(driver.Deliver(frames[0]), 0U);
+        gate.WaitEntered(1);
     }
     std::uint32_t Buffered() {
         return kel_test::Param<KEL::FilterParamUInt32>(target, "Buffered frames count")->GetValue();
     }
     std::int64_t Dropped() {
         return kel_test::Param<KEL::FilterParamInt64>(target, "Dropped frames count")->GetValue();
-    }
-    // Delivers frame 0 and waits until the writing thread holds it at the gate.
-    void FirstFrameTaken() {
-        EXPECT_EQ(driver.Deliver(frames[0]), 0U);
-        gate.WaitEntered(1);
     }
     // The input ends; returns once IsDone() (the queue is empty), then stops.
     void NaturalEnd() {
@@ -146,67 +112,60 @@ struct GatedFixture {
         }
         driver.Stop();
     }
-    Frames Pick(std::initializer_list<std::size_t> indices) const {
+    void OpenAndEnd() {
+        gate.Open();
+        NaturalEnd();
+    }
+    // Checks that `file` holds the frames at `indices`, renumbered from 0.
+    void ExpectFileHolds(const std::string& file, std::initializer_list<std::size_t> indices) const {
         Frames picked;
         for (std::size_t i : indices) {
             picked.push_back(frames[i]);
         }
-        return picked;
+        kel_test::ExpectFileHoldsFrames(dir.File(file), picked);
     }
 
+    TempDir dir;
     Gate gate;
     GatedAsyncWriter target;
     kel_test::DirectDriver driver;
     Frames frames;
 };
 
-TEST(AsyncTargets, BufferSizeZeroGivesAQueueOfOneFrame) {
-    TempDir dir;
-    GatedFixture f(dir.File("rec.kel"), "0", true);
-    f.FirstFrameTaken();
-    EXPECT_EQ(f.driver.Deliver(f.frames[1]), 0U);
-    EXPECT_EQ(f.Buffered(), 1U);
-    EXPECT_EQ(f.Dropped(), 0);
-    EXPECT_EQ(f.driver.Deliver(f.frames[2]), 0U);
-    EXPECT_EQ(f.Dropped(), 1);
-    f.gate.Open();
-    f.NaturalEnd();
-    kel_test::ExpectFileHoldsFrames(dir.File("rec.kel"), f.Pick({0, 1}));
-}
-
 TEST(AsyncTargets, FullQueueDropsCountsAndLogsEachFrame) {
-    TempDir dir;
-    KelCommon::ScopedLogCapture log;
-    GatedFixture f(dir.File("rec.kel"), "2", true);
-    f.FirstFrameTaken();
-    for (std::size_t i = 1; i <= 5; ++i) {
-        EXPECT_EQ(f.driver.Deliver(f.frames[i]), 0U);
-        EXPECT_EQ(f.Dropped(), static_cast<std::int64_t>(i <= 2 ? 0 : i - 2));
-    }
-    EXPECT_EQ(f.Buffered(), 2U);
-    EXPECT_EQ(log.CountContaining("Dropping a frame since the buffer is full"), 3U);
-    for (std::size_t i = 3; i <= 5; ++i) {
-        const auto& first = f.frames[i][0];
-        const std::string line = "Dropping a frame since the buffer is full (id: " + std::to_string(first->GetId()) +
-                                 ", timestamp: " + std::to_string(first->GetTimeStamp()) + ")";
-        EXPECT_EQ(log.Count(line), 1U) << line;
-    }
-    for (const auto& record : log.Records()) {
-        if (record.message.find("Dropping a frame") == 0) {
-            EXPECT_EQ(record.level, 4);
-            EXPECT_EQ(record.tag, "KEL2File");
+    // A buffer size of 0 still gives a queue of one frame.
+    for (const auto& [bufferSize, capacity] : {std::pair("0", 1U), std::pair("2", 2U)}) {
+        SCOPED_TRACE(bufferSize);
+        KelCommon::ScopedLogCapture log;
+        GatedFixture f(bufferSize, true);
+        for (std::size_t i = 1; i <= 5; ++i) {
+            EXPECT_EQ(f.driver.Deliver(f.frames[i]), 0U);
+            EXPECT_EQ(f.Dropped(), static_cast<std::int64_t>(i <= capacity ? 0 : i - capacity));
         }
+        EXPECT_EQ(f.Buffered(), capacity);
+        EXPECT_EQ(log.CountContaining("Dropping a frame since the buffer is full"), 5U - capacity);
+        for (std::size_t i = capacity + 1; i <= 5; ++i) {
+            const auto& first = f.frames[i][0];
+            const std::string line =
+                "Dropping a frame since the buffer is full (id: " + std::to_string(first->GetId()) +
+                ", timestamp: " + std::to_string(first->GetTimeStamp()) + ")";
+            EXPECT_EQ(log.Count(line), 1U) << line;
+        }
+        for (const auto& record : log.Records()) {
+            if (record.message.find("Dropping a frame") == 0) {
+                EXPECT_EQ(record.level, 4);
+                EXPECT_EQ(record.tag, "KEL2File");
+            }
+        }
+        f.OpenAndEnd();
+        EXPECT_EQ(f.Dropped(), 0);  // a stop clears the run's count
+        kel_test::ExpectFileHoldsFrames(f.dir.File("rec.kel"),
+                                        Frames(f.frames.begin(), f.frames.begin() + capacity + 1));
     }
-    f.gate.Open();
-    f.NaturalEnd();
-    EXPECT_EQ(f.Dropped(), 0);  // a stop clears the run's count
-    kel_test::ExpectFileHoldsFrames(dir.File("rec.kel"), f.Pick({0, 1, 2}));
 }
 
 TEST(AsyncTargets, ResetButtonClearsTheDroppedCountWhilePlaying) {
-    TempDir dir;
-    GatedFixture f(dir.File("rec.kel"), "1", true);
-    f.FirstFrameTaken();
+    GatedFixture f("1", true);
     f.driver.Deliver(f.frames[1]);
     f.driver.Deliver(f.frames[2]);
     f.driver.Deliver(f.frames[3]);
@@ -215,8 +174,7 @@ TEST(AsyncTargets, ResetButtonClearsTheDroppedCountWhilePlaying) {
     EXPECT_EQ(f.Dropped(), 0);
     f.driver.Deliver(f.frames[4]);
     EXPECT_EQ(f.Dropped(), 1);
-    f.gate.Open();
-    f.NaturalEnd();
+    f.OpenAndEnd();
 }
 
 TEST(AsyncTargets, PlayClearsTheDroppedCount) {
@@ -232,9 +190,7 @@ TEST(AsyncTargets, PlayClearsTheDroppedCount) {
 }
 
 TEST(AsyncTargets, WithoutDroppingTheGraphThreadWaitsForRoom) {
-    TempDir dir;
-    GatedFixture f(dir.File("rec.kel"), "1", false);
-    f.FirstFrameTaken();
+    GatedFixture f("1", false);
     EXPECT_EQ(f.driver.Deliver(f.frames[1]), 0U);
     // The queue is full and the writer held: this delivery cannot finish
     // until the gate opens.
@@ -244,42 +200,35 @@ TEST(AsyncTargets, WithoutDroppingTheGraphThreadWaitsForRoom) {
     blocked.Wait();
     f.NaturalEnd();
     EXPECT_EQ(f.Dropped(), 0);
-    kel_test::ExpectFileHoldsFrames(dir.File("rec.kel"), f.Pick({0, 1, 2}));
+    f.ExpectFileHolds("rec.kel", {0, 1, 2});
 }
 
 TEST(AsyncTargets, IsDoneStaysFalseWhileAFrameIsQueued) {
-    TempDir dir;
-    GatedFixture f(dir.File("rec.kel"), "4", false);
-    f.FirstFrameTaken();
+    GatedFixture f("4", false);
     f.driver.Deliver(f.frames[1]);
     f.target.SetInputFinished(true);
     EXPECT_FALSE(f.target.IsDone());
-    f.gate.Open();
-    f.NaturalEnd();
-    kel_test::ExpectFileHoldsFrames(dir.File("rec.kel"), f.Pick({0, 1}));
+    f.OpenAndEnd();
+    f.ExpectFileHolds("rec.kel", {0, 1});
 }
 
 TEST(AsyncTargets, PathChangeWritesQueuedFramesToTheOldFileFirst) {
-    TempDir dir;
-    GatedFixture f(dir.File("a.kel"), "4", false);
-    f.FirstFrameTaken();
+    GatedFixture f("4", false, "a.kel");
     f.driver.Deliver(f.frames[1]);
     f.driver.Deliver(f.frames[2]);
-    SetParam(f.target, "KEL File Path", dir.File("b.kel"));
+    SetParam(f.target, "KEL File Path", f.dir.File("b.kel"));
     // The graph thread's update waits until the queue is written out.
     Completion update([&] { f.driver.PostUpdate(); });
     f.gate.Open();
     update.Wait();
     f.driver.Deliver(f.frames[3]);
     f.NaturalEnd();
-    kel_test::ExpectFileHoldsFrames(dir.File("a.kel"), f.Pick({0, 1, 2}));
-    kel_test::ExpectFileHoldsFrames(dir.File("b.kel"), f.Pick({3}));
+    f.ExpectFileHolds("a.kel", {0, 1, 2});
+    f.ExpectFileHolds("b.kel", {3});
 }
 
 TEST(AsyncTargets, StopDiscardsQueuedFramesAndFinishesTheFrameBeingWritten) {
-    TempDir dir;
-    GatedFixture f(dir.File("rec.kel"), "4", false);
-    f.FirstFrameTaken();
+    GatedFixture f("4", false);
     f.driver.Deliver(f.frames[1]);
     f.driver.Deliver(f.frames[2]);
     EXPECT_EQ(f.driver.Process(f.frames[3][0]), 0U);  // a partial frame
@@ -293,29 +242,23 @@ TEST(AsyncTargets, StopDiscardsQueuedFramesAndFinishesTheFrameBeingWritten) {
     f.gate.Open();
     stop.Wait();
     EXPECT_EQ(f.Buffered(), 0U);
-    kel_test::ExpectFileHoldsFrames(dir.File("rec.kel"), f.Pick({0}));
+    f.ExpectFileHolds("rec.kel", {0});
 }
 
 TEST(AsyncTargets, FrameOrderResetDiscardsQueuedAndPartialFrames) {
-    TempDir dir;
-    GatedFixture f(dir.File("rec.kel"), "4", false);
-    f.FirstFrameTaken();
+    GatedFixture f("4", false);
     f.driver.Deliver(f.frames[1]);
     EXPECT_EQ(f.driver.Process(f.frames[2][0]), 0U);
     f.target.OnFrameOrderReset();
     EXPECT_EQ(f.Buffered(), 1U);  // only the wake-up token
     f.driver.Deliver(f.frames[3]);
-    f.gate.Open();
-    f.NaturalEnd();
-    kel_test::ExpectFileHoldsFrames(dir.File("rec.kel"), f.Pick({0, 3}));
+    f.OpenAndEnd();
+    f.ExpectFileHolds("rec.kel", {0, 3});
 }
 
 TEST(AsyncTargets, WritingThreadIsNamed) {
-    TempDir dir;
-    GatedFixture f(dir.File("rec.kel"), "4", false);
-    f.FirstFrameTaken();
-    f.gate.Open();
-    f.NaturalEnd();
+    GatedFixture f("4", false);
+    f.OpenAndEnd();
     const auto names = f.gate.Names();
     ASSERT_EQ(names.size(), 2U);
     for (const auto& name : names) {
@@ -342,52 +285,29 @@ TEST(AsyncTargets, ListensToFrameOrderResetsOnlyWhilePlaying) {
     EXPECT_TRUE(run.Graph().GetFrameOrderResetListeners().empty());
 }
 
-struct Strategy {
-    const char* name;
-    KEL::FilterCreator sync;
-    KEL::FilterCreator async;
-    bool snapshot;
-    bool perStream;
-};
-
-class AsyncMatchesSync : public ::testing::TestWithParam<Strategy> {};
+class AsyncMatchesSync : public ::testing::TestWithParam<kel_test::TargetStrategy> {};
 
 TEST_P(AsyncMatchesSync, FilesWrittenUpToANaturalEndHoldTheSameAtoms) {
-    const Strategy& s = GetParam();
+    const kel_test::TargetStrategy& s = GetParam();
     TempDir dir;
-    const Frames frames = kel_test::MakeCompleteFrames({1, 2}, 12, 5);
-    kel_test::GraphRun run({1, 2}, frames);
+    kel_test::GraphRun run({1, 2}, kel_test::MakeCompleteFrames({1, 2}, 12, 5));
     KEL::Filter* sync = run.AddTarget(s.sync, "sync");
     KEL::Filter* async = run.AddTarget(s.async, "async");
-    kel_test::SetParam(*sync, "KEL File Path", dir.File("sync.kel"));
-    kel_test::SetParam(*async, "KEL File Path", dir.File("async.kel"));
-    kel_test::SetParam(*async, "Drop frames when full", "false");
-    kel_test::SetParam(*async, "Create thumbnail for first frame", "true");
-    kel_test::SetParam(*sync, "Create thumbnail for first frame", "true");
-    KEL::RunOptions options;
-    if (s.snapshot) {
-        kel_test::SetParam(*sync, "Frames count per snapshot", "4");
-        kel_test::SetParam(*async, "Frames count per snapshot", "4");
-        options.beforeFrame = [&](KEL::Graph&, std::uint32_t nr) {
-            if (nr == 0) {
-                kel_test::Param<KEL::FilterParamCallback>(*sync, "Take snapshot")->Press();
-                kel_test::Param<KEL::FilterParamCallback>(*async, "Take snapshot")->Press();
-            }
-        };
-    } else {
-        kel_test::SetParam(*sync, "Enable Recording", "true");
-        kel_test::SetParam(*async, "Enable Recording", "true");
+    for (KEL::Filter* target : {sync, async}) {
+        kel_test::SetParam(*target, "KEL File Path", dir.File(target == sync ? "sync.kel" : "async.kel"));
+        kel_test::SetParam(*target, "Create thumbnail for first frame", "true");
     }
-    run.Run(options);
+    kel_test::SetParam(*async, "Drop frames when full", "false");
+    run.Run(kel_test::Arm(s, {sync, async}, 4));
 
-    const std::vector<std::string> files =
-        s.perStream ? std::vector<std::string>{"_1.kel", "_2.kel"} : std::vector<std::string>{".kel"};
-    for (const auto& suffix : files) {
-        const auto expected = kel_test::ReadStreams(dir.File("sync" + suffix), false);
-        const auto actual = kel_test::ReadStreams(dir.File("async" + suffix), false);
-        ASSERT_EQ(actual.size(), expected.size()) << suffix;
+    const auto expectedFiles = kel_test::OutputFiles(s, dir.File("sync"), {1, 2});
+    const auto actualFiles = kel_test::OutputFiles(s, dir.File("async"), {1, 2});
+    for (std::size_t f = 0; f < expectedFiles.size(); ++f) {
+        const auto expected = kel_test::ReadStreams(expectedFiles[f], false);
+        const auto actual = kel_test::ReadStreams(actualFiles[f], false);
+        ASSERT_EQ(actual.size(), expected.size()) << actualFiles[f];
         for (const auto& [stream, atoms] : expected) {
-            ASSERT_EQ(actual.at(stream).size(), atoms.size()) << suffix;
+            ASSERT_EQ(actual.at(stream).size(), atoms.size()) << actualFiles[f];
             EXPECT_EQ(atoms.size(), s.snapshot ? 4U : 12U);
             for (std::size_t i = 0; i < atoms.size(); ++i) {
                 std::string why;
@@ -398,16 +318,7 @@ TEST_P(AsyncMatchesSync, FilesWrittenUpToANaturalEndHoldTheSameAtoms) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryStrategy, AsyncMatchesSync,
-                         ::testing::Values(Strategy{"Basic", &TargetKEL2FileWriterFilterCreator,
-                                                    &TargetKEL2FileWriterAsyncFilterCreator, false, false},
-                                           Strategy{"Snapshot", &TargetKEL2FileSnapshotWriterFilterCreator,
-                                                    &TargetKEL2FileSnapshotWriterAsyncFilterCreator, true, false},
-                                           Strategy{"PerStream", &TargetKEL2FilePerStreamWriterFilterCreator,
-                                                    &TargetKEL2FilePerStreamWriterAsyncFilterCreator, false, true},
-                                           Strategy{
-                                               "PerStreamSnapshot", &TargetKEL2FilePerStreamSnapshotWriterFilterCreator,
-                                               &TargetKEL2FilePerStreamSnapshotWriterAsyncFilterCreator, true, true}),
-                         [](const ::testing::TestParamInfo<Strategy>& param) { return std::string(param.param.name); });
+INSTANTIATE_TEST_SUITE_P(EveryStrategy, AsyncMatchesSync, ::testing::ValuesIn(kel_test::TargetStrategies()),
+                         kel_test::StrategyName);
 
 }  // namespace

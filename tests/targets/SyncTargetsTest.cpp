@@ -8,21 +8,21 @@
 #include <filesystem>
 
 #include "support/TestSupport.h"
-#include "targets/TargetKEL2FilePerStreamSnapshotWriter.h"
 #include "targets/TargetKEL2FilePerStreamSnapshotWriterAsync.h"
-#include "targets/TargetKEL2FilePerStreamWriter.h"
-#include "targets/TargetKEL2FilePerStreamWriterAsync.h"
 #include "targets/TargetKEL2FileSnapshotWriter.h"
 #include "targets/TargetKEL2FileSnapshotWriterAsync.h"
 #include "targets/TargetKEL2FileWriter.h"
-#include "targets/TargetKEL2FileWriterAsync.h"
 #include "targets/TargetTestSupport.h"
 
 namespace {
 
+using kel_test::ExpectFileHoldsFrames;
 using kel_test::Frames;
 using kel_test::GraphRun;
+using kel_test::Param;
+using kel_test::ReadStreams;
 using kel_test::SetParam;
+using kel_test::TargetStrategy;
 using kel_test::TempDir;
 
 // The frames of one stream only, for checking a per-stream file.
@@ -41,118 +41,93 @@ Frames Slice(const Frames& frames, std::size_t begin, std::size_t end) {
 
 std::size_t AtomsIn(const std::string& path) {
     std::size_t n = 0;
-    for (const auto& [stream, atoms] : kel_test::ReadStreams(path, false)) {
+    for (const auto& [stream, atoms] : ReadStreams(path, false)) {
         n += atoms.size();
     }
     return n;
 }
 
-KEL::RunOptions PressBefore(KEL::Filter* target, std::uint32_t frame, int presses = 1) {
-    KEL::RunOptions options;
-    options.beforeFrame = [=](KEL::Graph&, std::uint32_t nr) {
-        if (nr == frame) {
-            for (int i = 0; i < presses; ++i) {
-                kel_test::Param<KEL::FilterParamCallback>(*target, "Take snapshot")->Press();
-            }
-        }
-    };
-    return options;
-}
+class SyncTargetRoundTrip : public ::testing::TestWithParam<TargetStrategy> {};
 
-TEST(SyncTargets, BasicWriterRoundTripKeepsEveryLayerOfEveryAtom) {
+TEST_P(SyncTargetRoundTrip, KeepsEveryLayerOfEveryAtomAndNumbersFramesFromZero) {
+    const TargetStrategy& s = GetParam();
     TempDir dir;
-    const Frames frames = kel_test::MakeCompleteFrames({1, 2}, 6, 100, 3);
-    GraphRun run({1, 2}, frames);
-    KEL::Filter* target = run.AddTarget(&TargetKEL2FileWriterFilterCreator, "writer");
-    SetParam(*target, "KEL File Path", dir.File("rec.kel"));
-    SetParam(*target, "Enable Recording", "true");
-    run.Run();
-    kel_test::ExpectFileHoldsFrames(dir.File("rec.kel"), frames);
-}
-
-TEST(SyncTargets, SnapshotWriterRoundTripKeepsEveryLayerOfEveryAtom) {
-    TempDir dir;
-    const Frames frames = kel_test::MakeCompleteFrames({1, 2}, 6);
-    GraphRun run({1, 2}, frames);
-    KEL::Filter* target = run.AddTarget(&TargetKEL2FileSnapshotWriterFilterCreator, "writer");
-    SetParam(*target, "KEL File Path", dir.File("rec.kel"));
-    SetParam(*target, "Frames count per snapshot", "6");
-    run.Run(PressBefore(target, 0));
-    kel_test::ExpectFileHoldsFrames(dir.File("rec.kel"), frames);
-}
-
-TEST(SyncTargets, PerStreamWriterRoundTripKeepsEveryLayerOfEveryAtom) {
-    TempDir dir;
-    const Frames frames = kel_test::MakeCompleteFrames({1, 2}, 6, 9);
-    GraphRun run({1, 2}, frames);
-    KEL::Filter* target = run.AddTarget(&TargetKEL2FilePerStreamWriterFilterCreator, "writer");
-    SetParam(*target, "KEL File Path", dir.File("rec.kel"));
-    SetParam(*target, "Enable Recording", "true");
-    run.Run();
-    kel_test::ExpectFileHoldsFrames(dir.File("rec_1.kel"), OnlyStream(frames, 0));
-    kel_test::ExpectFileHoldsFrames(dir.File("rec_2.kel"), OnlyStream(frames, 1));
-}
-
-TEST(SyncTargets, PerStreamSnapshotWriterRoundTripKeepsEveryLayerOfEveryAtom) {
-    TempDir dir;
-    const Frames frames = kel_test::MakeCompleteFrames({4, 9}, 6);
+    // Incoming frame numbers 100, 103, ... are written as 0, 1, ...
+    const Frames frames = kel_test::MakeCompleteFrames({4, 9}, 6, 100, 3);
     GraphRun run({4, 9}, frames);
-    KEL::Filter* target = run.AddTarget(&TargetKEL2FilePerStreamSnapshotWriterFilterCreator, "writer");
-    SetParam(*target, "KEL File Path", dir.File("rec.kel"));
-    SetParam(*target, "Frames count per snapshot", "6");
-    run.Run(PressBefore(target, 0));
-    kel_test::ExpectFileHoldsFrames(dir.File("rec_4.kel"), OnlyStream(frames, 0));
-    kel_test::ExpectFileHoldsFrames(dir.File("rec_9.kel"), OnlyStream(frames, 1));
+    KEL::Filter* target = run.AddTarget(s.sync, "writer");
+    kel_test::SetParam(*target, "KEL File Path", dir.File("rec.kel"));
+    run.Run(kel_test::Arm(s, {target}, 6));
+    const auto files = kel_test::OutputFiles(s, dir.File("rec"), {4, 9});
+    for (std::size_t f = 0; f < files.size(); ++f) {
+        const Frames held = s.perStream ? OnlyStream(frames, f) : frames;
+        ExpectFileHoldsFrames(files[f], held);
+        // As stored, only a stream's first atom carries its stream-level layers.
+        const auto stored = ReadStreams(files[f], false);
+        for (std::size_t k = 0; k < held[0].size(); ++k) {
+            const auto& atoms = stored.at(held[0][k]->GetStreamId());
+            ASSERT_EQ(atoms.size(), held.size()) << files[f];
+            EXPECT_EQ(atoms[0]->GetNumDataLayers(), held[0][k]->GetNumDataLayers());
+            EXPECT_LT(atoms[1]->GetNumDataLayers(), held[1][k]->GetNumDataLayers());
+        }
+    }
 }
 
-TEST(SyncTargets, IncomingFrameNumbersAreWrittenFromZero) {
-    TempDir dir;
-    const Frames frames = kel_test::MakeCompleteFrames({3}, 2, 17, 23);
-    GraphRun run({3}, frames);
-    KEL::Filter* target = run.AddTarget(&TargetKEL2FileWriterFilterCreator, "writer");
-    SetParam(*target, "KEL File Path", dir.File("rec.kel"));
-    SetParam(*target, "Enable Recording", "true");
-    run.Run();
-    const auto stored = kel_test::ReadStreams(dir.File("rec.kel"), false).at(3);
-    ASSERT_EQ(stored.size(), 2U);
-    EXPECT_EQ(stored[0]->GetFrameNr(), 0U);
-    EXPECT_EQ(stored[1]->GetFrameNr(), 1U);
-    EXPECT_EQ(stored[0]->GetNumDataLayers(), frames[0][0]->GetNumDataLayers());
-    EXPECT_LT(stored[1]->GetNumDataLayers(), frames[1][0]->GetNumDataLayers());
-}
+INSTANTIATE_TEST_SUITE_P(EveryStrategy, SyncTargetRoundTrip, ::testing::ValuesIn(kel_test::TargetStrategies()),
+                         kel_test::StrategyName);
 
-TEST(SyncTargets, RecordingSwitchedOffAndOnStartsANewFileNumberedFromZero) {
+class SyncTargets : public ::testing::Test {
+protected:
+    // A basic writer in `run` recording into `file`.
+    KEL::Filter* Recorder(GraphRun& run, const std::string& file, const std::string& name = "writer") {
+        KEL::Filter* target = run.AddTarget(&TargetKEL2FileWriterFilterCreator, name);
+        SetParam(*target, "KEL File Path", dir.File(file));
+        SetParam(*target, "Enable Recording", "true");
+        return target;
+    }
+    // A target of `creator` driven directly on stream 1, initialised.
+    KEL::Target& Driven(KEL::FilterCreator creator, bool record) {
+        filter_.reset(creator());
+        auto& target = dynamic_cast<KEL::Target&>(*filter_);
+        driver_ = std::make_unique<kel_test::DirectDriver>(target, std::vector<std::uint16_t>{1});
+        SetParam(target, "KEL File Path", dir.File("rec.kel"));
+        if (record) {
+            SetParam(target, "Enable Recording", "true");
+        }
+        driver_->Initialize();
+        return target;
+    }
+    kel_test::DirectDriver& Driver() { return *driver_; }
+
     TempDir dir;
-    KelCommon::ScopedLogCapture log;
     const Frames frames = kel_test::MakeCompleteFrames({1, 2}, 10);
+
+private:
+    std::unique_ptr<KEL::Filter> filter_;
+    std::unique_ptr<kel_test::DirectDriver> driver_;
+};
+
+TEST_F(SyncTargets, RecordingSwitchedOffAndOnStartsANewFileNumberedFromZero) {
+    KelCommon::ScopedLogCapture log;
     GraphRun run({1, 2}, frames);
-    KEL::Filter* target = run.AddTarget(&TargetKEL2FileWriterFilterCreator, "writer");
-    SetParam(*target, "KEL File Path", dir.File("rec.kel"));
-    SetParam(*target, "Enable Recording", "true");
+    KEL::Filter* target = Recorder(run, "rec.kel");
     KEL::RunOptions options;
     options.beforeFrame = [&](KEL::Graph&, std::uint32_t nr) {
-        if (nr == 3) {
-            SetParam(*target, "Enable Recording", "false");
-        }
-        if (nr == 6) {
-            SetParam(*target, "Enable Recording", "true");
+        if (nr == 3 || nr == 6) {
+            SetParam(*target, "Enable Recording", nr == 6 ? "true" : "false");
         }
     };
     run.Run(options);
     // Changes apply after the frame in progress: frame 3 is still written,
     // frame 6 not yet; the reopened file holds frames 7 to 9.
-    kel_test::ExpectFileHoldsFrames(dir.File("rec.kel"), Slice(frames, 7, 10));
+    ExpectFileHoldsFrames(dir.File("rec.kel"), Slice(frames, 7, 10));
     EXPECT_EQ(log.CountContaining("WriterBase::Start writing"), 2U);
     EXPECT_EQ(log.CountContaining("WriterBase::Stop writing"), 2U);
 }
 
-TEST(SyncTargets, PathChangeSwitchesFilesAfterTheFrameInProgress) {
-    TempDir dir;
-    const Frames frames = kel_test::MakeCompleteFrames({1, 2}, 10);
+TEST_F(SyncTargets, PathChangeSwitchesFilesAfterTheFrameInProgress) {
     GraphRun run({1, 2}, frames);
-    KEL::Filter* target = run.AddTarget(&TargetKEL2FileWriterFilterCreator, "writer");
-    SetParam(*target, "KEL File Path", dir.File("a.kel"));
-    SetParam(*target, "Enable Recording", "true");
+    KEL::Filter* target = Recorder(run, "a.kel");
     KEL::RunOptions options;
     options.beforeFrame = [&](KEL::Graph&, std::uint32_t nr) {
         if (nr == 4) {
@@ -160,205 +135,147 @@ TEST(SyncTargets, PathChangeSwitchesFilesAfterTheFrameInProgress) {
         }
     };
     run.Run(options);
-    kel_test::ExpectFileHoldsFrames(dir.File("a.kel"), Slice(frames, 0, 5));
-    kel_test::ExpectFileHoldsFrames(dir.File("b.kel"), Slice(frames, 5, 10));
+    ExpectFileHoldsFrames(dir.File("a.kel"), Slice(frames, 0, 5));
+    ExpectFileHoldsFrames(dir.File("b.kel"), Slice(frames, 5, 10));
 }
 
-TEST(SyncTargets, OneSnapshotOfThreeFramesOverTwoStreamsWritesSixAtoms) {
-    TempDir dir;
-    const Frames frames = kel_test::MakeCompleteFrames({1, 2}, 10);
-    GraphRun run({1, 2}, frames);
-    KEL::Filter* target = run.AddTarget(&TargetKEL2FileSnapshotWriterFilterCreator, "writer");
-    SetParam(*target, "KEL File Path", dir.File("snap.kel"));
-    run.Run(PressBefore(target, 2));
-    EXPECT_EQ(AtomsIn(dir.File("snap.kel")), 6U);
-    kel_test::ExpectFileHoldsFrames(dir.File("snap.kel"), Slice(frames, 2, 5));
+TEST_F(SyncTargets, EachSnapshotPressAddsThreeFramesOfEveryStream) {
+    for (int presses : {1, 2}) {
+        SCOPED_TRACE(presses);
+        const std::string file = dir.File("snap" + std::to_string(presses) + ".kel");
+        GraphRun run({1, 2}, frames);
+        KEL::Filter* target = run.AddTarget(&TargetKEL2FileSnapshotWriterFilterCreator, "writer");
+        SetParam(*target, "KEL File Path", file);
+        run.Run(kel_test::PressBefore({target}, 2, presses));
+        EXPECT_EQ(AtomsIn(file), 6U * static_cast<std::size_t>(presses));
+        ExpectFileHoldsFrames(file, Slice(frames, 2, 2 + 3 * static_cast<std::size_t>(presses)));
+    }
 }
 
-TEST(SyncTargets, TwoPressesAddUp) {
-    TempDir dir;
-    const Frames frames = kel_test::MakeCompleteFrames({1, 2}, 10);
-    GraphRun run({1, 2}, frames);
-    KEL::Filter* target = run.AddTarget(&TargetKEL2FileSnapshotWriterFilterCreator, "writer");
-    SetParam(*target, "KEL File Path", dir.File("snap.kel"));
-    run.Run(PressBefore(target, 2, 2));
-    EXPECT_EQ(AtomsIn(dir.File("snap.kel")), 12U);
-    kel_test::ExpectFileHoldsFrames(dir.File("snap.kel"), Slice(frames, 2, 8));
-}
-
-TEST(SyncTargets, XmlCompanionIsWrittenByDefaultAndNotWhenSwitchedOff) {
-    TempDir dir;
-    const Frames frames = kel_test::MakeCompleteFrames({1}, 2);
-    GraphRun run({1}, frames);
-    KEL::Filter* withXml = run.AddTarget(&TargetKEL2FileWriterFilterCreator, "with");
-    KEL::Filter* withoutXml = run.AddTarget(&TargetKEL2FileWriterFilterCreator, "without");
-    SetParam(*withXml, "KEL File Path", dir.File("a.kel"));
-    SetParam(*withXml, "Enable Recording", "true");
-    SetParam(*withoutXml, "KEL File Path", dir.File("b.kel"));
-    SetParam(*withoutXml, "Enable Recording", "true");
-    SetParam(*withoutXml, "Write XML", "false");
+TEST_F(SyncTargets, XmlCompanionIsWrittenByDefaultAndNotWhenSwitchedOff) {
+    GraphRun run({1}, kel_test::MakeCompleteFrames({1}, 2));
+    Recorder(run, "a.kel", "with");
+    SetParam(*Recorder(run, "b.kel", "without"), "Write XML", "false");
     run.Run();
     EXPECT_TRUE(std::filesystem::exists(dir.File("a.kel.xml")));
     EXPECT_TRUE(std::filesystem::exists(dir.File("b.kel")));
     EXPECT_FALSE(std::filesystem::exists(dir.File("b.kel.xml")));
 }
 
-TEST(SyncTargets, ThumbnailSwitchPutsAThumbnailIntoEachStreamsFirstAtom) {
-    TempDir dir;
-    const Frames frames = kel_test::MakeCompleteFrames({1, 2}, 3);
-    GraphRun run({1, 2}, frames);
-    KEL::Filter* target = run.AddTarget(&TargetKEL2FileWriterFilterCreator, "writer");
-    SetParam(*target, "KEL File Path", dir.File("rec.kel"));
-    SetParam(*target, "Enable Recording", "true");
-    SetParam(*target, "Create thumbnail for first frame", "true");
+TEST_F(SyncTargets, ThumbnailSwitchPutsAThumbnailIntoEachStreamsFirstAtom) {
+    GraphRun run({1, 2}, kel_test::MakeCompleteFrames({1, 2}, 3));
+    SetParam(*Recorder(run, "rec.kel"), "Create thumbnail for first frame", "true");
     run.Run();
-    for (const auto& [stream, atoms] : kel_test::ReadStreams(dir.File("rec.kel"), false)) {
+    for (const auto& [stream, atoms] : ReadStreams(dir.File("rec.kel"), false)) {
         ASSERT_EQ(atoms.size(), 3U);
-        EXPECT_NE(atoms[0]->GetDataLayer(KEL::PurposeGuid_THUMBNAIL, KEL::DataTypeTextureRGBA::TheTypeGuid(), false),
-                  nullptr);
-        EXPECT_EQ(atoms[1]->GetDataLayer(KEL::PurposeGuid_THUMBNAIL, KEL::DataTypeTextureRGBA::TheTypeGuid(), false),
-                  nullptr);
+        for (std::size_t i = 0; i < 2; ++i) {
+            const auto thumbnail =
+                atoms[i]->GetDataLayer(KEL::PurposeGuid_THUMBNAIL, KEL::DataTypeTextureRGBA::TheTypeGuid(), false);
+            EXPECT_EQ(thumbnail != nullptr, i == 0) << "stream " << stream << " atom " << i;
+        }
     }
 }
 
-TEST(SyncTargets, ParametersComeInOrderWithTheirFlagsAndDefaults) {
-    std::unique_ptr<KEL::Filter> target(TargetKEL2FileWriterFilterCreator());
-    ASSERT_EQ(target->onInitializeParams(nullptr), 0U);
-    const auto params = target->GetParams();
-    ASSERT_EQ(params.size(), 4U);
-    EXPECT_EQ(params[0]->GetName(), "KEL File Path");
-    EXPECT_EQ(params[0]->GetFlags(), 0U);
-    EXPECT_EQ(params[0]->GetValueAsString(), KelCommon::VarManager::getInstance().getRootValue().str() + "/record.kel");
-    EXPECT_EQ(std::dynamic_pointer_cast<KEL::FilterParamWriteFilePath>(params[0])->GetExtension(), "kel");
-    EXPECT_EQ(params[1]->GetName(), "Write XML");
-    EXPECT_EQ(params[1]->GetFlags(), 1U);
-    EXPECT_TRUE(kel_test::Param<KEL::FilterParamBool>(*target, "Write XML")->GetValue());
-    EXPECT_EQ(params[2]->GetName(), "Create thumbnail for first frame");
-    EXPECT_EQ(params[2]->GetFlags(), 0U);
-    EXPECT_FALSE(kel_test::Param<KEL::FilterParamBool>(*target, "Create thumbnail for first frame")->GetValue());
-    EXPECT_EQ(params[3]->GetName(), "Enable Recording");
-
-    // A second call adds the very same objects, keeping their values.
-    SetParam(*target, "Enable Recording", "true");
-    ASSERT_EQ(target->onInitializeParams(nullptr), 0U);
-    const auto again = target->GetParams();
-    ASSERT_EQ(again.size(), 4U);
-    for (std::size_t i = 0; i < again.size(); ++i) {
-        EXPECT_EQ(again[i], params[i]);
+TEST_F(SyncTargets, ParametersComeInOrderWithTheirFlagsAndDefaults) {
+    using Expected = std::vector<std::pair<std::string, std::uint32_t>>;
+    const Expected sync = {
+        {"KEL File Path", 0}, {"Write XML", 1}, {"Create thumbnail for first frame", 0}, {"Enable Recording", 0}};
+    // Asynchronous targets append five parameters to their strategy's own.
+    const Expected asyncSnapshot = {{"KEL File Path", 0},
+                                    {"Write XML", 1},
+                                    {"Create thumbnail for first frame", 0},
+                                    {"Take snapshot", 0},
+                                    {"Frames count per snapshot", 0},
+                                    {"Buffer size", 1},
+                                    {"Buffered frames count", 4},
+                                    {"Drop frames when full", 0},
+                                    {"Dropped frames count", 4},
+                                    {"Reset dropped frames counter", 0}};
+    for (const auto& [creator, expected] : std::vector<std::pair<KEL::FilterCreator, Expected>>{
+             {&TargetKEL2FileWriterFilterCreator, sync},
+             {&TargetKEL2FileSnapshotWriterAsyncFilterCreator, asyncSnapshot}}) {
+        std::unique_ptr<KEL::Filter> target(creator());
+        SCOPED_TRACE(target->GetFilterClassInfo().GetName());
+        ASSERT_EQ(target->onInitializeParams(nullptr), 0U);
+        const auto params = target->GetParams();
+        ASSERT_EQ(params.size(), expected.size());
+        for (std::size_t i = 0; i < expected.size(); ++i) {
+            EXPECT_EQ(params[i]->GetName(), expected[i].first);
+            EXPECT_EQ(params[i]->GetFlags(), expected[i].second) << expected[i].first;
+        }
+        auto path = Param<KEL::FilterParamWriteFilePath>(*target, "KEL File Path");
+        EXPECT_EQ(path->GetValueAsString(), KelCommon::VarManager::getInstance().getRootValue().str() + "/record.kel");
+        EXPECT_EQ(path->GetExtension(), "kel");
+        EXPECT_TRUE(Param<KEL::FilterParamBool>(*target, "Write XML")->GetValue());
+        EXPECT_FALSE(Param<KEL::FilterParamBool>(*target, "Create thumbnail for first frame")->GetValue());
+        // A second call adds the very same objects, keeping their values.
+        SetParam(*target, "Write XML", "false");
+        ASSERT_EQ(target->onInitializeParams(nullptr), 0U);
+        EXPECT_EQ(target->GetParams(), params);
+        EXPECT_FALSE(Param<KEL::FilterParamBool>(*target, "Write XML")->GetValue());
     }
-    EXPECT_TRUE(kel_test::Param<KEL::FilterParamBool>(*target, "Enable Recording")->GetValue());
 }
 
-TEST(SyncTargets, AsyncTargetsAppendFiveParameters) {
+TEST_F(SyncTargets, AsyncParametersHaveTheirDefaultsAndBounds) {
     std::unique_ptr<KEL::Filter> target(TargetKEL2FileSnapshotWriterAsyncFilterCreator());
     ASSERT_EQ(target->onInitializeParams(nullptr), 0U);
-    const auto params = target->GetParams();
-    ASSERT_EQ(params.size(), 10U);
-    const std::vector<std::pair<std::string, std::uint32_t>> expected = {{"KEL File Path", 0},
-                                                                         {"Write XML", 1},
-                                                                         {"Create thumbnail for first frame", 0},
-                                                                         {"Take snapshot", 0},
-                                                                         {"Frames count per snapshot", 0},
-                                                                         {"Buffer size", 1},
-                                                                         {"Buffered frames count", 4},
-                                                                         {"Drop frames when full", 0},
-                                                                         {"Dropped frames count", 4},
-                                                                         {"Reset dropped frames counter", 0}};
-    for (std::size_t i = 0; i < expected.size(); ++i) {
-        EXPECT_EQ(params[i]->GetName(), expected[i].first);
-        EXPECT_EQ(params[i]->GetFlags(), expected[i].second) << expected[i].first;
-    }
-    auto bufferSize = kel_test::Param<KEL::FilterParamUInt32>(*target, "Buffer size");
+    auto bufferSize = Param<KEL::FilterParamUInt32>(*target, "Buffer size");
     EXPECT_EQ(bufferSize->GetValue(), 1U);
     EXPECT_EQ(bufferSize->GetMinimum(), 0U);
     EXPECT_EQ(bufferSize->GetMaximum(), 4294967295U);
-    EXPECT_TRUE(kel_test::Param<KEL::FilterParamBool>(*target, "Drop frames when full")->GetValue());
-    auto dropped = kel_test::Param<KEL::FilterParamInt64>(*target, "Dropped frames count");
-    EXPECT_EQ(dropped->GetMaximum(), 9223372036854775807LL);
+    EXPECT_TRUE(Param<KEL::FilterParamBool>(*target, "Drop frames when full")->GetValue());
+    EXPECT_EQ(Param<KEL::FilterParamInt64>(*target, "Dropped frames count")->GetMaximum(), 9223372036854775807LL);
 }
 
-TEST(SyncTargets, PlayOutsideTheInitialisedStateDoesNotStartTheWriter) {
-    TempDir dir;
-    std::unique_ptr<KEL::Filter> filter(TargetKEL2FileWriterFilterCreator());
-    auto& target = dynamic_cast<KEL::Target&>(*filter);
-    kel_test::DirectDriver driver(target, {1});
-    SetParam(target, "KEL File Path", dir.File("rec.kel"));
-    SetParam(target, "Enable Recording", "true");
-    driver.Initialize();
+TEST_F(SyncTargets, PlayOutsideTheInitialisedStateDoesNotStartTheWriter) {
+    KEL::Target& target = Driven(&TargetKEL2FileWriterFilterCreator, true);
     target.SetFilterState(KEL::FILTER_STATE_PAUSED);
     EXPECT_EQ(target.onPlay(), 0U);
     EXPECT_FALSE(std::filesystem::exists(dir.File("rec.kel")));
 }
 
-TEST(SyncTargets, SnapshotPressWhileNotPlayingIsNotCounted) {
-    TempDir dir;
-    std::unique_ptr<KEL::Filter> filter(TargetKEL2FileSnapshotWriterFilterCreator());
-    auto& target = dynamic_cast<KEL::Target&>(*filter);
-    kel_test::DirectDriver driver(target, {1});
-    SetParam(target, "KEL File Path", dir.File("snap.kel"));
-    driver.Initialize();
-    kel_test::Param<KEL::FilterParamCallback>(target, "Take snapshot")->Press();
-    driver.Play();
-    const Frames frames = kel_test::MakeCompleteFrames({1}, 2);
-    for (const auto& frame : frames) {
-        EXPECT_EQ(driver.Deliver(frame), 0U);
+TEST_F(SyncTargets, SnapshotPressWhileNotPlayingIsNotCounted) {
+    KEL::Target& target = Driven(&TargetKEL2FileSnapshotWriterFilterCreator, false);
+    Param<KEL::FilterParamCallback>(target, "Take snapshot")->Press();
+    Driver().Play();
+    for (const auto& frame : kel_test::MakeCompleteFrames({1}, 2)) {
+        EXPECT_EQ(Driver().Deliver(frame), 0U);
     }
-    driver.Stop();
-    EXPECT_EQ(AtomsIn(dir.File("snap.kel")), 0U);
+    Driver().Stop();
+    EXPECT_EQ(AtomsIn(dir.File("rec.kel")), 0U);
 }
 
-TEST(SyncTargets, NullAtomIsRefusedWithAnErrorCode) {
-    TempDir dir;
-    std::unique_ptr<KEL::Filter> filter(TargetKEL2FileWriterFilterCreator());
-    auto& target = dynamic_cast<KEL::Target&>(*filter);
-    kel_test::DirectDriver driver(target, {1});
-    SetParam(target, "KEL File Path", dir.File("rec.kel"));
-    SetParam(target, "Enable Recording", "true");
-    driver.Initialize();
-    driver.Play();
+TEST_F(SyncTargets, NullAtomIsRefusedWithAnErrorCode) {
+    KEL::Target& target = Driven(&TargetKEL2FileWriterFilterCreator, true);
+    Driver().Play();
     EXPECT_EQ(target.onProcessFrame(nullptr), KEL::KEL_ERR_INVALID);
-    driver.Stop();
+    Driver().Stop();
 }
-
-struct Registered {
-    const char* name;
-    const char* guid;
-    KEL::FilterCreator creator;
-};
 
 TEST(TargetRegistry, EightTargetClassesAreRegisteredWithTheirGuidsAndCategory) {
-    const std::vector<Registered> classes = {
-        {"TargetKEL2FileWriter", "972EE495-EB8E-48A8-AB94-43797E34A436", &TargetKEL2FileWriterFilterCreator},
-        {"TargetKEL2FileWriterAsync", "3802D826-7D62-41BF-A92E-6A56E3700590", &TargetKEL2FileWriterAsyncFilterCreator},
-        {"TargetKEL2FileSnapshotWriter", "5F18B69C-472C-4BF7-902C-593A24A53267",
-         &TargetKEL2FileSnapshotWriterFilterCreator},
-        {"TargetKEL2FileSnapshotWriterAsync", "990F8140-8912-464F-B85A-6AB300AD0E37",
-         &TargetKEL2FileSnapshotWriterAsyncFilterCreator},
-        {"TargetKEL2FilePerStreamWriter", "C6AB7E7D-E3E2-4E3A-ACAF-9A4DD28B318B",
-         &TargetKEL2FilePerStreamWriterFilterCreator},
-        {"TargetKEL2FilePerStreamWriterAsync", "9F77FB3F-F205-491D-A12C-14B3266F700B",
-         &TargetKEL2FilePerStreamWriterAsyncFilterCreator},
-        {"TargetKEL2FilePerStreamSnapshotWriter", "A74FA620-53CD-461A-A512-3217F1271DC3",
-         &TargetKEL2FilePerStreamSnapshotWriterFilterCreator},
-        {"TargetKEL2FilePerStreamSnapshotWriterAsync", "BEF1EC5E-D302-4BAD-B771-88D0E404035C",
-         &TargetKEL2FilePerStreamSnapshotWriterAsyncFilterCreator},
-    };
-    for (const auto& c : classes) {
-        const auto guid = KelCommon::Guid::FromHexString(c.guid);
-        const auto found = KEL::FilterFactory::Find(guid);
-        ASSERT_TRUE(found.has_value()) << c.name;
-        EXPECT_EQ(found->info.GetName(), c.name);
-        EXPECT_EQ(found->info.GetCategory(), KEL::FILTER_CATEGORY_TARGET);
-        EXPECT_EQ(found->creator, c.creator);
-        std::unique_ptr<KEL::Filter> filter(c.creator());
-        EXPECT_EQ(filter->TypeGuid(), guid);
-        EXPECT_EQ(filter->GetFilterClassInfo().GetName(), c.name);
-        auto* target = dynamic_cast<KEL::Target*>(filter.get());
-        ASSERT_NE(target, nullptr);
-        EXPECT_TRUE(target->AcceptsAllStreams());
+    for (const TargetStrategy& s : kel_test::TargetStrategies()) {
+        const std::string syncName = std::string("TargetKEL2File") + s.name;
+        for (const auto& [name, guidText, creator] :
+             {std::tuple(syncName, s.syncGuid, s.sync), std::tuple(syncName + "Async", s.asyncGuid, s.async)}) {
+            SCOPED_TRACE(name);
+            const auto guid = KelCommon::Guid::FromHexString(guidText);
+            const auto found = KEL::FilterFactory::Find(guid);
+            ASSERT_TRUE(found.has_value());
+            EXPECT_EQ(found->info.GetName(), name);
+            EXPECT_EQ(found->info.GetCategory(), KEL::FILTER_CATEGORY_TARGET);
+            EXPECT_EQ(found->creator, creator);
+            std::unique_ptr<KEL::Filter> filter(creator());
+            EXPECT_EQ(filter->TypeGuid(), guid);
+            EXPECT_EQ(filter->GetFilterClassInfo().GetName(), name);
+            auto* target = dynamic_cast<KEL::Target*>(filter.get());
+            ASSERT_NE(target, nullptr);
+            EXPECT_TRUE(target->AcceptsAllStreams());
+        }
     }
-    EXPECT_EQ(Kel2File::TargetKEL2FileWriter::TheTypeGuid(), KelCommon::Guid::FromHexString(classes[0].guid));
-    EXPECT_EQ(Kel2File::TargetKEL2FilePerStreamSnapshotWriterAsync::TheFilterClassInfo().GetName(), classes[7].name);
+    EXPECT_EQ(Kel2File::TargetKEL2FileWriter::TheTypeGuid(),
+              KelCommon::Guid::FromHexString(kel_test::TargetStrategies()[0].syncGuid));
+    EXPECT_EQ(Kel2File::TargetKEL2FilePerStreamSnapshotWriterAsync::TheFilterClassInfo().GetName(),
+              "TargetKEL2FilePerStreamSnapshotWriterAsync");
 }
 
 }  // namespace

@@ -13,6 +13,14 @@
 
 #include "optimization/OptimizedDataLoosener.h"
 #include "support/TestSupport.h"
+#include "targets/TargetKEL2FilePerStreamSnapshotWriter.h"
+#include "targets/TargetKEL2FilePerStreamSnapshotWriterAsync.h"
+#include "targets/TargetKEL2FilePerStreamWriter.h"
+#include "targets/TargetKEL2FilePerStreamWriterAsync.h"
+#include "targets/TargetKEL2FileSnapshotWriter.h"
+#include "targets/TargetKEL2FileSnapshotWriterAsync.h"
+#include "targets/TargetKEL2FileWriter.h"
+#include "targets/TargetKEL2FileWriterAsync.h"
 
 namespace kel_test {
 
@@ -85,6 +93,58 @@ Frames MakeCompleteFrames(const std::vector<std::uint16_t>& streams, std::uint32
         frames.push_back(std::move(frame));
     }
     return frames;
+}
+
+const std::vector<TargetStrategy>& TargetStrategies() {
+    static const std::vector<TargetStrategy> strategies = {
+        {"Writer", "972EE495-EB8E-48A8-AB94-43797E34A436", "3802D826-7D62-41BF-A92E-6A56E3700590",
+         &TargetKEL2FileWriterFilterCreator, &TargetKEL2FileWriterAsyncFilterCreator, false, false},
+        {"SnapshotWriter", "5F18B69C-472C-4BF7-902C-593A24A53267", "990F8140-8912-464F-B85A-6AB300AD0E37",
+         &TargetKEL2FileSnapshotWriterFilterCreator, &TargetKEL2FileSnapshotWriterAsyncFilterCreator, true, false},
+        {"PerStreamWriter", "C6AB7E7D-E3E2-4E3A-ACAF-9A4DD28B318B", "9F77FB3F-F205-491D-A12C-14B3266F700B",
+         &TargetKEL2FilePerStreamWriterFilterCreator, &TargetKEL2FilePerStreamWriterAsyncFilterCreator, false, true},
+        {"PerStreamSnapshotWriter", "A74FA620-53CD-461A-A512-3217F1271DC3", "BEF1EC5E-D302-4BAD-B771-88D0E404035C",
+         &TargetKEL2FilePerStreamSnapshotWriterFilterCreator, &TargetKEL2FilePerStreamSnapshotWriterAsyncFilterCreator,
+         true, true},
+    };
+    return strategies;
+}
+
+std::string StrategyName(const ::testing::TestParamInfo<TargetStrategy>& info) { return info.param.name; }
+
+KEL::RunOptions PressBefore(std::vector<KEL::Filter*> targets, std::uint32_t frame, int presses) {
+    KEL::RunOptions options;
+    options.beforeFrame = [=](KEL::Graph&, std::uint32_t nr) {
+        for (int i = 0; nr == frame && i < presses; ++i) {
+            for (KEL::Filter* target : targets) {
+                Param<KEL::FilterParamCallback>(*target, "Take snapshot")->Press();
+            }
+        }
+    };
+    return options;
+}
+
+KEL::RunOptions Arm(const TargetStrategy& s, const std::vector<KEL::Filter*>& targets, std::uint32_t snapshotFrames) {
+    for (KEL::Filter* target : targets) {
+        if (s.snapshot) {
+            SetParam(*target, "Frames count per snapshot", std::to_string(snapshotFrames));
+        } else {
+            SetParam(*target, "Enable Recording", "true");
+        }
+    }
+    return s.snapshot ? PressBefore(targets, 0) : KEL::RunOptions{};
+}
+
+std::vector<std::string> OutputFiles(const TargetStrategy& s, const std::string& base,
+                                     const std::vector<std::uint16_t>& streams) {
+    if (!s.perStream) {
+        return {base + ".kel"};
+    }
+    std::vector<std::string> files;
+    for (std::uint16_t stream : streams) {
+        files.push_back(base + "_" + std::to_string(stream) + ".kel");
+    }
+    return files;
 }
 
 void SetParam(KEL::Filter& filter, const std::string& name, const std::string& text) {

@@ -10,6 +10,7 @@
 #include <KEL/Graph.h>
 #include <KEL/Source.h>
 #include <KEL/Target.h>
+#include <gtest/gtest.h>
 
 #include <cstdint>
 #include <map>
@@ -63,6 +64,33 @@ std::shared_ptr<T> Param(const KEL::Filter& filter, const std::string& name) {
     return param;
 }
 void SetParam(KEL::Filter& filter, const std::string& name, const std::string& text);
+
+// One writer strategy and its two target classes, "TargetKEL2File<name>"
+// writing on the graph thread and "TargetKEL2File<name>Async" on a thread of
+// its own.
+struct TargetStrategy {
+    const char* name;
+    const char* syncGuid;
+    const char* asyncGuid;
+    KEL::FilterCreator sync;
+    KEL::FilterCreator async;
+    bool snapshot;
+    bool perStream;
+};
+// The four strategies: Writer, SnapshotWriter, PerStreamWriter,
+// PerStreamSnapshotWriter.
+const std::vector<TargetStrategy>& TargetStrategies();
+std::string StrategyName(const ::testing::TestParamInfo<TargetStrategy>& info);
+
+// Presses "Take snapshot" of each target `presses` times before frame `frame`.
+KEL::RunOptions PressBefore(std::vector<KEL::Filter*> targets, std::uint32_t frame, int presses = 1);
+// Makes targets of strategy `s` record from the first frame: "Enable
+// Recording" on, or snapshots of `snapshotFrames` frames taken before frame 0
+// (the returned options press the button).
+KEL::RunOptions Arm(const TargetStrategy& s, const std::vector<KEL::Filter*>& targets, std::uint32_t snapshotFrames);
+// The files strategy `s` writes for the path `base`.kel and input `streams`.
+std::vector<std::string> OutputFiles(const TargetStrategy& s, const std::string& base,
+                                     const std::vector<std::uint16_t>& streams);
 
 // Every stream of a container file, atoms ordered by stored frame number, as
 // stored (`loosen` false) or completed from the stream's first atom.
