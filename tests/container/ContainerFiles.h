@@ -1,10 +1,12 @@
 #pragma once
 
 // Helpers of the container tests: writing containers whole or "unclosed"
-// (as a writer that was killed leaves them) and reading every atom back.
+// (as a writer that was killed leaves them), reading every atom back, and a
+// fixture that gives each test a scratch file.
 
 #include <KEL/ReadKEL2File.h>
 #include <KEL/SerializeToKel.h>
+#include <KelCommon/Logger.h>
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -68,5 +70,28 @@ inline std::vector<KEL::AtomPtr> ReadAll(KEL::ReadKEL2File& reader) {
     }
     return out;
 }
+
+// `actual` was read and equals `expected` (ids, time stamp, every layer).
+inline void ExpectSameAtom(const KEL::AtomPtr& expected, const KEL::AtomPtr& actual) {
+    ASSERT_TRUE(actual) << "stream " << expected->GetStreamId() << " frame " << expected->GetFrameNr();
+    std::string why;
+    EXPECT_TRUE(AtomsEqual(*expected, *actual, &why)) << why;
+}
+
+// Captured lines logged at `level` whose message contains `fragment`.
+inline std::size_t CountAtLevel(const KelCommon::ScopedLogCapture& log, int level, const std::string& fragment) {
+    std::size_t n = 0;
+    for (const auto& r : log.Records()) {
+        n += (r.level == level && r.message.find(fragment) != std::string::npos) ? 1 : 0;
+    }
+    return n;
+}
+
+// A scratch directory per test, and the container file most tests use.
+class ContainerTest : public testing::Test {
+protected:
+    TempDir dir;
+    const std::string path = dir.File("test.kel");
+};
 
 }  // namespace kel_test

@@ -12,6 +12,7 @@ namespace {
 
 using namespace kel_test;
 using namespace KEL::container;
+using ContainerLargeFile = ContainerTest;
 
 // Writes `bytes` at `offset` of the open file `fd`.
 void WriteAt(int fd, std::uint64_t offset, std::vector<iovec> iov, std::uint64_t size) {
@@ -22,9 +23,7 @@ void WriteAt(int fd, std::uint64_t offset, std::vector<iovec> iov, std::uint64_t
 
 // A file whose atom records lie beyond 4 GiB: the space before them is a hole
 // (a sparse file), so the test costs a few kilobytes of disk.
-TEST(ContainerLargeFile, RecordsBeyondFourGiBAreReadThroughTheIndex) {
-    TempDir dir;
-    const auto path = dir.File("large.kel");
+TEST_F(ContainerLargeFile, RecordsBeyondFourGiBAreReadThroughTheIndex) {
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     ASSERT_GE(fd, 0);
     auto header = MakeFileHeader(kFormatVersion);
@@ -49,10 +48,7 @@ TEST(ContainerLargeFile, RecordsBeyondFourGiBAreReadThroughTheIndex) {
     EXPECT_TRUE(reader->GetDamageReport().indexUsed);
     EXPECT_GT(reader->GetFileSize(), 5ULL << 30);
     for (const auto& atom : atoms) {
-        auto back = reader->GetFrameAtom(1, atom->GetFrameNr());
-        ASSERT_TRUE(back);
-        std::string why;
-        EXPECT_TRUE(AtomsEqual(*atom, *back, &why)) << why;
+        ExpectSameAtom(atom, reader->GetFrameAtom(1, atom->GetFrameNr()));
     }
 }
 

@@ -1,7 +1,8 @@
-#include <KelCommon/Logger.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <functional>
 
 #include "container/ContainerFiles.h"
 #include "container/ContainerFormat.h"
@@ -9,102 +10,86 @@
 namespace {
 
 using namespace kel_test;
+using Bytes = std::vector<std::uint8_t>;
 
-// Opens `path` expecting `code`, and checks the failure was logged at level
-// 2 with the path.
-void ExpectOpenFails(const std::string& path, KEL::KelErrorCode code) {
+enum class Target { kDamagedFile, kAbsentFile, kDirectory, kUnreadableFile };
+
+struct OpenError {
+    const char* name;
+    KEL::KelErrorCode code;
+    Target target;
+    std::function<void(Bytes&)> damage;  // applied to a closed one-atom container
+};
+
+class ContainerOpenErrors : public testing::TestWithParam<OpenError> {};
+
+// The open fails with the case's code and a message, the failure is logged
+// once at level 2 with the path and the message, and the reader stays empty.
+TEST_P(ContainerOpenErrors, FailWithTheirCodeAndOneLogLine) {
+    const auto& param = GetParam();
+    TempDir dir;
+    std::string path = dir.File("test.kel");
+    WriteContainer(path, {MakeFrameAtom(1, 0)});
+    if (param.target == Target::kAbsentFile) {
+        path = dir.File("absent.kel");
+    } else if (param.target == Target::kDirectory) {
+        path = dir.Path().string();
+    } else if (param.target == Target::kUnreadableFile) {
+        if (geteuid() == 0) {
+            GTEST_SKIP() << "permissions do not apply to root";
+        }
+        ASSERT_EQ(chmod(path.c_str(), 0), 0);
+    } else {
+        auto bytes = ReadFileBytes(path);
+        param.damage(bytes);
+        WriteFileBytes(path, bytes);
+    }
     KelCommon::ScopedLogCapture log;
     KEL::ReadKEL2File reader(path.c_str());
-    EXPECT_EQ(reader.Initialize(), code) << reader.GetLastError();
+    EXPECT_EQ(reader.Initialize(), param.code) << reader.GetLastError();
     EXPECT_FALSE(reader.GetLastError().empty());
     EXPECT_EQ(reader.GetNumStreams(), 0);
     EXPECT_FALSE(reader.GetFrameAtom(1, 0));
-    std::size_t level2 = 0;
+    std::size_t lines = 0;
     for (const auto& r : log.Records()) {
-        if (r.level == 2 && r.message.find(path) != std::string::npos &&
-            r.message.find(reader.GetLastError()) != std::string::npos) {
-            ++level2;
-        }
+        lines += (r.level == 2 && r.message.find(path) != std::string::npos &&
+                  r.message.find(reader.GetLastError()) != std::string::npos);
     }
-    EXPECT_EQ(level2, 1U);
+    EXPECT_EQ(lines, 1U);
 }
 
-TEST(ContainerOpenErrors, MissingFileIsNotFound) {
-    TempDir dir;
-    ExpectOpenFails(dir.File("absent.kel"), KEL::KEL_ERR_NOT_FOUND);
-}
-
-TEST(ContainerOpenErrors, UnreadableFileIsAccessDenied) {
-    if (geteuid() == 0) {
-        GTEST_SKIP() << "permissions do not apply to root";
-    }
-    TempDir dir;
-    const auto path = dir.File("locked.kel");
-    WriteContainer(path, {MakeFrameAtom(1, 0)});
-    ASSERT_EQ(chmod(path.c_str(), 0), 0);
-    ExpectOpenFails(path, KEL::KEL_ERR_ACCESS_DENIED);
-}
-
-TEST(ContainerOpenErrors, DirectoryIsNotAContainer) {
-    TempDir dir;
-    ExpectOpenFails(dir.Path().string(), KEL::KEL_ERR_NOT_A_CONTAINER);
-}
-
-TEST(ContainerOpenErrors, EmptyFileIsNotAContainer) {
-    TempDir dir;
-    const auto path = dir.File("empty.kel");
-    WriteFileBytes(path, {});
-    ExpectOpenFails(path, KEL::KEL_ERR_NOT_A_CONTAINER);
-}
-
-TEST(ContainerOpenErrors, OtherFileIsNotAContainer) {
-    TempDir dir;
-    const auto path = dir.File("text.kel");
-    const std::string text = "this is a text file that happens to be long enough";
-    WriteFileBytes(path, std::vector<std::uint8_t>(text.begin(), text.end()));
-    ExpectOpenFails(path, KEL::KEL_ERR_NOT_A_CONTAINER);
-}
-
-TEST(ContainerOpenErrors, NewerFormatVersionIsUnsupported) {
-    TempDir dir;
-    const auto path = dir.File("future.kel");
-    WriteContainer(path, {MakeFrameAtom(1, 0)});
-    auto bytes = ReadFileBytes(path);
+void ReplaceHeader(Bytes& b) {
     const auto header = KEL::container::MakeFileHeader(2001);
-    std::copy(header.begin(), header.end(), bytes.begin());
-    WriteFileBytes(path, bytes);
-    ExpectOpenFails(path, KEL::KEL_ERR_UNSUPPORTED_VERSION);
+    std::copy(header.begin(), header.end(), b.begin());
 }
 
-TEST(ContainerOpenErrors, DamagedFileHeaderIsCorrupt) {
-    TempDir dir;
-    const auto path = dir.File("header.kel");
-    WriteContainer(path, {MakeFrameAtom(1, 0)});
-    FlipByte(path, 11);
-    ExpectOpenFails(path, KEL::KEL_ERR_CORRUPT);
-}
-
-TEST(ContainerOpenErrors, CutFileHeaderIsCorrupt) {
-    TempDir dir;
-    const auto path = dir.File("cut.kel");
-    WriteContainer(path, {MakeFrameAtom(1, 0)});
-    TruncateFile(path, 12);
-    ExpectOpenFails(path, KEL::KEL_ERR_CORRUPT);
-}
-
-TEST(ContainerOpenErrors, FileOfOnlyDamagedRecordsIsCorrupt) {
-    TempDir dir;
-    const auto path = dir.File("garbage.kel");
-    WriteContainer(path, {MakeFrameAtom(1, 0)}, false);
-    auto bytes = ReadFileBytes(path);
-    for (std::size_t i = KEL::container::kFirstRecordOffset; i < bytes.size(); ++i) {
-        bytes[i] = static_cast<std::uint8_t>(i * 31 + 7);
+void ScrambleRecords(Bytes& b) {
+    for (std::size_t i = KEL::container::kFirstRecordOffset; i < b.size(); ++i) {
+        b[i] = static_cast<std::uint8_t>(i * 31 + 7);
     }
-    WriteFileBytes(path, bytes);
-    ExpectOpenFails(path, KEL::KEL_ERR_CORRUPT);
 }
 
-TEST(ContainerOpenErrors, InitializeCanBeRepeated) {
+const std::string kText = "this is a text file that happens to be long enough";
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, ContainerOpenErrors,
+    testing::Values(
+        OpenError{"MissingFileIsNotFound", KEL::KEL_ERR_NOT_FOUND, Target::kAbsentFile, {}},
+        OpenError{"UnreadableFileIsAccessDenied", KEL::KEL_ERR_ACCESS_DENIED, Target::kUnreadableFile, {}},
+        OpenError{"DirectoryIsNotAContainer", KEL::KEL_ERR_NOT_A_CONTAINER, Target::kDirectory, {}},
+        OpenError{"EmptyFileIsNotAContainer", KEL::KEL_ERR_NOT_A_CONTAINER, Target::kDamagedFile,
+                  [](Bytes& b) { b.clear(); }},
+        OpenError{"OtherFileIsNotAContainer", KEL::KEL_ERR_NOT_A_CONTAINER, Target::kDamagedFile,
+                  [](Bytes& b) { b.assign(kText.begin(), kText.end()); }},
+        OpenError{"NewerFormatVersionIsUnsupported", KEL::KEL_ERR_UNSUPPORTED_VERSION, Target::kDamagedFile,
+                  ReplaceHeader},
+        OpenError{"DamagedFileHeaderIsCorrupt", KEL::KEL_ERR_CORRUPT, Target::kDamagedFile,
+                  [](Bytes& b) { b[11] ^= 1; }},
+        OpenError{"CutFileHeaderIsCorrupt", KEL::KEL_ERR_CORRUPT, Target::kDamagedFile, [](Bytes& b) { b.resize(12); }},
+        OpenError{"FileOfOnlyDamagedRecordsIsCorrupt", KEL::KEL_ERR_CORRUPT, Target::kDamagedFile, ScrambleRecords}),
+    [](const testing::TestParamInfo<OpenError>& p) { return std::string(p.param.name); });
+
+TEST(ContainerOpen, InitializeCanBeRepeated) {
     TempDir dir;
     const auto path = dir.File("again.kel");
     WriteContainer(path, {MakeFrameAtom(1, 0), MakeFrameAtom(2, 0)});

@@ -11,6 +11,7 @@ namespace {
 
 using namespace kel_test;
 using KEL::AtomPtr;
+using ContainerWriteFailure = ContainerTest;
 
 // Runs `body` in a forked child and returns its exit status (or -1 when it
 // did not exit normally). Resource limits set there die with the child.
@@ -27,9 +28,7 @@ int RunInChild(Body body) {
     return WEXITSTATUS(status);
 }
 
-TEST(ContainerWriteFailure, FileSizeLimitFailsTheWriteAndKeepsEarlierAtoms) {
-    TempDir dir;
-    const auto path = dir.File("limited.kel");
+TEST_F(ContainerWriteFailure, FileSizeLimitFailsTheWriteAndKeepsEarlierAtoms) {
     std::vector<AtomPtr> atoms;
     for (std::uint32_t f = 0; f < 12; ++f) {
         atoms.push_back(MakeFrameAtom(1, f, 32, 32));  // about 4 KiB of pixels each
@@ -75,18 +74,14 @@ TEST(ContainerWriteFailure, FileSizeLimitFailsTheWriteAndKeepsEarlierAtoms) {
     EXPECT_EQ(reader->GetDamageReport().skippedRecords, 0U);
     EXPECT_EQ(reader->GetDamageReport().truncatedTailBytes, 0U);
     for (int i = 0; i < written; ++i) {
-        auto back = reader->GetFrameAtom(1, static_cast<std::uint32_t>(i));
-        ASSERT_TRUE(back);
-        std::string why;
-        EXPECT_TRUE(AtomsEqual(*atoms[static_cast<std::size_t>(i)], *back, &why)) << why;
+        ExpectSameAtom(atoms[static_cast<std::size_t>(i)], reader->GetFrameAtom(1, static_cast<std::uint32_t>(i)));
     }
 }
 
-TEST(ContainerWriteFailure, UnwritableDirectoryIsReportedAtOpen) {
+TEST_F(ContainerWriteFailure, UnwritableDirectoryIsReportedAtOpen) {
     if (geteuid() == 0) {
         GTEST_SKIP() << "permissions do not apply to root";
     }
-    TempDir dir;
     const auto sub = dir.File("ro");
     std::filesystem::create_directory(sub);
     std::filesystem::permissions(sub, std::filesystem::perms::owner_read | std::filesystem::perms::owner_exec);

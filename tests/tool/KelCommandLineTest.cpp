@@ -6,37 +6,22 @@
 #include <nlohmann/json.hpp>
 
 #include "ToolTestSupport.h"
-#include "support/TestSupport.h"
 
 namespace {
 
-using kel_test::TempDir;
-using kel_tool_test::RunKel;
+using KelCommandLine = kel_tool_test::KelToolTest;
+using KelFilters = kel_tool_test::KelToolTest;
+using KelPlugins = kel_tool_test::KelToolTest;
+using KelVerbosity = kel_tool_test::KelToolTest;
 
-TEST(KelCommandLine, UnknownCommandIsAUsageError) {
-    TempDir dir;
-    const auto run = RunKel({"frobnicate"}, dir.Path().string());
-    EXPECT_EQ(run.exitCode, 2);
-    EXPECT_NE(run.err.find("frobnicate"), std::string::npos) << run.err;
-    EXPECT_EQ(run.out, "");
-}
+TEST_F(KelCommandLine, UnknownCommandIsAUsageError) { KelFails({"frobnicate"}, 2, "frobnicate"); }
 
-TEST(KelCommandLine, MissingArgumentIsAUsageError) {
-    TempDir dir;
-    const auto run = RunKel({"copy", "only-one.kel"}, dir.Path().string());
-    EXPECT_EQ(run.exitCode, 2);
-    EXPECT_NE(run.err.find("OUT"), std::string::npos) << run.err;
-}
+TEST_F(KelCommandLine, MissingArgumentIsAUsageError) { KelFails({"copy", "only-one.kel"}, 2, "OUT"); }
 
-TEST(KelCommandLine, BufferOptionNeedsAsync) {
-    TempDir dir;
-    const auto run = RunKel({"copy", "a.kel", "b.kel", "--buffer", "4"}, dir.Path().string());
-    EXPECT_EQ(run.exitCode, 2) << run.err;
-}
+TEST_F(KelCommandLine, BufferOptionNeedsAsync) { KelFails({"copy", "a.kel", "b.kel", "--buffer", "4"}, 2, ""); }
 
-TEST(KelCommandLine, HelpSucceedsAndListsCommands) {
-    TempDir dir;
-    const auto run = RunKel({"--help"}, dir.Path().string());
+TEST_F(KelCommandLine, HelpSucceedsAndListsCommands) {
+    const auto run = Kel({"--help"});
     EXPECT_EQ(run.exitCode, 0);
     for (const char* command :
          {"filters", "info", "verify", "run", "copy", "split", "concat", "merge", "thumbnail", "demo"}) {
@@ -44,13 +29,11 @@ TEST(KelCommandLine, HelpSucceedsAndListsCommands) {
     }
 }
 
-TEST(KelFilters, ListsEveryClassOfBothPluginsWithParameters) {
-    TempDir dir;
-    const auto run = RunKel({"filters", "--json"}, dir.Path().string());
+TEST_F(KelFilters, ListsEveryClassOfBothPluginsWithParameters) {
+    const auto run = Kel({"filters", "--json"});
     ASSERT_EQ(run.exitCode, 0) << run.err;
-    const auto classes = nlohmann::json::parse(run.out);
     std::map<std::string, nlohmann::json> byName;
-    for (const auto& c : classes) {
+    for (const auto& c : nlohmann::json::parse(run.out)) {
         byName[c["name"].get<std::string>()] = c;
     }
     ASSERT_TRUE(byName.contains("SourceKEL2FileReader"));
@@ -72,55 +55,39 @@ TEST(KelFilters, ListsEveryClassOfBothPluginsWithParameters) {
     EXPECT_FALSE(params["Buffer size"]["domain"].get<std::string>().empty());
 }
 
-TEST(KelFilters, TableNamesClassesAndQuotedParameters) {
-    TempDir dir;
-    const auto run = RunKel({"filters"}, dir.Path().string());
-    ASSERT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_NE(run.out.find("TargetKEL2FilePerStreamSnapshotWriterAsync"), std::string::npos);
-    EXPECT_NE(run.out.find("\"Frames count per snapshot\""), std::string::npos);
-}
-
-TEST(KelPlugins, PluginOptionMayFollowTheCommand) {
-    kel_test::TempDir dir;
-    const auto run = RunKel({"filters", "--plugin", KEL_TEST_PLUGIN_PATH}, dir.Path().string());
+TEST_F(KelPlugins, PluginOptionMayFollowTheCommandAndTheTableQuotesParameters) {
+    const auto run = Kel({"filters", "--plugin", KEL_TEST_PLUGIN_PATH});
     ASSERT_EQ(run.exitCode, 0) << run.err;
     EXPECT_NE(run.out.find("11 filter class(es)"), std::string::npos) << run.out;
     EXPECT_NE(run.out.find("TargetKEL2FilePerStreamSnapshotWriterAsync"), std::string::npos);
+    EXPECT_NE(run.out.find("\"Frames count per snapshot\""), std::string::npos);
     EXPECT_EQ(run.out.find("SyntheticCaptureSource"), std::string::npos);
 }
 
-TEST(KelPlugins, MissingPluginDirectoryFailsWithMessage) {
-    TempDir dir;
-    const auto run = RunKel({"--plugin-dir", dir.File("nowhere"), "filters"}, dir.Path().string());
-    EXPECT_EQ(run.exitCode, 1);
-    EXPECT_NE(run.err.find("does not exist"), std::string::npos) << run.err;
+TEST_F(KelPlugins, MissingPluginDirectoryFailsWithMessage) {
+    KelFails({"--plugin-dir", File("nowhere"), "filters"}, 1, "does not exist");
 }
 
-TEST(KelPlugins, NonPluginLibraryIsRefusedWithMessage) {
-    TempDir dir;
-    kel_tool_test::WriteText(dir.File("libfake.so"), "not an ELF file");
-    const auto run = RunKel({"--plugin", dir.File("libfake.so"), "filters"}, dir.Path().string());
-    EXPECT_EQ(run.exitCode, 1);
-    EXPECT_NE(run.err.find("libfake.so"), std::string::npos) << run.err;
+TEST_F(KelPlugins, NonPluginLibraryIsRefusedWithMessage) {
+    kel_tool_test::WriteText(File("libfake.so"), "not an ELF file");
+    KelFails({"--plugin", File("libfake.so"), "filters"}, 1, "libfake.so");
 }
 
-TEST(KelPlugins, EmptyPluginDirectoryLeavesOnlyBuiltInClasses) {
-    TempDir dir;
+TEST_F(KelPlugins, EmptyPluginDirectoryLeavesOnlyBuiltInClasses) {
     std::filesystem::create_directories(dir.Path() / "empty");
-    const auto run = RunKel({"--plugin-dir", dir.File("empty"), "filters", "--json"}, dir.Path().string());
+    const auto run = Kel({"--plugin-dir", File("empty"), "filters", "--json"});
     ASSERT_EQ(run.exitCode, 0) << run.err;
     for (const auto& c : nlohmann::json::parse(run.out)) {
         EXPECT_NE(c["name"], "SourceKEL2FileReader");
     }
 }
 
-TEST(KelVerbosity, VerboseShowsWriterStartLines) {
-    TempDir dir;
-    kel_tool_test::RecordSynthetic(dir.File("in.kel"), 1, 2);
-    const auto quiet = RunKel({"copy", "-q", "in.kel", "out.kel"}, dir.Path().string());
+TEST_F(KelVerbosity, VerboseShowsWriterStartLines) {
+    kel_tool_test::RecordSynthetic(File("in.kel"), 1, 2);
+    const auto quiet = Kel({"copy", "-q", "in.kel", "out.kel"});
     ASSERT_EQ(quiet.exitCode, 0) << quiet.err;
     EXPECT_EQ(quiet.err.find("WriterBase::Start writing"), std::string::npos) << quiet.err;
-    const auto verbose = RunKel({"-vv", "copy", "-q", "in.kel", "out2.kel"}, dir.Path().string());
+    const auto verbose = Kel({"-vv", "copy", "-q", "in.kel", "out2.kel"});
     ASSERT_EQ(verbose.exitCode, 0) << verbose.err;
     EXPECT_NE(verbose.err.find("WriterBase::Start writing"), std::string::npos) << verbose.err;
 }

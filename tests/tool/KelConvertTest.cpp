@@ -9,13 +9,13 @@
 #include <filesystem>
 
 #include "ToolTestSupport.h"
-#include "support/TestSupport.h"
 
 namespace {
 
-using kel_test::TempDir;
 using kel_tool_test::RecordSynthetic;
-using kel_tool_test::RunKel;
+using KelCopy = kel_tool_test::KelToolTest;
+using KelSplit = kel_tool_test::KelToolTest;
+using KelConcat = kel_tool_test::KelToolTest;
 
 std::shared_ptr<KEL::ReadKEL2File> Open(const std::string& path) {
     auto reader = std::make_shared<KEL::ReadKEL2File>(path.c_str());
@@ -62,51 +62,44 @@ void ExpectSameStream(KEL::ReadKEL2File& expected, std::uint16_t expectedStream,
     }
 }
 
-TEST(KelCopy, RoundTripStoresEveryAtomUnchanged) {
-    TempDir dir;
-    RecordSynthetic(dir.File("in.kel"), 3, 6);
-    const auto run = RunKel({"copy", "in.kel", "out/copy.kel"}, dir.Path().string());
+// `actual` holds exactly the streams `ids` of `expected`, each stored
+// unchanged.
+void ExpectSameStreams(KEL::ReadKEL2File& expected, KEL::ReadKEL2File& actual, const std::vector<std::uint16_t>& ids) {
+    ASSERT_EQ(StreamIds(actual), ids);
+    for (const std::uint16_t id : ids) {
+        ExpectSameStream(expected, id, actual, id);
+    }
+}
+
+TEST_F(KelCopy, RoundTripStoresEveryAtomUnchanged) {
+    RecordSynthetic(File("in.kel"), 3, 6);
+    const auto run = Kel({"copy", "in.kel", "out/copy.kel"});
     ASSERT_EQ(run.exitCode, 0) << run.err;
     EXPECT_NE(run.out.find("Frames delivered: 6"), std::string::npos) << run.out;
-    auto in = Open(dir.File("in.kel"));
-    auto out = Open(dir.File("out/copy.kel"));
-    ASSERT_EQ(StreamIds(*out), StreamIds(*in));
-    for (const std::uint16_t id : StreamIds(*in)) {
-        ExpectSameStream(*in, id, *out, id);
-    }
-    EXPECT_FALSE(std::filesystem::exists(dir.File("out/copy.kel.xml")));
+    auto in = Open(File("in.kel"));
+    ExpectSameStreams(*in, *Open(File("out/copy.kel")), StreamIds(*in));
+    EXPECT_FALSE(Exists("out/copy.kel.xml"));
 }
 
-TEST(KelCopy, StreamsOptionKeepsOnlyTheListedStreams) {
-    TempDir dir;
-    RecordSynthetic(dir.File("in.kel"), 4, 3);
-    const auto run = RunKel({"copy", "in.kel", "two.kel", "--streams", "1,3"}, dir.Path().string());
+TEST_F(KelCopy, StreamsOptionKeepsOnlyTheListedStreams) {
+    RecordSynthetic(File("in.kel"), 4, 3);
+    const auto run = Kel({"copy", "in.kel", "two.kel", "--streams", "1,3"});
     ASSERT_EQ(run.exitCode, 0) << run.err;
-    auto in = Open(dir.File("in.kel"));
-    auto out = Open(dir.File("two.kel"));
-    ASSERT_EQ(StreamIds(*out), (std::vector<std::uint16_t>{1, 3}));
-    ExpectSameStream(*in, 1, *out, 1);
-    ExpectSameStream(*in, 3, *out, 3);
+    ExpectSameStreams(*Open(File("in.kel")), *Open(File("two.kel")), {1, 3});
 }
 
-TEST(KelCopy, AsyncWithoutDroppingStoresEveryAtomAndXml) {
-    TempDir dir;
-    RecordSynthetic(dir.File("in.kel"), 2, 20);
-    const auto run =
-        RunKel({"copy", "in.kel", "out.kel", "--async", "--buffer", "2", "--no-drop", "--xml"}, dir.Path().string());
+TEST_F(KelCopy, AsyncWithoutDroppingStoresEveryAtomAndXml) {
+    RecordSynthetic(File("in.kel"), 2, 20);
+    const auto run = Kel({"copy", "in.kel", "out.kel", "--async", "--buffer", "2", "--no-drop", "--xml"});
     ASSERT_EQ(run.exitCode, 0) << run.err;
     EXPECT_NE(run.out.find("out: Dropped frames count = 0"), std::string::npos) << run.out;
-    auto in = Open(dir.File("in.kel"));
-    auto out = Open(dir.File("out.kel"));
-    ExpectSameStream(*in, 0, *out, 0);
-    ExpectSameStream(*in, 1, *out, 1);
-    EXPECT_TRUE(std::filesystem::exists(dir.File("out.kel.xml")));
+    ExpectSameStreams(*Open(File("in.kel")), *Open(File("out.kel")), {0, 1});
+    EXPECT_TRUE(Exists("out.kel.xml"));
 }
 
-TEST(KelCopy, AsyncDroppingAccountsForEveryFrame) {
-    TempDir dir;
-    RecordSynthetic(dir.File("in.kel"), 2, 40, false, 128, 128);
-    const auto run = RunKel({"copy", "in.kel", "out.kel", "--async", "--buffer", "1", "--drop"}, dir.Path().string());
+TEST_F(KelCopy, AsyncDroppingAccountsForEveryFrame) {
+    RecordSynthetic(File("in.kel"), 2, 40, false, 128, 128);
+    const auto run = Kel({"copy", "in.kel", "out.kel", "--async", "--buffer", "1", "--drop"});
     ASSERT_EQ(run.exitCode, 0) << run.err;
     const std::string marker = "out: Dropped frames count = ";
     const auto at = run.out.find(marker);
@@ -114,82 +107,62 @@ TEST(KelCopy, AsyncDroppingAccountsForEveryFrame) {
     const std::uint32_t dropped = std::stoul(run.out.substr(at + marker.size()));
     // Whole frames are written or dropped: what is in the file and what was
     // counted as dropped make up every frame played.
-    auto out = Open(dir.File("out.kel"));
+    auto out = Open(File("out.kel"));
     EXPECT_EQ(out->GetNumFrames(0) + dropped, 40U);
     EXPECT_EQ(out->GetNumFrames(1), out->GetNumFrames(0));
 }
 
-TEST(KelCopy, ThumbnailOptionAddsThumbnailToFirstAtoms) {
-    TempDir dir;
-    RecordSynthetic(dir.File("in.kel"), 2, 3, /*thumbnail=*/false, 40, 20);
-    const auto run = RunKel({"copy", "in.kel", "thumbs.kel", "--thumbnail"}, dir.Path().string());
+TEST_F(KelCopy, ThumbnailOptionAddsThumbnailToFirstAtoms) {
+    RecordSynthetic(File("in.kel"), 2, 3, /*thumbnail=*/false, 40, 20);
+    const auto run = Kel({"copy", "in.kel", "thumbs.kel", "--thumbnail"});
     ASSERT_EQ(run.exitCode, 0) << run.err;
-    auto out = Open(dir.File("thumbs.kel"));
+    auto out = Open(File("thumbs.kel"));
     for (const std::uint16_t id : StreamIds(*out)) {
         const auto kinds = kel_test::LayerKinds(*out->GetFirstFrameAtom(id));
         EXPECT_EQ(std::count(kinds.begin(), kinds.end(), "TextureRGBA/THUMBNAIL"), 1) << "stream " << id;
     }
 }
 
-TEST(KelCopy, OutputPathGetsTheContainerExtension) {
-    TempDir dir;
-    RecordSynthetic(dir.File("in.kel"), 1, 2);
-    const auto run = RunKel({"copy", "in.kel", "copy.data"}, dir.Path().string());
+TEST_F(KelCopy, OutputPathGetsTheContainerExtensionButNeverNamesTheInput) {
+    RecordSynthetic(File("in.kel"), 1, 3);
+    KelFails({"copy", "in.kel", "./in.data"}, 1, "is the input");
+    const auto run = Kel({"copy", "in.kel", "copy.data"});
     ASSERT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_TRUE(std::filesystem::exists(dir.File("copy.kel")));
-    EXPECT_FALSE(std::filesystem::exists(dir.File("copy.data")));
+    EXPECT_TRUE(Exists("copy.kel"));
+    EXPECT_FALSE(Exists("copy.data"));
 }
 
-TEST(KelCopy, RefusesToOverwriteItsInput) {
-    TempDir dir;
-    RecordSynthetic(dir.File("in.kel"), 1, 3);
-    const auto before = kel_test::ReadFileBytes(dir.File("in.kel"));
-    const auto run = RunKel({"copy", "in.kel", "./in.data"}, dir.Path().string());
-    EXPECT_EQ(run.exitCode, 1);
-    EXPECT_NE(run.err.find("is the input"), std::string::npos) << run.err;
-    EXPECT_EQ(kel_test::ReadFileBytes(dir.File("in.kel")), before);
+TEST_F(KelCopy, MissingInputFailsWithTheSourceMessage) {
+    KelFails({"copy", "absent.kel", "out.kel"}, 1, "Failed to open file '");
+    EXPECT_FALSE(Exists("out.kel"));
 }
 
-TEST(KelCopy, MissingInputFailsWithTheSourceMessage) {
-    TempDir dir;
-    const auto run = RunKel({"copy", "absent.kel", "out.kel"}, dir.Path().string());
-    EXPECT_EQ(run.exitCode, 1);
-    EXPECT_NE(run.err.find("Failed to open file '"), std::string::npos) << run.err;
-    EXPECT_FALSE(std::filesystem::exists(dir.File("out.kel")));
-}
-
-TEST(KelSplit, WritesOneFilePerStreamAndMergeRestoresTheRecording) {
-    TempDir dir;
-    RecordSynthetic(dir.File("in.kel"), 3, 4);
-    const auto split = RunKel({"split", "in.kel", "parts/"}, dir.Path().string());
+TEST_F(KelSplit, WritesOneFilePerStreamAndMergeRestoresTheRecording) {
+    RecordSynthetic(File("in.kel"), 3, 4);
+    const auto split = Kel({"split", "in.kel", "parts/"});
     ASSERT_EQ(split.exitCode, 0) << split.err;
-    auto in = Open(dir.File("in.kel"));
+    auto in = Open(File("in.kel"));
     for (const std::uint16_t id : {0, 1, 2}) {
-        const std::string part = dir.File("parts/in_" + std::to_string(id) + ".kel");
+        const std::string part = File("parts/in_" + std::to_string(id) + ".kel");
         ASSERT_TRUE(std::filesystem::exists(part)) << part;
-        auto reader = Open(part);
-        ASSERT_EQ(StreamIds(*reader), std::vector<std::uint16_t>{id});
-        ExpectSameStream(*in, id, *reader, id);
+        ExpectSameStreams(*in, *Open(part), {id});
     }
 
-    const auto merge = RunKel({"merge", "parts", "merged.kel"}, dir.Path().string());
+    const auto merge = Kel({"merge", "parts", "merged.kel"});
     ASSERT_EQ(merge.exitCode, 0) << merge.err;
-    auto merged = Open(dir.File("merged.kel"));
-    ASSERT_EQ(StreamIds(*merged), StreamIds(*in));
-    for (const std::uint16_t id : StreamIds(*in)) {
-        ExpectSameStream(*in, id, *merged, id);
-    }
+    ExpectSameStreams(*in, *Open(File("merged.kel")), StreamIds(*in));
 }
 
-TEST(KelConcat, JoinsFilesWithContinuousFrameNumbers) {
-    TempDir dir;
-    RecordSynthetic(dir.File("takes/1.kel"), 2, 3);
-    RecordSynthetic(dir.File("takes/2.kel"), 2, 5);
-    const auto run = RunKel({"concat", "takes", "all.kel"}, dir.Path().string());
+TEST_F(KelConcat, JoinsFilesWithContinuousFrameNumbers) {
+    RecordSynthetic(File("takes/1.kel"), 2, 3);
+    RecordSynthetic(File("takes/2.kel"), 2, 5);
+    KelFails({"concat", "takes", "takes/1.kel"}, 1, "is the input");
+    const auto run = Kel({"concat", "takes", "all.kel"});
     ASSERT_EQ(run.exitCode, 0) << run.err;
-    auto first = Open(dir.File("takes/1.kel"));
-    auto second = Open(dir.File("takes/2.kel"));
-    auto all = Open(dir.File("all.kel"));
+    auto first = Open(File("takes/1.kel"));
+    auto second = Open(File("takes/2.kel"));
+    auto all = Open(File("all.kel"));
+    const auto textureGuid = KEL::DataTypeTextureRGBA::TheTypeGuid();
     for (const std::uint16_t id : {0, 1}) {
         ASSERT_EQ(all->GetNumFrames(id), 8U);
         for (std::uint32_t f = 0; f < 8; ++f) {
@@ -197,32 +170,20 @@ TEST(KelConcat, JoinsFilesWithContinuousFrameNumbers) {
             ASSERT_TRUE(atom) << f;
             const auto original = f < 3 ? first->GetFrameAtom(id, f) : second->GetFrameAtom(id, f - 3);
             EXPECT_EQ(atom->GetTimeStamp(), original->GetTimeStamp()) << f;
-            const auto image = KEL::LayerCast<KEL::DataTypeTextureRGBA>(
-                atom->GetDataLayerByType(KEL::DataTypeTextureRGBA::TheTypeGuid(), false));
-            const auto originalImage = KEL::LayerCast<KEL::DataTypeTextureRGBA>(
-                original->GetDataLayerByType(KEL::DataTypeTextureRGBA::TheTypeGuid(), false));
+            const auto image = KEL::LayerCast<KEL::DataTypeTextureRGBA>(atom->GetDataLayerByType(textureGuid, false));
+            const auto originalImage =
+                KEL::LayerCast<KEL::DataTypeTextureRGBA>(original->GetDataLayerByType(textureGuid, false));
             ASSERT_TRUE(image && originalImage);
             EXPECT_TRUE(image->GetPixels().ContentEquals(originalImage->GetPixels())) << f;
         }
     }
 }
 
-TEST(KelConcat, DirectoryOfUnlikeFilesFailsWithTheSourceMessage) {
-    TempDir dir;
-    RecordSynthetic(dir.File("takes/1.kel"), 1, 2);
-    RecordSynthetic(dir.File("takes/2.kel"), 2, 2);
-    const auto run = RunKel({"concat", "takes", "all.kel"}, dir.Path().string());
-    EXPECT_EQ(run.exitCode, 1);
-    EXPECT_NE(run.err.find("initialisation failed"), std::string::npos) << run.err;
-    EXPECT_FALSE(std::filesystem::exists(dir.File("all.kel")));
-}
-
-TEST(KelConcat, RefusesToWriteOverOneOfItsInputs) {
-    TempDir dir;
-    RecordSynthetic(dir.File("takes/1.kel"), 1, 2);
-    const auto run = RunKel({"concat", "takes", "takes/1.kel"}, dir.Path().string());
-    EXPECT_EQ(run.exitCode, 1);
-    EXPECT_NE(run.err.find("is the input"), std::string::npos) << run.err;
+TEST_F(KelConcat, DirectoryOfUnlikeFilesFailsWithTheSourceMessage) {
+    RecordSynthetic(File("takes/1.kel"), 1, 2);
+    RecordSynthetic(File("takes/2.kel"), 2, 2);
+    KelFails({"concat", "takes", "all.kel"}, 1, "initialisation failed");
+    EXPECT_FALSE(Exists("all.kel"));
 }
 
 }  // namespace

@@ -44,29 +44,25 @@ TEST(PngWriter, WritesPixelsThatDecodeBackExactly) {
     EXPECT_TRUE(std::equal(decoded.begin(), decoded.end(), pixels.data()));
 }
 
-TEST(PngWriter, RefusesBufferOfWrongSize) {
-    TempDir dir;
-    const auto pixels = kel_test::PatternBuffer(10, 1);
-    std::string error;
-    EXPECT_FALSE(KelTool::WritePngRgba(dir.File("a.png"), 2, 2, pixels.data(), pixels.size(), &error));
-    EXPECT_NE(error.find("expected 16"), std::string::npos) << error;
-    EXPECT_FALSE(std::filesystem::exists(dir.File("a.png")));
-}
-
-TEST(PngWriter, RefusesEmptyImage) {
-    TempDir dir;
-    std::string error;
-    const std::uint8_t pixel[4] = {};
-    EXPECT_FALSE(KelTool::WritePngRgba(dir.File("a.png"), 0, 1, pixel, 0, &error));
-    EXPECT_FALSE(error.empty());
-}
-
-TEST(PngWriter, UnwritableDirectoryFailsWithMessage) {
-    TempDir dir;
-    const auto pixels = kel_test::PatternBuffer(4, 1);
-    std::string error;
-    EXPECT_FALSE(KelTool::WritePngRgba(dir.File("missing/a.png"), 1, 1, pixels.data(), pixels.size(), &error));
-    EXPECT_NE(error.find("cannot create"), std::string::npos) << error;
+TEST(PngWriter, BadImageOrPathIsRefusedWithMessageAndNoFile) {
+    struct Case {
+        const char* name;
+        std::uint32_t width;
+        std::uint32_t height;
+        std::size_t bytes;
+        const char* message;
+    };
+    for (const Case& c : {Case{"a.png", 2, 2, 10, "expected 16"}, Case{"a.png", 0, 1, 0, ""},
+                          Case{"missing/a.png", 1, 1, 4, "cannot create"}}) {
+        SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height) + " to " + c.name);
+        TempDir dir;
+        const auto pixels = kel_test::PatternBuffer(c.bytes, 1);
+        std::string error;
+        EXPECT_FALSE(KelTool::WritePngRgba(dir.File(c.name), c.width, c.height, pixels.data(), c.bytes, &error));
+        EXPECT_FALSE(error.empty());
+        EXPECT_NE(error.find(c.message), std::string::npos) << error;
+        EXPECT_FALSE(std::filesystem::exists(dir.File(c.name)));
+    }
 }
 
 }  // namespace

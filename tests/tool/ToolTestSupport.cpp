@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
 
 namespace kel_tool_test {
@@ -109,6 +110,25 @@ void RecordSynthetic(const std::string& path, std::uint32_t streams, std::uint32
     const KelRun run = RunKel({"run", "-q", graph, "--set", "rec.KEL File Path=" + path}, dir.string());
     ASSERT_EQ(run.exitCode, 0) << run.err;
     std::filesystem::remove(graph);
+}
+
+KelRun KelToolTest::KelFails(const std::vector<std::string>& args, int exitCode, const std::string& errFragment) const {
+    std::map<std::string, std::vector<std::uint8_t>> before;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.Path())) {
+        if (entry.is_regular_file()) {
+            before[entry.path().string()] = kel_test::ReadFileBytes(entry.path().string());
+        }
+    }
+    KelRun run = Kel(args);
+    EXPECT_EQ(run.exitCode, exitCode) << run.out << run.err;
+    EXPECT_NE(run.err.find(errFragment), std::string::npos) << run.err;
+    if (exitCode == 2) {
+        EXPECT_EQ(run.out, "");
+    }
+    for (const auto& [path, bytes] : before) {
+        EXPECT_EQ(kel_test::ReadFileBytes(path), bytes) << path;
+    }
+    return run;
 }
 
 }  // namespace kel_tool_test

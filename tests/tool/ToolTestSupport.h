@@ -3,9 +3,14 @@
 // Runs the built `kel` executable in a child process and captures what it
 // prints, for the end-to-end tests of the tool.
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
+#include <filesystem>
 #include <string>
 #include <vector>
+
+#include "support/TestSupport.h"
 
 namespace kel_tool_test {
 
@@ -34,5 +39,21 @@ void RecordSynthetic(const std::string& path, std::uint32_t streams, std::uint32
 
 // Writes `text` to `path`.
 void WriteText(const std::string& path, const std::string& text);
+
+// A scratch working directory per test, removed afterwards, that `Kel` runs
+// the tool in (relative paths in arguments are inside it).
+class KelToolTest : public testing::Test {
+protected:
+    KelRun Kel(const std::vector<std::string>& args) const { return RunKel(args, Cwd()); }
+    std::string Cwd() const { return dir.Path().string(); }
+    std::string File(const std::string& name) const { return dir.File(name); }
+    bool Exists(const std::string& name) const { return std::filesystem::exists(dir.File(name)); }
+    // Runs `kel` expecting it to fail: the exit code is `exitCode`, standard
+    // error contains `errFragment`, standard output is empty for a usage
+    // error (code 2), and every file that was in the directory is unchanged.
+    KelRun KelFails(const std::vector<std::string>& args, int exitCode, const std::string& errFragment) const;
+
+    kel_test::TempDir dir;
+};
 
 }  // namespace kel_tool_test
