@@ -22,7 +22,9 @@
 
 namespace {
 
+namespace fs = std::filesystem;
 using kel_test::AtomPtr;
+using kel_test::MakeCompleteFrames;
 using kel_test::ReadStreams;
 using kel_test::TempDir;
 
@@ -31,14 +33,11 @@ std::shared_ptr<KEL::FilterParamBool> AsBool(const std::shared_ptr<KEL::FilterPa
 }
 
 std::size_t CountThumbnails(const KEL::Atom& atom) {
-    std::size_t n = 0;
-    for (const auto& layer : atom.GetAllDataLayers()) {
-        if (layer->GetPurposeGuid() == KEL::PurposeGuid_THUMBNAIL &&
-            layer->GetTypeGuid() == KEL::DataTypeTextureRGBA::TheTypeGuid()) {
-            ++n;
-        }
-    }
-    return n;
+    const auto layers = atom.GetAllDataLayers();
+    return static_cast<std::size_t>(std::count_if(layers.begin(), layers.end(), [](const auto& layer) {
+        return layer->GetPurposeGuid() == KEL::PurposeGuid_THUMBNAIL &&
+               layer->GetTypeGuid() == KEL::DataTypeTextureRGBA::TheTypeGuid();
+    }));
 }
 
 bool HasStreamInfo(const KEL::Atom& atom) {
@@ -48,107 +47,103 @@ bool HasStreamInfo(const KEL::Atom& atom) {
     });
 }
 
-// A BasicWriter that records into `path`.
-struct RecordingWriter {
-    explicit RecordingWriter(const std::string& path, bool xml = false) {
-        AsBool(writer.InitializeWriterParams().at(0))->SetValue(true);
-        writer.currentFilePath = path;
-        writer.writeXml = xml;
+// Switches "Enable Recording" on and points `writer` at `path`.
+template <class W>
+void Record(W& writer, const std::string& path, bool xml = false) {
+    AsBool(writer.InitializeWriterParams().at(0))->SetValue(true);
+    writer.currentFilePath = path;
+    writer.writeXml = xml;
+}
+
+// Writes every atom of `frame`, each of which must succeed.
+template <class W>
+void WriteFrame(W& writer, const std::vector<AtomPtr>& frame) {
+    for (const auto& atom : frame) {
+        ASSERT_EQ(writer.WriteAtom(atom, false), 0U);
     }
+}
+
+// A BasicWriter recording into rec.kel of a fresh directory.
+class WriterBase : public ::testing::Test {
+protected:
+    void SetUp() override { Record(writer, dir.File("rec.kel")); }
+    TempDir dir;
     Kel2File::BasicWriter writer;
 };
 
-TEST(WriterBase, IncomingFrameNumbersAreRenumberedFromZero) {
-    TempDir dir;
-    RecordingWriter w(dir.File("rec.kel"));
-    w.writer.OnPlay(1);
-    const auto frames = kel_test::MakeCompleteFrames({5}, 2, 17, 23);
-    AtomPtr first = frames[0][0];
-    AtomPtr second = frames[1][0];
-    ASSERT_EQ(second->GetFrameNr(), 40U);
-    const std::size_t layersBefore = second->GetNumDataLayers();
-    EXPECT_EQ(w.writer.WriteAtom(first, false), 0U);
-    EXPECT_EQ(w.writer.WriteAtom(second, false), 0U);
-    w.writer.OnStop();
+TEST(WriterOutput, IncomingFrameNumbersAreRenumberedFromZeroAndOnlyOwnedAtomsAreStripped) {
+    for (bool owned : {false, true}) {
+        SCOPED_TRACE(owned);
+        TempDir dir;
+        Kel2File::BasicWriter writer;
+        Record(writer, dir.File("rec.kel"));
+        writer.OnPlay(1);
+        const auto frames = MakeCompleteFrames({5}, 2, 17, 23);
+        AtomPtr first = frames[0][0];
+        AtomPtr second = frames[1][0];
+        ASSERT_EQ(second->GetFrameNr(), 40U);
+        const std::size_t layersBefore = second->GetNumDataLayers();
+        EXPECT_EQ(writer.WriteAtom(first, owned), 0U);
+        EXPECT_EQ(writer.WriteAtom(second, owned), 0U);
+        writer.OnStop();
 
-    // The caller's atoms got the output numbers but kept their layers.
-    EXPECT_EQ(first->GetFrameNr(), 0U);
-    EXPECT_EQ(second->GetFrameNr(), 1U);
-    EXPECT_EQ(second->GetNumDataLayers(), layersBefore);
+        // The caller's atoms got the output numbers; only owned ones lost layers.
+        EXPECT_EQ(first->GetFrameNr(), 0U);
+        EXPECT_EQ(second->GetFrameNr(), 1U);
+        EXPECT_TRUE(HasStreamInfo(*first));
+        EXPECT_EQ(HasStreamInfo(*second), !owned);
+        EXPECT_EQ(second->GetNumDataLayers() == layersBefore, !owned);
 
-    const auto stored = ReadStreams(dir.File("rec.kel"), false);
-    ASSERT_EQ(stored.at(5).size(), 2U);
-    EXPECT_EQ(stored.at(5)[0]->GetFrameNr(), 0U);
-    EXPECT_EQ(stored.at(5)[1]->GetFrameNr(), 1U);
-    EXPECT_TRUE(HasStreamInfo(*stored.at(5)[0]));
-    EXPECT_FALSE(HasStreamInfo(*stored.at(5)[1]));
-    EXPECT_EQ(stored.at(5)[0]->GetNumDataLayers(), layersBefore);
-    // Only the texture, mesh and version-2 camera survive optimisation.
-    EXPECT_EQ(stored.at(5)[1]->GetNumDataLayers(), 3U);
+        const auto stored = ReadStreams(dir.File("rec.kel"), false).at(5);
+        ASSERT_EQ(stored.size(), 2U);
+        EXPECT_EQ(stored[0]->GetFrameNr(), 0U);
+        EXPECT_EQ(stored[1]->GetFrameNr(), 1U);
+        EXPECT_TRUE(HasStreamInfo(*stored[0]));
+        EXPECT_FALSE(HasStreamInfo(*stored[1]));
+        EXPECT_EQ(stored[0]->GetNumDataLayers(), layersBefore);
+        // Only the texture, mesh and version-2 camera survive optimisation.
+        EXPECT_EQ(stored[1]->GetNumDataLayers(), 3U);
+    }
 }
 
-TEST(WriterBase, OwnedAtomIsStrippedInPlace) {
-    TempDir dir;
-    RecordingWriter w(dir.File("rec.kel"));
-    w.writer.OnPlay(1);
-    const auto frames = kel_test::MakeCompleteFrames({1}, 2);
-    EXPECT_EQ(w.writer.WriteAtom(frames[0][0], true), 0U);
-    EXPECT_EQ(w.writer.WriteAtom(frames[1][0], true), 0U);
-    EXPECT_TRUE(HasStreamInfo(*frames[0][0]));
-    EXPECT_FALSE(HasStreamInfo(*frames[1][0]));
-    w.writer.OnStop();
+TEST_F(WriterBase, NullAtomIsRefused) {
+    writer.OnPlay(1);
+    EXPECT_EQ(writer.WriteAtom(nullptr, false), KEL::KEL_ERR_INVALID);
+    writer.OnStop();
 }
 
-TEST(WriterBase, NullAtomIsRefused) {
-    TempDir dir;
-    RecordingWriter w(dir.File("rec.kel"));
-    w.writer.OnPlay(1);
-    EXPECT_EQ(w.writer.WriteAtom(nullptr, false), KEL::KEL_ERR_INVALID);
-    w.writer.OnStop();
+TEST(WriterOutput, ExtensionIsReplacedAndXmlCompanionWrittenOnlyWithTheSwitch) {
+    for (bool xml : {true, false}) {
+        SCOPED_TRACE(xml);
+        TempDir dir;
+        KelCommon::ScopedLogCapture log;
+        Kel2File::BasicWriter writer;
+        Record(writer, dir.File("out/rec.data"), xml);
+        writer.OnPlay(1);
+        EXPECT_EQ(writer.WriteAtom(kel_test::MakeFirstAtom(1, 1), false), 0U);
+        writer.OnStop();
+        const std::string kel = dir.File("out/rec.kel");
+        EXPECT_TRUE(fs::exists(kel));
+        EXPECT_FALSE(fs::exists(dir.File("out/rec.data")));
+        EXPECT_EQ(fs::exists(kel + ".xml"), xml);
+        EXPECT_EQ(log.Count("WriterBase::Start writing '" + kel + (xml ? "+xml'" : "'")), 1U);
+        EXPECT_EQ(log.Count("WriterBase::Stop writing '" + kel + "'"), 1U);
+    }
 }
 
-TEST(WriterBase, ExtensionIsReplacedAndXmlSuffixRequested) {
-    TempDir dir;
+TEST_F(WriterBase, SettingTheSamePathChangesNothing) {
     KelCommon::ScopedLogCapture log;
-    RecordingWriter w(dir.File("out/rec.data"), true);
-    w.writer.OnPlay(1);
-    EXPECT_EQ(w.writer.WriteAtom(kel_test::MakeFirstAtom(1, 1), false), 0U);
-    w.writer.OnStop();
-    const std::string kel = dir.File("out/rec.kel");
-    EXPECT_TRUE(std::filesystem::exists(kel));
-    EXPECT_FALSE(std::filesystem::exists(dir.File("out/rec.data")));
-    EXPECT_TRUE(std::filesystem::exists(kel + ".xml"));
-    EXPECT_EQ(log.Count("WriterBase::Start writing '" + kel + "+xml'"), 1U);
-    EXPECT_EQ(log.Count("WriterBase::Stop writing '" + kel + "'"), 1U);
-}
-
-TEST(WriterBase, NoXmlCompanionWithoutTheSwitch) {
-    TempDir dir;
-    RecordingWriter w(dir.File("rec.kel"), false);
-    w.writer.OnPlay(1);
-    EXPECT_EQ(w.writer.WriteAtom(kel_test::MakeFirstAtom(1, 1), false), 0U);
-    w.writer.OnStop();
-    EXPECT_TRUE(std::filesystem::exists(dir.File("rec.kel")));
-    EXPECT_FALSE(std::filesystem::exists(dir.File("rec.kel.xml")));
-}
-
-TEST(WriterBase, SettingTheSamePathChangesNothing) {
-    TempDir dir;
-    KelCommon::ScopedLogCapture log;
-    RecordingWriter w(dir.File("rec.kel"));
-    w.writer.OnPlay(1);
-    w.writer.SetCurrentFilePath(dir.File("rec.kel"), false);
+    writer.OnPlay(1);
+    writer.SetCurrentFilePath(dir.File("rec.kel"), false);
     EXPECT_EQ(log.CountContaining("Stop writing"), 0U);
     EXPECT_EQ(log.CountContaining("Start writing"), 1U);
-    w.writer.OnStop();
+    writer.OnStop();
 }
 
-TEST(WriterBase, FailingSerializationReturnsItsCodeAndKeepsTheFrameNumber) {
-    TempDir dir;
-    RecordingWriter w(dir.File("rec.kel"));
-    w.writer.OnPlay(1);
-    const auto frames = kel_test::MakeCompleteFrames({2}, 3, 0, 1, 64, 64);
-    ASSERT_EQ(w.writer.WriteAtom(frames[0][0], false), 0U);
+TEST_F(WriterBase, FailingSerializationReturnsItsCodeAndKeepsTheFrameNumber) {
+    writer.OnPlay(1);
+    const auto frames = MakeCompleteFrames({2}, 3, 0, 1, 64, 64);
+    ASSERT_EQ(writer.WriteAtom(frames[0][0], false), 0U);
 
     // Let the file grow by a few bytes only: the next record cannot fit.
     rlimit original{};
@@ -157,15 +152,15 @@ TEST(WriterBase, FailingSerializationReturnsItsCodeAndKeepsTheFrameNumber) {
     rlimit limited = original;
     limited.rlim_cur = kel_test::FileSize(dir.File("rec.kel")) + 16;
     ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
-    const KEL::KelErrorCode failed = w.writer.WriteAtom(frames[1][0], false);
+    const KEL::KelErrorCode failed = writer.WriteAtom(frames[1][0], false);
     ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &original), 0);
     std::signal(SIGXFSZ, previousHandler);
 
     EXPECT_EQ(failed, KEL::KEL_ERR_FILE_TOO_LARGE);
     // The failed atom did not use up number 1: the next atom gets it.
-    EXPECT_EQ(w.writer.WriteAtom(frames[2][0], false), 0U);
+    EXPECT_EQ(writer.WriteAtom(frames[2][0], false), 0U);
     EXPECT_EQ(frames[2][0]->GetFrameNr(), 1U);
-    w.writer.OnStop();
+    writer.OnStop();
 
     const auto stored = ReadStreams(dir.File("rec.kel"), true);
     ASSERT_EQ(stored.at(2).size(), 2U);
@@ -173,45 +168,30 @@ TEST(WriterBase, FailingSerializationReturnsItsCodeAndKeepsTheFrameNumber) {
     EXPECT_EQ(stored.at(2)[1]->GetTimeStamp(), frames[2][0]->GetTimeStamp());
 }
 
-TEST(WriterBase, ThumbnailOnlyOnTheFirstAtomOfEachStream) {
-    TempDir dir;
-    RecordingWriter w(dir.File("rec.kel"));
-    w.writer.SetThumbnailCreationCurrentlyEnabled(true);
-    w.writer.OnPlay(2);
-    const auto frames = kel_test::MakeCompleteFrames({1, 2}, 3);
-    for (const auto& frame : frames) {
-        for (const auto& atom : frame) {
-            ASSERT_EQ(w.writer.WriteAtom(atom, false), 0U);
-        }
+TEST_F(WriterBase, ThumbnailGoesOnlyOnTheFirstAtomOfEachStreamInEachFile) {
+    writer.currentFilePath = dir.File("a.kel");
+    writer.SetThumbnailCreationCurrentlyEnabled(true);
+    writer.OnPlay(2);
+    const auto frames = MakeCompleteFrames({1, 2}, 4);
+    for (std::size_t i = 0; i < 3; ++i) {
+        WriteFrame(writer, frames[i]);
     }
-    w.writer.OnStop();
-    const auto stored = ReadStreams(dir.File("rec.kel"), false);
-    for (std::uint16_t stream : {1, 2}) {
-        ASSERT_EQ(stored.at(stream).size(), 3U);
-        EXPECT_EQ(CountThumbnails(*stored.at(stream)[0]), 1U);
-        EXPECT_EQ(CountThumbnails(*stored.at(stream)[1]), 0U);
-        EXPECT_EQ(CountThumbnails(*stored.at(stream)[2]), 0U);
-    }
-}
-
-TEST(WriterBase, NewFileGetsAThumbnailAgain) {
-    TempDir dir;
-    RecordingWriter w(dir.File("a.kel"));
-    w.writer.SetThumbnailCreationCurrentlyEnabled(true);
-    w.writer.OnPlay(1);
-    const auto frames = kel_test::MakeCompleteFrames({1}, 3);
-    ASSERT_EQ(w.writer.WriteAtom(frames[0][0], false), 0U);
-    ASSERT_EQ(w.writer.WriteAtom(frames[1][0], false), 0U);
-    w.writer.SetCurrentFilePath(dir.File("b.kel"), false);
-    ASSERT_EQ(w.writer.WriteAtom(frames[2][0], false), 0U);
-    w.writer.OnStop();
+    writer.SetCurrentFilePath(dir.File("b.kel"), false);
+    WriteFrame(writer, frames[3]);
+    writer.OnStop();
     const auto a = ReadStreams(dir.File("a.kel"), false);
     const auto b = ReadStreams(dir.File("b.kel"), false);
-    ASSERT_EQ(a.at(1).size(), 2U);
-    ASSERT_EQ(b.at(1).size(), 1U);
-    EXPECT_EQ(b.at(1)[0]->GetFrameNr(), 0U);
-    EXPECT_EQ(CountThumbnails(*b.at(1)[0]), 1U);
-    EXPECT_TRUE(HasStreamInfo(*b.at(1)[0]));
+    for (std::uint16_t stream : {1, 2}) {
+        ASSERT_EQ(a.at(stream).size(), 3U);
+        for (std::size_t i = 0; i < 3; ++i) {
+            EXPECT_EQ(CountThumbnails(*a.at(stream)[i]), i == 0 ? 1U : 0U) << stream << "/" << i;
+        }
+        // The new file starts over: numbered from 0, complete, with a thumbnail.
+        ASSERT_EQ(b.at(stream).size(), 1U);
+        EXPECT_EQ(b.at(stream)[0]->GetFrameNr(), 0U);
+        EXPECT_EQ(CountThumbnails(*b.at(stream)[0]), 1U);
+        EXPECT_TRUE(HasStreamInfo(*b.at(stream)[0]));
+    }
 }
 
 TEST(Thumbnail, ExistingThumbnailIsReplacedNotDuplicated) {
@@ -225,21 +205,18 @@ TEST(Thumbnail, ExistingThumbnailIsReplacedNotDuplicated) {
     EXPECT_FALSE(thumbnail->ContentEquals(*old));
 }
 
-TEST(Thumbnail, AtomWithoutImageIsWrittenWithoutThumbnailAndLoggedOnce) {
-    TempDir dir;
+TEST_F(WriterBase, AtomWithoutImageIsWrittenWithoutThumbnailAndLoggedOnce) {
     KelCommon::ScopedLogCapture log;
-    RecordingWriter w(dir.File("rec.kel"));
-    w.writer.SetThumbnailCreationCurrentlyEnabled(true);
-    w.writer.OnPlay(1);
+    writer.SetThumbnailCreationCurrentlyEnabled(true);
+    writer.OnPlay(1);
     auto atom = std::make_shared<KEL::Atom>(3, 0, 10);
     atom->AddDataLayer(kel_test::MakeMesh(2, 1), true);
-    EXPECT_EQ(w.writer.WriteAtom(atom, false), 0U);
-    w.writer.OnStop();
-    EXPECT_EQ(log.Count("Failed to create a thumbnail for an atom"), 1U);
+    EXPECT_EQ(writer.WriteAtom(atom, false), 0U);
+    writer.OnStop();
     const auto records = log.Records();
+    ASSERT_EQ(log.Count("Failed to create a thumbnail for an atom"), 1U);
     const auto it = std::find_if(records.begin(), records.end(),
                                  [](const auto& r) { return r.message == "Failed to create a thumbnail for an atom"; });
-    ASSERT_NE(it, records.end());
     EXPECT_EQ(it->level, 2);
     EXPECT_EQ(it->tag, "KEL2File");
     const auto stored = ReadStreams(dir.File("rec.kel"), false);
@@ -260,7 +237,7 @@ TEST(BasicWriter, NothingIsWrittenWhileRecordingIsOff) {
     writer.OnPlay(1);
     EXPECT_FALSE(writer.ProcessingAllowed());
     writer.OnStop();
-    EXPECT_FALSE(std::filesystem::exists(dir.File("rec.kel")));
+    EXPECT_FALSE(fs::exists(dir.File("rec.kel")));
 }
 
 TEST(BasicWriter, SwitchingRecordingOnOpensTheFileAtTheNextApply) {
@@ -283,18 +260,18 @@ TEST(BasicWriter, SwitchingRecordingOnOpensTheFileAtTheNextApply) {
 // Snapshot writers are driven through their parameters as a target would.
 template <class W>
 struct SnapshotFixture {
-    explicit SnapshotFixture(const std::string& path) {
+    explicit SnapshotFixture(const std::string& file) {
         auto params = writer.InitializeWriterParams();
         press = std::dynamic_pointer_cast<KEL::FilterParamCallback>(params.at(0));
         count = std::dynamic_pointer_cast<KEL::FilterParamUInt32>(params.at(1));
-        writer.currentFilePath = path;
+        writer.currentFilePath = dir.File(file);
     }
     void Press() { writer.HandleParamValueChanged(press, "Take snapshot"); }
-    // Offers every atom of the frames as a synchronous target does; returns
-    // how many were written.
-    int Offer(const kel_test::Frames& frames) {
+    // Offers every atom of `count` new frames of `streams` as a synchronous
+    // target does; returns how many were written.
+    int Offer(const std::vector<std::uint16_t>& streams, std::uint32_t frames) {
         int written = 0;
-        for (const auto& frame : frames) {
+        for (const auto& frame : MakeCompleteFrames(streams, frames)) {
             for (const auto& atom : frame) {
                 if (writer.ProcessingAllowed()) {
                     EXPECT_EQ(writer.WriteAtom(atom, false), 0U);
@@ -304,6 +281,7 @@ struct SnapshotFixture {
         }
         return written;
     }
+    TempDir dir;
     W writer;
     std::shared_ptr<KEL::FilterParamCallback> press;
     std::shared_ptr<KEL::FilterParamUInt32> count;
@@ -319,156 +297,113 @@ TEST(SnapshotWriter, ParametersHaveTheirNamesDefaultsAndBounds) {
     EXPECT_FALSE(f.count->SetValue(0));
 }
 
-TEST(SnapshotWriter, OnePressWritesFramesCountTimesStreamsAtoms) {
-    TempDir dir;
-    SnapshotFixture<Kel2File::SnapshotWriter> f(dir.File("snap.kel"));
+TEST(SnapshotWriter, OnePressWritesFramesCountFramesOfEveryStreamAndPressesAddUp) {
+    SnapshotFixture<Kel2File::SnapshotWriter> f("snap.kel");
     f.writer.OnPlay(2);
     EXPECT_FALSE(f.writer.ProcessingAllowed());
     f.Press();
-    EXPECT_EQ(f.Offer(kel_test::MakeCompleteFrames({1, 2}, 10)), 6);
+    EXPECT_EQ(f.Offer({1, 2}, 10), 6);
     EXPECT_FALSE(f.writer.ProcessingAllowed());
+    f.Press();
+    f.Press();
+    EXPECT_EQ(f.Offer({1, 2}, 10), 12);
     f.writer.OnStop();
-    const auto stored = ReadStreams(dir.File("snap.kel"), false);
-    EXPECT_EQ(stored.at(1).size(), 3U);
-    EXPECT_EQ(stored.at(2).size(), 3U);
-}
-
-TEST(SnapshotWriter, PressesAddUpAndNumberingContinues) {
-    TempDir dir;
-    SnapshotFixture<Kel2File::SnapshotWriter> f(dir.File("snap.kel"));
-    f.writer.OnPlay(2);
-    f.Press();
-    f.Press();
-    EXPECT_EQ(f.Offer(kel_test::MakeCompleteFrames({1, 2}, 10)), 12);
-    f.Press();
-    EXPECT_EQ(f.Offer(kel_test::MakeCompleteFrames({1, 2}, 10)), 6);
-    f.writer.OnStop();
-    const auto stored = ReadStreams(dir.File("snap.kel"), false);
+    const auto stored = ReadStreams(f.dir.File("snap.kel"), false);
     ASSERT_EQ(stored.at(1).size(), 9U);
+    EXPECT_EQ(stored.at(2).size(), 9U);
     EXPECT_EQ(stored.at(1)[8]->GetFrameNr(), 8U);
     EXPECT_TRUE(HasStreamInfo(*stored.at(1)[0]));
     EXPECT_FALSE(HasStreamInfo(*stored.at(1)[6]));
 }
 
 TEST(SnapshotWriter, CounterHasNoFloorWhenAFrameOvershoots) {
-    TempDir dir;
-    SnapshotFixture<Kel2File::SnapshotWriter> f(dir.File("snap.kel"));
+    SnapshotFixture<Kel2File::SnapshotWriter> f("snap.kel");
     f.count->SetValue(1);
     f.writer.OnPlay(1);
     f.Press();
     // A caller that checks once per frame of two atoms writes both.
-    const auto frames = kel_test::MakeCompleteFrames({1, 2}, 1);
+    const auto frames = MakeCompleteFrames({1, 2}, 1);
     ASSERT_TRUE(f.writer.ProcessingAllowed());
-    EXPECT_EQ(f.writer.WriteAtom(frames[0][0], false), 0U);
-    EXPECT_EQ(f.writer.WriteAtom(frames[0][1], false), 0U);
+    WriteFrame(f.writer, frames[0]);
     // The counter wrapped below zero and keeps writing.
     EXPECT_TRUE(f.writer.ProcessingAllowed());
     f.writer.OnStop();
 }
 
 TEST(SnapshotWriter, PathChangeEndsTheSnapshotAndOpensANewFile) {
-    TempDir dir;
-    SnapshotFixture<Kel2File::SnapshotWriter> f(dir.File("a.kel"));
+    SnapshotFixture<Kel2File::SnapshotWriter> f("a.kel");
     f.writer.OnPlay(1);
     f.Press();
-    EXPECT_EQ(f.Offer(kel_test::MakeCompleteFrames({1}, 1)), 1);
-    f.writer.SetCurrentFilePath(dir.File("b.kel"), false);
+    EXPECT_EQ(f.Offer({1}, 1), 1);
+    f.writer.SetCurrentFilePath(f.dir.File("b.kel"), false);
     EXPECT_FALSE(f.writer.ProcessingAllowed());
-    EXPECT_TRUE(std::filesystem::exists(dir.File("b.kel")));
+    EXPECT_TRUE(fs::exists(f.dir.File("b.kel")));
     f.writer.OnStop();
-    EXPECT_EQ(ReadStreams(dir.File("a.kel"), false).at(1).size(), 1U);
+    EXPECT_EQ(ReadStreams(f.dir.File("a.kel"), false).at(1).size(), 1U);
 }
 
 TEST(SnapshotWriter, PlayAndStopWithoutPressLeavesAnEmptyFile) {
-    TempDir dir;
-    SnapshotFixture<Kel2File::SnapshotWriter> f(dir.File("snap.kel"));
+    SnapshotFixture<Kel2File::SnapshotWriter> f("snap.kel");
     f.writer.OnPlay(1);
     f.writer.OnStop();
-    EXPECT_TRUE(std::filesystem::exists(dir.File("snap.kel")));
-    EXPECT_TRUE(ReadStreams(dir.File("snap.kel"), false).empty());
+    EXPECT_TRUE(fs::exists(f.dir.File("snap.kel")));
+    EXPECT_TRUE(ReadStreams(f.dir.File("snap.kel"), false).empty());
 }
 
 TEST(PerStreamFilePath, StreamIdGoesBetweenStemAndLastExtension) {
-    EXPECT_EQ(Kel2File::PerStreamFilePath("out/take.kel", 3), "out/take_3.kel");
-    EXPECT_EQ(Kel2File::PerStreamFilePath("out/take", 3), "out/take_3");
-    EXPECT_EQ(Kel2File::PerStreamFilePath("take.kel", 3), "take_3.kel");
-    EXPECT_EQ(Kel2File::PerStreamFilePath("out/take.v2.data", 3), "out/take.v2_3.data");
-    EXPECT_EQ(Kel2File::PerStreamFilePath("/d/rec.kel", 12), "/d/rec_12.kel");
-    EXPECT_EQ(Kel2File::PerStreamFilePath("/d/rec.kel", 65535), "/d/rec_65535.kel");
-}
-
-// Writes one atom of streams 3 and 7 through a recording PerStreamWriter.
-void WritePerStream(const std::string& path) {
-    Kel2File::PerStreamWriter writer;
-    AsBool(writer.InitializeWriterParams()[0])->SetValue(true);
-    writer.currentFilePath = path;
-    writer.OnPlay(2);
-    const auto frames = kel_test::MakeCompleteFrames({3, 7}, 1);
-    for (const auto& atom : frames[0]) {
-        EXPECT_EQ(writer.WriteAtom(atom, false), 0U);
+    const std::vector<std::tuple<std::string, std::uint16_t, std::string>> cases = {
+        {"out/take.kel", 3, "out/take_3.kel"}, {"out/take", 3, "out/take_3"},
+        {"take.kel", 3, "take_3.kel"},         {"out/take.v2.data", 3, "out/take.v2_3.data"},
+        {"/d/rec.kel", 12, "/d/rec_12.kel"},   {"/d/rec.kel", 65535, "/d/rec_65535.kel"}};
+    for (const auto& [path, stream, expected] : cases) {
+        EXPECT_EQ(Kel2File::PerStreamFilePath(path, stream), expected);
     }
-    writer.OnStop();
 }
 
-TEST(PerStreamWriter, EachStreamGetsItsOwnFile) {
-    TempDir dir;
-    WritePerStream(dir.File("out/take.kel"));
-    EXPECT_EQ(ReadStreams(dir.File("out/take_3.kel"), false).at(3).size(), 1U);
-    EXPECT_EQ(ReadStreams(dir.File("out/take_7.kel"), false).at(7).size(), 1U);
-    EXPECT_FALSE(std::filesystem::exists(dir.File("out/take.kel")));
-}
-
-TEST(PerStreamWriter, PathWithoutExtensionGetsKel) {
-    TempDir dir;
-    WritePerStream(dir.File("out/take"));
-    EXPECT_TRUE(std::filesystem::exists(dir.File("out/take_3.kel")));
-    EXPECT_TRUE(std::filesystem::exists(dir.File("out/take_7.kel")));
-}
-
-TEST(PerStreamWriter, BareFileNameIsTakenInTheWorkingDirectory) {
-    TempDir dir;
-    const auto previous = std::filesystem::current_path();
-    std::filesystem::current_path(dir.Path());
-    WritePerStream("take.kel");
-    std::filesystem::current_path(previous);
-    EXPECT_TRUE(std::filesystem::exists(dir.File("take_3.kel")));
-    EXPECT_TRUE(std::filesystem::exists(dir.File("take_7.kel")));
-}
-
-TEST(PerStreamWriter, OnlyTheLastExtensionIsSplitOff) {
-    TempDir dir;
-    WritePerStream(dir.File("out/take.v2.data"));
-    EXPECT_TRUE(std::filesystem::exists(dir.File("out/take.v2_3.kel")));
-    EXPECT_TRUE(std::filesystem::exists(dir.File("out/take.v2_7.kel")));
+TEST(PerStreamWriter, EachStreamGetsItsOwnKelFileNamedAfterThePath) {
+    struct Case {
+        std::string path;  // as set; relative paths are taken in the working directory
+        std::string stem;  // expected files: stem_3.kel and stem_7.kel
+    };
+    for (const Case& c : {Case{"out/take.kel", "out/take"}, Case{"out/take", "out/take"},
+                          Case{"out/take.v2.data", "out/take.v2"}, Case{"take.kel", "take"}}) {
+        SCOPED_TRACE(c.path);
+        TempDir dir;
+        const auto previous = fs::current_path();
+        fs::current_path(dir.Path());
+        Kel2File::PerStreamWriter writer;
+        Record(writer, c.path == "take.kel" ? c.path : dir.File(c.path));
+        writer.OnPlay(2);
+        WriteFrame(writer, MakeCompleteFrames({3, 7}, 1)[0]);
+        writer.OnStop();
+        fs::current_path(previous);
+        EXPECT_EQ(ReadStreams(dir.File(c.stem + "_3.kel"), false).at(3).size(), 1U);
+        EXPECT_EQ(ReadStreams(dir.File(c.stem + "_7.kel"), false).at(7).size(), 1U);
+        EXPECT_FALSE(fs::exists(dir.File(c.path)));
+    }
 }
 
 TEST(PerStreamWriter, NoAtomMeansNoFile) {
     TempDir dir;
     Kel2File::PerStreamWriter writer;
-    AsBool(writer.InitializeWriterParams()[0])->SetValue(true);
-    writer.currentFilePath = dir.File("take.kel");
+    Record(writer, dir.File("take.kel"));
     writer.OnPlay(2);
     EXPECT_TRUE(writer.ProcessingAllowed());
     writer.OnStop();
-    EXPECT_TRUE(std::filesystem::is_empty(dir.Path()));
+    EXPECT_TRUE(fs::is_empty(dir.Path()));
 }
 
 TEST(PerStreamWriter, PathChangeClosesEveryFileAndTheNextAtomsStartAtZero) {
     TempDir dir;
     KelCommon::ScopedLogCapture log;
     Kel2File::PerStreamWriter writer;
-    AsBool(writer.InitializeWriterParams()[0])->SetValue(true);
-    writer.currentFilePath = dir.File("a.kel");
+    Record(writer, dir.File("a.kel"));
     writer.OnPlay(2);
-    const auto frames = kel_test::MakeCompleteFrames({3, 7}, 3);
-    for (const auto& atom : frames[0]) {
-        ASSERT_EQ(writer.WriteAtom(atom, false), 0U);
-    }
+    const auto frames = MakeCompleteFrames({3, 7}, 3);
+    WriteFrame(writer, frames[0]);
     writer.SetCurrentFilePath(dir.File("b.kel"), false);
     EXPECT_EQ(log.CountContaining("Stop writing"), 2U);
-    for (const auto& atom : frames[1]) {
-        ASSERT_EQ(writer.WriteAtom(atom, false), 0U);
-    }
+    WriteFrame(writer, frames[1]);
     writer.OnStop();
     const auto b3 = ReadStreams(dir.File("b_3.kel"), false).at(3);
     ASSERT_EQ(b3.size(), 1U);
@@ -477,18 +412,17 @@ TEST(PerStreamWriter, PathChangeClosesEveryFileAndTheNextAtomsStartAtZero) {
 }
 
 TEST(PerStreamSnapshotWriter, TwoSnapshotsGoIntoTheSameFilesWithContinuingNumbers) {
-    TempDir dir;
-    SnapshotFixture<Kel2File::PerStreamSnapshotWriter> f(dir.File("snap.kel"));
+    SnapshotFixture<Kel2File::PerStreamSnapshotWriter> f("snap.kel");
     f.count->SetValue(2);
     f.writer.OnPlay(2);
-    EXPECT_TRUE(std::filesystem::is_empty(dir.Path()));
-    f.Press();
-    EXPECT_EQ(f.Offer(kel_test::MakeCompleteFrames({3, 7}, 5)), 4);
-    f.Press();
-    EXPECT_EQ(f.Offer(kel_test::MakeCompleteFrames({3, 7}, 5)), 4);
+    EXPECT_TRUE(fs::is_empty(f.dir.Path()));
+    for (int snapshot = 0; snapshot < 2; ++snapshot) {
+        f.Press();
+        EXPECT_EQ(f.Offer({3, 7}, 5), 4);
+    }
     f.writer.OnStop();
     for (std::uint16_t stream : {3, 7}) {
-        const auto atoms = ReadStreams(dir.File("snap_" + std::to_string(stream) + ".kel"), false).at(stream);
+        const auto atoms = ReadStreams(f.dir.File("snap_" + std::to_string(stream) + ".kel"), false).at(stream);
         ASSERT_EQ(atoms.size(), 4U);
         for (std::uint32_t i = 0; i < 4; ++i) {
             EXPECT_EQ(atoms[i]->GetFrameNr(), i);
@@ -497,16 +431,15 @@ TEST(PerStreamSnapshotWriter, TwoSnapshotsGoIntoTheSameFilesWithContinuingNumber
 }
 
 TEST(PerStreamSnapshotWriter, PathChangeCancelsTheSnapshot) {
-    TempDir dir;
-    SnapshotFixture<Kel2File::PerStreamSnapshotWriter> f(dir.File("a.kel"));
+    SnapshotFixture<Kel2File::PerStreamSnapshotWriter> f("a.kel");
     f.writer.OnPlay(1);
     f.Press();
-    EXPECT_EQ(f.Offer(kel_test::MakeCompleteFrames({3}, 1)), 1);
-    f.writer.SetCurrentFilePath(dir.File("b.kel"), false);
+    EXPECT_EQ(f.Offer({3}, 1), 1);
+    f.writer.SetCurrentFilePath(f.dir.File("b.kel"), false);
     EXPECT_FALSE(f.writer.ProcessingAllowed());
     f.writer.OnStop();
-    EXPECT_TRUE(std::filesystem::exists(dir.File("a_3.kel")));
-    EXPECT_FALSE(std::filesystem::exists(dir.File("b_3.kel")));
+    EXPECT_TRUE(fs::exists(f.dir.File("a_3.kel")));
+    EXPECT_FALSE(fs::exists(f.dir.File("b_3.kel")));
 }
 
 }  // namespace
