@@ -8,41 +8,11 @@
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
 #include <boost/algorithm/string/trim.hpp>
-#include <new>
 #include <stdexcept>
 
 #include "utils/Utils.h"
 
 namespace Kel2File {
-
-SourceKEL2FileReader::SourceKEL2FileReader() { looseners_.max_load_factor(1.0F); }
-
-SourceKEL2FileReader::~SourceKEL2FileReader() = default;
-
-KelCommon::Guid SourceKEL2FileReader::TheTypeGuid() { return sTypeGuid; }
-
-KEL::FilterClassInfo SourceKEL2FileReader::TheFilterClassInfo() { return sFilterClassInfo; }
-
-KelCommon::Guid SourceKEL2FileReader::TypeGuid() const { return sTypeGuid; }
-
-KEL::FilterClassInfo SourceKEL2FileReader::GetFilterClassInfo() const { return sFilterClassInfo; }
-
-std::shared_ptr<KEL::Profile> SourceKEL2FileReader::GetOutputProfile() {
-    if (!profile_) {
-        return nullptr;
-    }
-    return std::make_shared<KEL::Profile>(*profile_);
-}
-
-std::shared_ptr<KEL::Profile> SourceKEL2FileReader::GetAggregatedOutputProfile() { return GetOutputProfile(); }
-
-std::uint32_t SourceKEL2FileReader::GetOutputNumStreams() {
-    return static_cast<std::uint32_t>(includedStreamIds_.size());
-}
-
-std::vector<std::uint32_t> SourceKEL2FileReader::GetStreamIds() {
-    return {includedStreamIds_.begin(), includedStreamIds_.end()};
-}
 
 KEL::KelErrorCode SourceKEL2FileReader::onInitializeParams(KEL::Filter* filter) {
     if (!filePathParam_) {
@@ -73,8 +43,8 @@ KEL::KelErrorCode SourceKEL2FileReader::onInitialize(KEL::Filter* filter) {
         return fail(code, "Failed to open file '" + path + "'");
     }
 
-    includedStreamIds_ = DetermineStreamIDsCollection(ParseIncludedStreamIDs(includedStreamsParam_->GetValue()));
-    if (includedStreamIds_.empty()) {
+    streamIds_ = DetermineStreamIDsCollection(ParseIncludedStreamIDs(includedStreamsParam_->GetValue()));
+    if (streamIds_.empty()) {
         return fail(KEL::KEL_ERR_INVALID, "There are no included file streams");
     }
 
@@ -111,53 +81,14 @@ KEL::KelErrorCode SourceKEL2FileReader::onDeInitialize() {
     return KEL::KEL_OK;
 }
 
-std::shared_ptr<KEL::DataTypeStreamInfo> SourceKEL2FileReader::GetStreamInfo() { return streamInfo_; }
-
 KEL::KelErrorCode SourceKEL2FileReader::pushDataToOutput(std::uint32_t frameNr) {
-    if (GetOutputNumStreams() == 0) {
-        return 1;
-    }
-    std::vector<std::shared_ptr<KEL::Atom>> atoms;
-    atoms.reserve(includedStreamIds_.size());
-    for (const std::uint16_t streamId : includedStreamIds_) {
-        auto atom = reader_->GetFrameAtom(streamId, frameNr);
-        if (!atom) {
-            if (auto log = KEL::GetKELLoggerInstance().lock()) {
-                log->LogMessage(6, "KEL2File", "Stream '%d' lacks an atom with frame number '%d'", streamId,
-                                static_cast<int>(frameNr));
-            }
-            return 1;
-        }
-        if (atom->GetStreamId() != streamId) {
-            if (auto log = KEL::GetKELLoggerInstance().lock()) {
-                log->LogMessage(2, "KEL2File", "Stream ID '%d' of atom returned for stream '%d' differs",
-                                atom->GetStreamId(), streamId);
-            }
-            return 1;
-        }
-        atoms.push_back(std::move(atom));
-    }
-    for (auto& atom : atoms) {
-        Utils::LoosenOptimizedData(atom, looseners_);
-        pushToOutputQueue(std::move(atom));
-    }
-    return 0;
+    return PushFrame(frameNr,
+                     [this, frameNr](std::uint16_t streamId) { return reader_->GetFrameAtom(streamId, frameNr); });
 }
-
-void* SourceKEL2FileReader::operator new(std::size_t size) { return ::operator new(size); }
-
-void* SourceKEL2FileReader::operator new(std::size_t /*size*/, void* where) noexcept { return where; }
-
-void SourceKEL2FileReader::operator delete(void* pointer) noexcept { ::operator delete(pointer); }
-
-void SourceKEL2FileReader::operator delete(void* /*pointer*/, void* /*where*/) noexcept {}
 
 void SourceKEL2FileReader::CloseReader() {
     reader_.reset();
-    streamInfo_.reset();
-    profile_.reset();
-    includedStreamIds_.clear();
-    looseners_.clear();
+    ClearOutput();
 }
 
 std::unordered_set<std::uint16_t> SourceKEL2FileReader::ParseIncludedStreamIDs(const std::string& text) const {
@@ -206,19 +137,12 @@ bool SourceKEL2FileReader::SetupOptimizedDataLooseners() {
     const int numStreams = reader_->GetNumStreams();
     for (int i = 0; i < numStreams; ++i) {
         const std::uint16_t streamId = reader_->GetStreamId(i);
-        if (std::find(includedStreamIds_.begin(), includedStreamIds_.end(), streamId) == includedStreamIds_.end()) {
+        if (std::find(streamIds_.begin(), streamIds_.end(), streamId) == streamIds_.end()) {
             continue;
         }
-        auto firstAtom = reader_->GetFirstFrameAtom(streamId);
-        if (!firstAtom) {
-            if (auto log = KEL::GetKELLoggerInstance().lock()) {
-                log->LogMessage(2, "KEL2File",
-                                "There is no 'first' atom in the '%d' stream, can not setup optimized data loosener",
-                                streamId);
-            }
+        if (!SetupOptimizedDataLoosener(reader_, streamId)) {
             return false;
         }
-        looseners_[streamId] = std::make_shared<const OptimizedDataLoosener>(std::move(firstAtom), streamInfo_);
     }
     return true;
 }

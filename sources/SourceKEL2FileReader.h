@@ -1,22 +1,17 @@
 #pragma once
 
-#include <KEL/DataTypeStreamInfo.h>
-#include <KEL/FilterClassInfo.h>
 #include <KEL/FilterParams.h>
-#include <KEL/Profile.h>
 #include <KEL/ReadKEL2File.h>
-#include <KEL/Source.h>
 #include <KelCommon/Export.h>
-#include <KelCommon/Guid.h>
 
-#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <unordered_set>
 #include <vector>
 
-#include "optimization/OptimizedDataLoosener.h"
+#include "plugin/FilterClassBoilerplate.h"
+#include "sources/SourceKEL2FileBase.h"
 
 namespace Kel2File {
 
@@ -30,41 +25,19 @@ namespace Kel2File {
 // All hooks run on the graph thread, one at a time; the filter takes no
 // locks. The file stays open from a successful onInitialize to
 // onDeInitialize, after which the filter may be initialised again.
-class SourceKEL2FileReader : public KEL::Source {
-public:
-    SourceKEL2FileReader();
-    ~SourceKEL2FileReader() override;
+//
+// The output stream ids (GetStreamIds) are the included ones in file order.
+class SourceKEL2FileReader : public SourceKEL2FileBase {
+    KEL2FILE_FILTER_CLASS_MEMBERS()
 
-    static KelCommon::Guid TheTypeGuid();
-    static KEL::FilterClassInfo TheFilterClassInfo();
-
-    KelCommon::Guid TypeGuid() const override;
-    KEL::FilterClassInfo GetFilterClassInfo() const override;
-    // A new copy of the output profile, or empty before initialisation.
-    std::shared_ptr<KEL::Profile> GetOutputProfile() override;
-    std::shared_ptr<KEL::Profile> GetAggregatedOutputProfile() override;
-    std::uint32_t GetOutputNumStreams() override;
-    // The included stream ids in file order.
-    std::vector<std::uint32_t> GetStreamIds() override;
     KEL::KelErrorCode onInitializeParams(KEL::Filter* filter) override;
     // Opens the file and prepares the included streams. On failure the
     // filter is left closed and the code is the reader's own for a file that
     // does not open, 4 for any other failure.
     KEL::KelErrorCode onInitialize(KEL::Filter* filter) override;
     KEL::KelErrorCode onDeInitialize() override;
-    // The file's stream information with its frame count, or empty.
-    std::shared_ptr<KEL::DataTypeStreamInfo> GetStreamInfo() override;
     // 0 when the frame was pushed, 1 when nothing was pushed.
     KEL::KelErrorCode pushDataToOutput(std::uint32_t frameNr) override;
-
-    static void* operator new(std::size_t size);
-    static void* operator new(std::size_t size, void* where) noexcept;
-    static void operator delete(void* pointer) noexcept;
-    static void operator delete(void* pointer, void* where) noexcept;
-
-    static KelCommon::Guid sTypeGuid;
-    static KEL::FilterClassInfo sFilterClassInfo;
-    static int sRegistrationId;
 
 private:
     void CloseReader();
@@ -78,10 +51,6 @@ private:
 
     std::shared_ptr<KEL::FilterParamReadFilePath> filePathParam_;
     std::shared_ptr<KEL::FilterParamString> includedStreamsParam_;
-    std::shared_ptr<KEL::Profile> profile_;
-    std::vector<std::uint16_t> includedStreamIds_;
-    std::shared_ptr<KEL::DataTypeStreamInfo> streamInfo_;
-    OptimizedDataLooseners looseners_;
     std::shared_ptr<KEL::ReadKEL2File> reader_;
 };
 

@@ -2,48 +2,15 @@
 
 #include <KEL/KEL2Header.h>
 #include <KEL/KELLogger.h>
-#include <KelCommon/VarManager.h>
 
 #include <algorithm>
-#include <boost/filesystem.hpp>
-#include <new>
 
 #include "utils/Utils.h"
 
 namespace Kel2File {
 
-SourceKEL2MultiFileAppend::SourceKEL2MultiFileAppend() { looseners_.max_load_factor(1.0F); }
-
-SourceKEL2MultiFileAppend::~SourceKEL2MultiFileAppend() = default;
-
-KelCommon::Guid SourceKEL2MultiFileAppend::TheTypeGuid() { return sTypeGuid; }
-
-KEL::FilterClassInfo SourceKEL2MultiFileAppend::TheFilterClassInfo() { return sFilterClassInfo; }
-
-KelCommon::Guid SourceKEL2MultiFileAppend::TypeGuid() const { return sTypeGuid; }
-
-KEL::FilterClassInfo SourceKEL2MultiFileAppend::GetFilterClassInfo() const { return sFilterClassInfo; }
-
-std::shared_ptr<KEL::Profile> SourceKEL2MultiFileAppend::GetOutputProfile() {
-    if (!profile_) {
-        return nullptr;
-    }
-    return std::make_shared<KEL::Profile>(*profile_);
-}
-
-std::shared_ptr<KEL::Profile> SourceKEL2MultiFileAppend::GetAggregatedOutputProfile() { return GetOutputProfile(); }
-
-std::uint32_t SourceKEL2MultiFileAppend::GetOutputNumStreams() { return static_cast<std::uint32_t>(streamIds_.size()); }
-
-std::vector<std::uint32_t> SourceKEL2MultiFileAppend::GetStreamIds() { return {streamIds_.begin(), streamIds_.end()}; }
-
-KEL::KelErrorCode SourceKEL2MultiFileAppend::onInitializeParams(KEL::Filter* filter) {
-    if (!directoryParam_) {
-        const std::string defaultDir = KelCommon::VarManager::getInstance().getRootValue().str() + "/kel_files";
-        directoryParam_ = std::make_shared<KEL::FilterParamDirPath>("KEL files dir", 1, defaultDir.c_str());
-    }
-    addParam(directoryParam_, true);
-    return KEL::KEL_OK;
+KEL::KelErrorCode SourceKEL2MultiFileAppend::onInitializeParams(KEL::Filter* /*filter*/) {
+    return AddDirectoryParam(directoryParam_);
 }
 
 KEL::KelErrorCode SourceKEL2MultiFileAppend::onInitialize(KEL::Filter* filter) {
@@ -58,20 +25,15 @@ KEL::KelErrorCode SourceKEL2MultiFileAppend::onInitialize(KEL::Filter* filter) {
     };
 
     const std::string directory = directoryParam_->GetAbsoluteDirPath();
-    boost::system::error_code statusError;
-    if (!boost::filesystem::is_directory(boost::filesystem::status(directory, statusError))) {
-        return ReportError(KEL::KEL_ERR_NOT_FOUND, ("Directory '" + directory + "' does not exist").c_str());
-    }
 
     // The only long-lived holder of the readers is the frame table: a file
     // that contributes no frames is closed when this list goes.
     Readers readers;
-    if (const KEL::KelErrorCode code = CollectReadersForFilesInDirectory(directory, readers); code != KEL::KEL_OK) {
-        return ReportError(code, ("Failed to collect kel files from '" + directory + "' directory").c_str());
-    }
-    if (readers.empty()) {
-        return ReportError(KEL::KEL_ERR_INVALID,
-                           ("Directory '" + directory + "' does not contain any valid kel files").c_str());
+    const auto collect = [this](const std::string& dir, Readers& found) {
+        return CollectReadersForFilesInDirectory(dir, found);
+    };
+    if (const KEL::KelErrorCode code = OpenDirectoryReaders(directory, readers, collect); code != KEL::KEL_OK) {
+        return code;
     }
 
     streamIds_ = ExtractReaderStreamIDs(readers.front());
@@ -117,74 +79,25 @@ KEL::KelErrorCode SourceKEL2MultiFileAppend::onDeInitialize() {
     return KEL::KEL_OK;
 }
 
-std::shared_ptr<KEL::DataTypeStreamInfo> SourceKEL2MultiFileAppend::GetStreamInfo() { return streamInfo_; }
-
 KEL::KelErrorCode SourceKEL2MultiFileAppend::pushDataToOutput(std::uint32_t frameNr) {
-    if (GetOutputNumStreams() == 0) {
-        return 1;
-    }
     const auto entry = frameTable_.find(frameNr);
     if (entry == frameTable_.end()) {
         return 1;
     }
     const auto& [reader, localFrameNr] = entry->second;
-
-    std::vector<std::shared_ptr<KEL::Atom>> atoms;
-    atoms.reserve(streamIds_.size());
-    for (const std::uint16_t streamId : streamIds_) {
-        auto atom = reader->GetFrameAtom(streamId, localFrameNr);
-        if (!atom) {
-            if (auto log = KEL::GetKELLoggerInstance().lock()) {
-                log->LogMessage(6, "KEL2File", "Stream '%d' lacks an atom with frame number '%d'", streamId,
-                                static_cast<int>(localFrameNr));
-            }
-            return 1;
-        }
-        if (atom->GetStreamId() != streamId) {
-            if (auto log = KEL::GetKELLoggerInstance().lock()) {
-                log->LogMessage(2, "KEL2File", "Stream ID '%d' of atom returned for stream '%d' differs",
-                                atom->GetStreamId(), streamId);
-            }
-            return 1;
-        }
-        atom->SetFrameNr(frameNr);
-        atoms.push_back(std::move(atom));
-    }
-    for (auto& atom : atoms) {
-        Utils::LoosenOptimizedData(atom, looseners_);
-        pushToOutputQueue(std::move(atom));
-    }
-    return 0;
+    return PushFrame(
+        localFrameNr,
+        [&reader = reader, localFrameNr = localFrameNr](std::uint16_t streamId) {
+            return reader->GetFrameAtom(streamId, localFrameNr);
+        },
+        frameNr);
 }
 
 KEL::KelErrorCode SourceKEL2MultiFileAppend::CollectReadersForFilesInDirectory(const std::string& directory,
                                                                                Readers& readers) const {
-    std::vector<std::string> paths = Utils::CollectPotentialKELFilesInDirectory(directory, false);
-    if (paths.empty()) {
-        if (auto log = KEL::GetKELLoggerInstance().lock()) {
-            log->LogMessage(2, "KEL2File", "Directory '%s' does not contain a sequence of files", directory.c_str());
-        }
-        return KEL::KEL_ERR_INVALID;
-    }
     // Byte-wise order of the whole canonical path: take10.kel before take2.kel.
-    std::sort(paths.begin(), paths.end());
-    for (const std::string& path : paths) {
-        auto reader = std::make_shared<KEL::ReadKEL2File>(path.c_str());
-        if (const KEL::KelErrorCode code = reader->Initialize(); code != KEL::KEL_OK) {
-            return code;
-        }
-        readers.push_back(std::move(reader));
-    }
-    return KEL::KEL_OK;
+    return OpenKelFilesInDirectory(directory, PathOrder::Sorted, readers);
 }
-
-void* SourceKEL2MultiFileAppend::operator new(std::size_t size) { return ::operator new(size); }
-
-void* SourceKEL2MultiFileAppend::operator new(std::size_t /*size*/, void* where) noexcept { return where; }
-
-void SourceKEL2MultiFileAppend::operator delete(void* pointer) noexcept { ::operator delete(pointer); }
-
-void SourceKEL2MultiFileAppend::operator delete(void* /*pointer*/, void* /*where*/) noexcept {}
 
 std::vector<std::uint16_t> SourceKEL2MultiFileAppend::ExtractReaderStreamIDs(
     const std::shared_ptr<KEL::ReadKEL2File>& reader) const {
@@ -252,26 +165,16 @@ bool SourceKEL2MultiFileAppend::SetupOptimizedDataLooseners() {
     // Every file is restored from the first file that has frames.
     const auto& reader = frameTable_.at(0).first;
     for (const std::uint16_t streamId : streamIds_) {
-        auto firstAtom = reader->GetFirstFrameAtom(streamId);
-        if (!firstAtom) {
-            if (auto log = KEL::GetKELLoggerInstance().lock()) {
-                log->LogMessage(2, "KEL2File",
-                                "There is no 'first' atom in the '%d' stream, can not setup optimized data loosener",
-                                streamId);
-            }
+        if (!SetupOptimizedDataLoosener(reader, streamId)) {
             return false;
         }
-        looseners_[streamId] = std::make_shared<const OptimizedDataLoosener>(std::move(firstAtom), streamInfo_);
     }
     return true;
 }
 
 void SourceKEL2MultiFileAppend::CloseReaders() {
     frameTable_.clear();
-    streamInfo_.reset();
-    profile_.reset();
-    streamIds_.clear();
-    looseners_.clear();
+    ClearOutput();
 }
 
 }  // namespace Kel2File

@@ -1,15 +1,10 @@
 #pragma once
 
-#include <KEL/DataTypeStreamInfo.h>
-#include <KEL/FilterClassInfo.h>
 #include <KEL/FilterParams.h>
 #include <KEL/Profile.h>
 #include <KEL/ReadKEL2File.h>
-#include <KEL/Source.h>
 #include <KelCommon/Export.h>
-#include <KelCommon/Guid.h>
 
-#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -17,7 +12,8 @@
 #include <utility>
 #include <vector>
 
-#include "optimization/OptimizedDataLoosener.h"
+#include "plugin/FilterClassBoilerplate.h"
+#include "sources/SourceKEL2FileBase.h"
 
 namespace Kel2File {
 
@@ -34,31 +30,18 @@ namespace Kel2File {
 // All hooks run on the graph thread, one at a time; the filter takes no
 // locks. Directory iteration and canonicalisation errors escape onInitialize
 // as boost::filesystem::filesystem_error for the host to report.
-class SourceKEL2MultiFileAppend : public KEL::Source {
-public:
-    SourceKEL2MultiFileAppend();
-    ~SourceKEL2MultiFileAppend() override;
+//
+// The output stream ids (GetStreamIds) are ascending; the stream information
+// is the first file's with the total frame count of all files.
+class SourceKEL2MultiFileAppend : public SourceKEL2FileBase {
+    KEL2FILE_FILTER_CLASS_MEMBERS()
 
-    static KelCommon::Guid TheTypeGuid();
-    static KEL::FilterClassInfo TheFilterClassInfo();
-
-    KelCommon::Guid TypeGuid() const override;
-    KEL::FilterClassInfo GetFilterClassInfo() const override;
-    // A new copy of the output profile, or empty before initialisation.
-    std::shared_ptr<KEL::Profile> GetOutputProfile() override;
-    std::shared_ptr<KEL::Profile> GetAggregatedOutputProfile() override;
-    std::uint32_t GetOutputNumStreams() override;
-    // Ascending.
-    std::vector<std::uint32_t> GetStreamIds() override;
     KEL::KelErrorCode onInitializeParams(KEL::Filter* filter) override;
     // Opens and checks every file of the directory. Codes: 1 when the
     // directory does not exist, a reader's own code for a file that does not
     // open, 4 for any other failure.
     KEL::KelErrorCode onInitialize(KEL::Filter* filter) override;
     KEL::KelErrorCode onDeInitialize() override;
-    // Stream information of the first file with the total frame count of
-    // all files, or empty.
-    std::shared_ptr<KEL::DataTypeStreamInfo> GetStreamInfo() override;
     // 0 when the frame was pushed, 1 when nothing was pushed (also beyond
     // the last frame).
     KEL::KelErrorCode pushDataToOutput(std::uint32_t frameNr) override;
@@ -69,17 +52,7 @@ public:
     KEL::KelErrorCode CollectReadersForFilesInDirectory(const std::string& directory,
                                                         std::vector<std::shared_ptr<KEL::ReadKEL2File>>& readers) const;
 
-    static void* operator new(std::size_t size);
-    static void* operator new(std::size_t size, void* where) noexcept;
-    static void operator delete(void* pointer) noexcept;
-    static void operator delete(void* pointer, void* where) noexcept;
-
-    static KelCommon::Guid sTypeGuid;
-    static KEL::FilterClassInfo sFilterClassInfo;
-    static int sRegistrationId;
-
 private:
-    using Readers = std::vector<std::shared_ptr<KEL::ReadKEL2File>>;
     // Global frame number -> the file holding it and its frame number there.
     using FrameTable = std::unordered_map<std::uint32_t, std::pair<std::shared_ptr<KEL::ReadKEL2File>, std::uint32_t>>;
 
@@ -91,10 +64,6 @@ private:
     void CloseReaders();
 
     std::shared_ptr<KEL::FilterParamDirPath> directoryParam_;
-    std::shared_ptr<KEL::Profile> profile_;
-    std::vector<std::uint16_t> streamIds_;
-    std::shared_ptr<KEL::DataTypeStreamInfo> streamInfo_;
-    OptimizedDataLooseners looseners_;
     FrameTable frameTable_;
 };
 

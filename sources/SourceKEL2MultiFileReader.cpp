@@ -2,50 +2,17 @@
 
 #include <KEL/KEL2Header.h>
 #include <KEL/KELLogger.h>
-#include <KelCommon/VarManager.h>
 
 #include <algorithm>
-#include <boost/filesystem.hpp>
 #include <limits>
-#include <new>
 #include <unordered_set>
 
 #include "utils/Utils.h"
 
 namespace Kel2File {
 
-SourceKEL2MultiFileReader::SourceKEL2MultiFileReader() { looseners_.max_load_factor(1.0F); }
-
-SourceKEL2MultiFileReader::~SourceKEL2MultiFileReader() = default;
-
-KelCommon::Guid SourceKEL2MultiFileReader::TheTypeGuid() { return sTypeGuid; }
-
-KEL::FilterClassInfo SourceKEL2MultiFileReader::TheFilterClassInfo() { return sFilterClassInfo; }
-
-KelCommon::Guid SourceKEL2MultiFileReader::TypeGuid() const { return sTypeGuid; }
-
-KEL::FilterClassInfo SourceKEL2MultiFileReader::GetFilterClassInfo() const { return sFilterClassInfo; }
-
-std::shared_ptr<KEL::Profile> SourceKEL2MultiFileReader::GetOutputProfile() {
-    if (!profile_) {
-        return nullptr;
-    }
-    return std::make_shared<KEL::Profile>(*profile_);
-}
-
-std::shared_ptr<KEL::Profile> SourceKEL2MultiFileReader::GetAggregatedOutputProfile() { return GetOutputProfile(); }
-
-std::uint32_t SourceKEL2MultiFileReader::GetOutputNumStreams() { return static_cast<std::uint32_t>(streamIds_.size()); }
-
-std::vector<std::uint32_t> SourceKEL2MultiFileReader::GetStreamIds() { return {streamIds_.begin(), streamIds_.end()}; }
-
-KEL::KelErrorCode SourceKEL2MultiFileReader::onInitializeParams(KEL::Filter* filter) {
-    if (!directoryParam_) {
-        const std::string defaultDir = KelCommon::VarManager::getInstance().getRootValue().str() + "/kel_files";
-        directoryParam_ = std::make_shared<KEL::FilterParamDirPath>("KEL files dir", 1, defaultDir.c_str());
-    }
-    addParam(directoryParam_, true);
-    return KEL::KEL_OK;
+KEL::KelErrorCode SourceKEL2MultiFileReader::onInitializeParams(KEL::Filter* /*filter*/) {
+    return AddDirectoryParam(directoryParam_);
 }
 
 KEL::KelErrorCode SourceKEL2MultiFileReader::onInitialize(KEL::Filter* filter) {
@@ -60,20 +27,15 @@ KEL::KelErrorCode SourceKEL2MultiFileReader::onInitialize(KEL::Filter* filter) {
     };
 
     const std::string directory = directoryParam_->GetAbsoluteDirPath();
-    boost::system::error_code statusError;
-    if (!boost::filesystem::is_directory(boost::filesystem::status(directory, statusError))) {
-        return ReportError(KEL::KEL_ERR_NOT_FOUND, ("Directory '" + directory + "' does not exist").c_str());
-    }
 
     // The only long-lived holder of the readers is the stream-reader map: a
     // file that holds no streams is closed when this list goes.
     Readers readers;
-    if (const KEL::KelErrorCode code = CollectReadersForFilesInDirectory(directory, readers); code != KEL::KEL_OK) {
-        return ReportError(code, ("Failed to collect kel files from '" + directory + "' directory").c_str());
-    }
-    if (readers.empty()) {
-        return ReportError(KEL::KEL_ERR_INVALID,
-                           ("Directory '" + directory + "' does not contain any valid kel files").c_str());
+    const auto collect = [this](const std::string& dir, Readers& found) {
+        return CollectReadersForFilesInDirectory(dir, found);
+    };
+    if (const KEL::KelErrorCode code = OpenDirectoryReaders(directory, readers, collect); code != KEL::KEL_OK) {
+        return code;
     }
 
     if (!PopulateStreamIDsAndReadersCollections(readers)) {
@@ -117,67 +79,18 @@ KEL::KelErrorCode SourceKEL2MultiFileReader::onDeInitialize() {
     return KEL::KEL_OK;
 }
 
-std::shared_ptr<KEL::DataTypeStreamInfo> SourceKEL2MultiFileReader::GetStreamInfo() { return streamInfo_; }
-
 KEL::KelErrorCode SourceKEL2MultiFileReader::pushDataToOutput(std::uint32_t frameNr) {
-    if (GetOutputNumStreams() == 0) {
-        return 1;
-    }
-    std::vector<std::shared_ptr<KEL::Atom>> atoms;
-    atoms.reserve(streamIds_.size());
-    for (const std::uint16_t streamId : streamIds_) {
-        auto atom = streamReaders_.at(streamId)->GetFrameAtom(streamId, frameNr);
-        if (!atom) {
-            if (auto log = KEL::GetKELLoggerInstance().lock()) {
-                log->LogMessage(6, "KEL2File", "Stream '%d' lacks an atom with frame number '%d'", streamId,
-                                static_cast<int>(frameNr));
-            }
-            return 1;
-        }
-        if (atom->GetStreamId() != streamId) {
-            if (auto log = KEL::GetKELLoggerInstance().lock()) {
-                log->LogMessage(2, "KEL2File", "Stream ID '%d' of atom returned for stream '%d' differs",
-                                atom->GetStreamId(), streamId);
-            }
-            return 1;
-        }
-        atoms.push_back(std::move(atom));
-    }
-    for (auto& atom : atoms) {
-        Utils::LoosenOptimizedData(atom, looseners_);
-        pushToOutputQueue(std::move(atom));
-    }
-    return 0;
+    return PushFrame(frameNr, [this, frameNr](std::uint16_t streamId) {
+        return streamReaders_.at(streamId)->GetFrameAtom(streamId, frameNr);
+    });
 }
 
 KEL::KelErrorCode SourceKEL2MultiFileReader::CollectReadersForFilesInDirectory(const std::string& directory,
                                                                                Readers& readers) const {
-    const std::vector<std::string> paths = Utils::CollectPotentialKELFilesInDirectory(directory, false);
-    if (paths.empty()) {
-        if (auto log = KEL::GetKELLoggerInstance().lock()) {
-            log->LogMessage(2, "KEL2File", "Directory '%s' does not contain a sequence of files", directory.c_str());
-        }
-        return KEL::KEL_ERR_INVALID;
-    }
     // Files are combined by stream, so their order does not matter: they are
     // opened as the directory lists them.
-    for (const std::string& path : paths) {
-        auto reader = std::make_shared<KEL::ReadKEL2File>(path.c_str());
-        if (const KEL::KelErrorCode code = reader->Initialize(); code != KEL::KEL_OK) {
-            return code;
-        }
-        readers.push_back(std::move(reader));
-    }
-    return KEL::KEL_OK;
+    return OpenKelFilesInDirectory(directory, PathOrder::AsListed, readers);
 }
-
-void* SourceKEL2MultiFileReader::operator new(std::size_t size) { return ::operator new(size); }
-
-void* SourceKEL2MultiFileReader::operator new(std::size_t /*size*/, void* where) noexcept { return where; }
-
-void SourceKEL2MultiFileReader::operator delete(void* pointer) noexcept { ::operator delete(pointer); }
-
-void SourceKEL2MultiFileReader::operator delete(void* /*pointer*/, void* /*where*/) noexcept {}
 
 bool SourceKEL2MultiFileReader::PopulateStreamIDsAndReadersCollections(const Readers& readers) {
     for (const auto& reader : readers) {
@@ -240,26 +153,16 @@ bool SourceKEL2MultiFileReader::CheckProfilesAreTheSame() const {
 bool SourceKEL2MultiFileReader::SetupOptimizedDataLooseners() {
     // Unlike the sequential source, each stream is restored from its own file.
     for (const std::uint16_t streamId : streamIds_) {
-        auto firstAtom = streamReaders_.at(streamId)->GetFirstFrameAtom(streamId);
-        if (!firstAtom) {
-            if (auto log = KEL::GetKELLoggerInstance().lock()) {
-                log->LogMessage(2, "KEL2File",
-                                "There is no 'first' atom in the '%d' stream, can not setup optimized data loosener",
-                                streamId);
-            }
+        if (!SetupOptimizedDataLoosener(streamReaders_.at(streamId), streamId)) {
             return false;
         }
-        looseners_[streamId] = std::make_shared<const OptimizedDataLoosener>(std::move(firstAtom), streamInfo_);
     }
     return true;
 }
 
 void SourceKEL2MultiFileReader::CloseReaders() {
     streamReaders_.clear();
-    streamInfo_.reset();
-    profile_.reset();
-    streamIds_.clear();
-    looseners_.clear();
+    ClearOutput();
 }
 
 }  // namespace Kel2File

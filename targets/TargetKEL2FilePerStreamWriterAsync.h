@@ -1,12 +1,9 @@
 #pragma once
 
 #include <KEL/Filter.h>
-#include <KEL/FilterClassInfo.h>
 #include <KelCommon/Export.h>
-#include <KelCommon/Guid.h>
 
-#include <cstddef>
-
+#include "plugin/FilterClassBoilerplate.h"
 #include "targets/TargetKEL2FileAsyncWriter.h"
 #include "writers/PerStreamWriter.h"
 
@@ -16,20 +13,7 @@ namespace Kel2File {
 // The class constants are defined and registered by the plugin's filter
 // registry at load.
 class TargetKEL2FilePerStreamWriterAsync final : public TargetKEL2FileAsyncWriter<PerStreamWriter> {
-public:
-    static KelCommon::Guid sTypeGuid;
-    static KEL::FilterClassInfo sFilterClassInfo;
-    static int sRegistrationId;
-
-    static KelCommon::Guid TheTypeGuid() { return sTypeGuid; }
-    static KEL::FilterClassInfo TheFilterClassInfo() { return sFilterClassInfo; }
-    KelCommon::Guid TypeGuid() const override { return sTypeGuid; }
-    KEL::FilterClassInfo GetFilterClassInfo() const override { return sFilterClassInfo; }
-
-    static void* operator new(std::size_t size);
-    static void* operator new(std::size_t size, void* where) noexcept;
-    static void operator delete(void* memory) noexcept;
-    static void operator delete(void* memory, void* where) noexcept;
+    KEL2FILE_FILTER_CLASS_MEMBERS()
 };
 
 }  // namespace Kel2File
