@@ -21,6 +21,8 @@ struct OpenError {
     std::function<void(Bytes&)> damage;  // applied to a closed one-atom container
 };
 
+void PrintTo(const OpenError& error, std::ostream* os) { *os << error.name; }
+
 class ContainerOpenErrors : public testing::TestWithParam<OpenError> {};
 
 // The open fails with the case's code and a message, the failure is logged
