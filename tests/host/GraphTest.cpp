@@ -3,8 +3,10 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -41,19 +43,51 @@ protected:
         std::string error;
         ASSERT_EQ(graph->Initialize(&error), KEL::KEL_OK) << error;
     }
+    // Initialises the graph and runs it once.
+    KEL::RunResult InitializeAndRun(const KEL::RunOptions& options = {}) {
+        Initialize();
+        return graph->Run(options);
+    }
+    // Options whose afterFrame counts the frames; WaitForFrames blocks until
+    // `count` frames have been asked for.
+    KEL::RunOptions CountingFrames() {
+        KEL::RunOptions options;
+        options.afterFrame = [this](KEL::Graph&, std::uint32_t, bool) {
+            {
+                std::lock_guard lock(framesMutex_);
+                ++frames_;
+            }
+            framesSeen_.notify_all();
+        };
+        return options;
+    }
+    void WaitForFrames(std::uint64_t count) {
+        std::unique_lock lock(framesMutex_);
+        framesSeen_.wait(lock, [&] { return frames_ >= count; });
+    }
     // The events from the first occurrence of `from` on.
     std::vector<std::string> EventsFrom(const std::string& from) const {
         auto events = log->Events();
         auto it = std::find(events.begin(), events.end(), from);
         return {it, events.end()};
     }
+
+private:
+    std::mutex framesMutex_;
+    std::condition_variable framesSeen_;
+    std::uint64_t frames_ = 0;
 };
 
-TEST_F(GraphTest, HooksRunInLifeCycleOrder) {
+TEST_F(GraphTest, HooksRunInLifeCycleOrderInTheirStates) {
     Build(2, 2);
-    Initialize();
-    const auto result = graph->Run();
+    std::vector<int> statesSeen;
+    tgt->onFrame = [&](TestTarget& t, std::uint32_t) { statesSeen.push_back(t.GetFilterState()); };
+    const auto result = InitializeAndRun();
     ASSERT_TRUE(result.Ok()) << result.message;
+    // Playing during the frames, initialised again after the stop.
+    EXPECT_EQ(statesSeen, std::vector<int>(4, KEL::FILTER_STATE_PLAYING));
+    EXPECT_EQ(tgt->GetFilterState(), KEL::FILTER_STATE_INITIALIZED);
+    EXPECT_EQ(src->GetFilterState(), KEL::FILTER_STATE_INITIALIZED);
     graph->DeInitialize();
 
     const std::vector<std::string> expected = {
@@ -86,25 +120,13 @@ TEST_F(GraphTest, HooksRunInLifeCycleOrder) {
     EXPECT_EQ(graph->FramesPerPass(), 2U);
 }
 
-TEST_F(GraphTest, FiltersArePlayingDuringFramesAndInitialisedAfterStop) {
-    Build(1, 2);
-    std::vector<int> statesSeen;
-    tgt->onFrame = [&](TestTarget& t, std::uint32_t) { statesSeen.push_back(t.GetFilterState()); };
-    Initialize();
-    ASSERT_TRUE(graph->Run().Ok());
-    EXPECT_EQ(statesSeen, (std::vector<int>{KEL::FILTER_STATE_PLAYING, KEL::FILTER_STATE_PLAYING}));
-    EXPECT_EQ(tgt->GetFilterState(), KEL::FILTER_STATE_INITIALIZED);
-    EXPECT_EQ(src->GetFilterState(), KEL::FILTER_STATE_INITIALIZED);
-}
-
 TEST_F(GraphTest, RefusedFrameIsSkippedAndCounted) {
     Build(1, 3);
     src->refused = {1};
     std::vector<std::pair<std::uint32_t, bool>> after;
     KEL::RunOptions options;
     options.afterFrame = [&](KEL::Graph&, std::uint32_t f, bool delivered) { after.emplace_back(f, delivered); };
-    Initialize();
-    const auto result = graph->Run(options);
+    const auto result = InitializeAndRun(options);
     ASSERT_TRUE(result.Ok()) << result.message;
     EXPECT_EQ(result.framesDelivered, 2U);
     EXPECT_EQ(result.framesSkipped, 1U);
@@ -117,8 +139,7 @@ TEST_F(GraphTest, RefusedFrameIsSkippedAndCounted) {
 TEST_F(GraphTest, SourceWithoutFrameCountPlaysUntilItRefuses) {
     Build(1, std::nullopt);
     src->refuseFrom = 3;
-    Initialize();
-    const auto result = graph->Run();
+    const auto result = InitializeAndRun();
     ASSERT_TRUE(result.Ok()) << result.message;
     EXPECT_EQ(result.framesDelivered, 3U);
     EXPECT_EQ(result.framesSkipped, 1U);
@@ -130,12 +151,91 @@ TEST_F(GraphTest, StartFrameAndFrameCountSelectTheFrames) {
     KEL::RunOptions options;
     options.startFrame = 4;
     options.frameCount = 2;
-    Initialize();
-    const auto result = graph->Run(options);
+    const auto result = InitializeAndRun(options);
     ASSERT_TRUE(result.Ok()) << result.message;
     EXPECT_EQ(log->Count("tgt.frame 0:4"), 1U);
     EXPECT_EQ(log->Count("tgt.frame 0:5"), 1U);
     EXPECT_EQ(result.framesDelivered, 2U);
+}
+
+TEST_F(GraphTest, DoneTimeoutStopsATargetThatNeverFinishes) {
+    Build(1, 1);
+    tgt->holdDone = true;
+    KEL::RunOptions options;
+    options.doneTimeout = std::chrono::milliseconds(1);
+    const auto result = InitializeAndRun(options);
+    EXPECT_TRUE(result.Ok()) << result.message;
+    EXPECT_EQ(log->Count("tgt.onStop@7"), 1U);
+}
+
+TEST_F(GraphTest, EndlessLoopOverAnEmptyPassEnds) {
+    Build(1, std::nullopt);
+    src->refuseFrom = 0;
+    KEL::RunOptions options;
+    options.loops = 0;
+    const auto result = InitializeAndRun(options);
+    ASSERT_TRUE(result.Ok()) << result.message;
+    EXPECT_EQ(result.framesDelivered, 0U);
+}
+
+TEST_F(GraphTest, HookReturningErrorEndsRunNamingTheFilter) {
+    Build(1, 5);
+    tgt->SetFault({"onProcessFrame", 1, false, KEL::KEL_ERR_DISK_FULL, "no space left for frame 1"});
+    const auto result = InitializeAndRun();
+    EXPECT_EQ(result.code, KEL::KEL_ERR_DISK_FULL);
+    EXPECT_EQ(result.failedFilter, "target");
+    EXPECT_NE(result.message.find("'target'"), std::string::npos) << result.message;
+    EXPECT_NE(result.message.find("onProcessFrame"), std::string::npos) << result.message;
+    EXPECT_NE(result.message.find("no space left for frame 1"), std::string::npos) << result.message;
+    EXPECT_EQ(log->Count("src.push 2"), 0U);
+    EXPECT_EQ(log->Count("src.onStop@7"), 1U);
+    EXPECT_EQ(log->Count("tgt.onStop@7"), 1U);
+    EXPECT_EQ(tgt->GetFilterState(), KEL::FILTER_STATE_INITIALIZED);
+    EXPECT_EQ(result.framesDelivered, 1U);
+}
+
+TEST_F(GraphTest, HookThrowingEndsRunNamingTheFilter) {
+    Build(1, 5);
+    src->SetFault({"pushDataToOutput", 2, true, 0, "reader exploded"});
+    const auto result = InitializeAndRun();
+    EXPECT_EQ(result.code, KEL::KEL_ERR_EXCEPTION);
+    EXPECT_EQ(result.failedFilter, "source");
+    EXPECT_NE(result.message.find("'source'"), std::string::npos) << result.message;
+    EXPECT_NE(result.message.find("reader exploded"), std::string::npos) << result.message;
+    EXPECT_EQ(log->Count("tgt.frame 0:2"), 0U);
+    EXPECT_EQ(log->Count("src.onStop@7"), 1U);
+    EXPECT_EQ(log->Count("tgt.onStop@7"), 1U);
+    // The graph is usable again afterwards.
+    src->SetFault({});
+    EXPECT_TRUE(graph->Run().Ok());
+}
+
+TEST_F(GraphTest, ForceGraphStopEndsTheRunAfterTheFrame) {
+    Build(1, 10);
+    tgt->onFrame = [](TestTarget& t, std::uint32_t f) {
+        if (f == 1) {
+            t.ForceGraphStop();
+        }
+    };
+    const auto result = InitializeAndRun();
+    ASSERT_TRUE(result.Ok()) << result.message;
+    EXPECT_TRUE(result.stoppedEarly);
+    EXPECT_EQ(result.framesDelivered, 2U);
+    EXPECT_EQ(log->Count("tgt.onStop@7"), 1U);
+}
+
+TEST_F(GraphTest, ThrowingCallbackEndsTheRunCleanly) {
+    Build(1, 3);
+    KEL::RunOptions options;
+    options.beforeFrame = [](KEL::Graph&, std::uint32_t f) {
+        if (f == 1) {
+            throw std::runtime_error("script error");
+        }
+    };
+    const auto result = InitializeAndRun(options);
+    EXPECT_EQ(result.code, KEL::KEL_ERR_EXCEPTION);
+    EXPECT_NE(result.message.find("script error"), std::string::npos);
+    EXPECT_EQ(log->Count("tgt.onStop@7"), 1U);
 }
 
 TEST_F(GraphTest, NaturalEndWaitsUntilTargetIsDone) {
@@ -157,17 +257,6 @@ TEST_F(GraphTest, NaturalEndWaitsUntilTargetIsDone) {
     ASSERT_GE(marked, 0);
     EXPECT_GT(stopped, marked);
     EXPECT_GT(log->IndexOf("tgt.asked IsDone"), log->IndexOf("tgt.post"));
-}
-
-TEST_F(GraphTest, DoneTimeoutStopsATargetThatNeverFinishes) {
-    Build(1, 1);
-    tgt->holdDone = true;
-    KEL::RunOptions options;
-    options.doneTimeout = std::chrono::milliseconds(1);
-    Initialize();
-    const auto result = graph->Run(options);
-    EXPECT_TRUE(result.Ok()) << result.message;
-    EXPECT_EQ(log->Count("tgt.onStop@7"), 1U);
 }
 
 TEST_F(GraphTest, PauseCallsOnPauseAndResumeReplaysOnPlayInPausedState) {
@@ -237,8 +326,7 @@ TEST_F(GraphTest, SeekResetsFrameOrderForRegisteredListenersOnly) {
             g.Seek(0);
         }
     };
-    Initialize();
-    const auto result = graph->Run(options);
+    const auto result = InitializeAndRun(options);
     ASSERT_TRUE(result.Ok()) << result.message;
     const std::vector<std::string> expected = {"tgt.post", "quiet.post", "tgt.reset", "src.push 0"};
     auto events = EventsFrom("src.push 2");
@@ -259,8 +347,7 @@ TEST_F(GraphTest, EveryLoopPassAfterTheFirstResetsFrameOrder) {
     ASSERT_EQ(graph->Connect(src, tgt), KEL::KEL_OK);
     KEL::RunOptions options;
     options.loops = 3;
-    Initialize();
-    const auto result = graph->Run(options);
+    const auto result = InitializeAndRun(options);
     ASSERT_TRUE(result.Ok()) << result.message;
     EXPECT_EQ(result.framesDelivered, 6U);
     std::vector<std::string> frames;
@@ -273,51 +360,6 @@ TEST_F(GraphTest, EveryLoopPassAfterTheFirstResetsFrameOrder) {
                                                 "tgt.frame 0:1", "tgt.reset", "tgt.frame 0:0", "tgt.frame 0:1"}));
 }
 
-TEST_F(GraphTest, EndlessLoopOverAnEmptyPassEnds) {
-    Build(1, std::nullopt);
-    src->refuseFrom = 0;
-    KEL::RunOptions options;
-    options.loops = 0;
-    Initialize();
-    const auto result = graph->Run(options);
-    ASSERT_TRUE(result.Ok()) << result.message;
-    EXPECT_EQ(result.framesDelivered, 0U);
-}
-
-TEST_F(GraphTest, HookReturningErrorEndsRunNamingTheFilter) {
-    Build(1, 5);
-    tgt->SetFault({"onProcessFrame", 1, false, KEL::KEL_ERR_DISK_FULL, "no space left for frame 1"});
-    Initialize();
-    const auto result = graph->Run();
-    EXPECT_EQ(result.code, KEL::KEL_ERR_DISK_FULL);
-    EXPECT_EQ(result.failedFilter, "target");
-    EXPECT_NE(result.message.find("'target'"), std::string::npos) << result.message;
-    EXPECT_NE(result.message.find("onProcessFrame"), std::string::npos) << result.message;
-    EXPECT_NE(result.message.find("no space left for frame 1"), std::string::npos) << result.message;
-    EXPECT_EQ(log->Count("src.push 2"), 0U);
-    EXPECT_EQ(log->Count("src.onStop@7"), 1U);
-    EXPECT_EQ(log->Count("tgt.onStop@7"), 1U);
-    EXPECT_EQ(tgt->GetFilterState(), KEL::FILTER_STATE_INITIALIZED);
-    EXPECT_EQ(result.framesDelivered, 1U);
-}
-
-TEST_F(GraphTest, HookThrowingEndsRunNamingTheFilter) {
-    Build(1, 5);
-    src->SetFault({"pushDataToOutput", 2, true, 0, "reader exploded"});
-    Initialize();
-    const auto result = graph->Run();
-    EXPECT_EQ(result.code, KEL::KEL_ERR_EXCEPTION);
-    EXPECT_EQ(result.failedFilter, "source");
-    EXPECT_NE(result.message.find("'source'"), std::string::npos) << result.message;
-    EXPECT_NE(result.message.find("reader exploded"), std::string::npos) << result.message;
-    EXPECT_EQ(log->Count("tgt.frame 0:2"), 0U);
-    EXPECT_EQ(log->Count("src.onStop@7"), 1U);
-    EXPECT_EQ(log->Count("tgt.onStop@7"), 1U);
-    // The graph is usable again afterwards.
-    src->SetFault({});
-    EXPECT_TRUE(graph->Run().Ok());
-}
-
 TEST_F(GraphTest, FailingOnPlayStopsOnlyTheFiltersThatStarted) {
     src = Add(std::make_unique<TestSource>("src", log, 1, 3), "source");
     tgt = Add(std::make_unique<TestTarget>("tgt", log), "first");
@@ -325,8 +367,7 @@ TEST_F(GraphTest, FailingOnPlayStopsOnlyTheFiltersThatStarted) {
     ASSERT_EQ(graph->Connect(src, tgt), KEL::KEL_OK);
     ASSERT_EQ(graph->Connect(src, second), KEL::KEL_OK);
     second->SetFault({"onPlay", 0, false, KEL::KEL_ERR_ACCESS_DENIED, "cannot open output"});
-    Initialize();
-    const auto result = graph->Run();
+    const auto result = InitializeAndRun();
     EXPECT_EQ(result.code, KEL::KEL_ERR_ACCESS_DENIED);
     EXPECT_EQ(result.failedFilter, "second");
     EXPECT_EQ(log->Count("tgt.onStop@7"), 1U);
@@ -358,61 +399,19 @@ TEST_F(GraphTest, ThrowingOnInitializeIsReportedAsFailure) {
     EXPECT_EQ(log->Count("tgt.onInitialize@2"), 0U);
 }
 
-TEST_F(GraphTest, ForceGraphStopEndsTheRunAfterTheFrame) {
-    Build(1, 10);
-    tgt->onFrame = [](TestTarget& t, std::uint32_t f) {
-        if (f == 1) {
-            t.ForceGraphStop();
-        }
-    };
-    Initialize();
-    const auto result = graph->Run();
-    ASSERT_TRUE(result.Ok()) << result.message;
-    EXPECT_TRUE(result.stoppedEarly);
-    EXPECT_EQ(result.framesDelivered, 2U);
-    EXPECT_EQ(log->Count("tgt.onStop@7"), 1U);
-}
-
 TEST_F(GraphTest, RequestStopFromAnotherThreadEndsAnEndlessRun) {
     Build(1, std::nullopt);
-    std::mutex m;
-    std::condition_variable cv;
-    std::uint64_t delivered = 0;
-    KEL::RunOptions options;
+    KEL::RunOptions options = CountingFrames();
     options.loops = 0;
-    options.afterFrame = [&](KEL::Graph&, std::uint32_t, bool) {
-        {
-            std::lock_guard lock(m);
-            ++delivered;
-        }
-        cv.notify_all();
-    };
-    Initialize();
     std::thread stopper([&] {
-        std::unique_lock lock(m);
-        cv.wait(lock, [&] { return delivered >= 5; });
+        WaitForFrames(5);
         graph->RequestStop();
     });
-    const auto result = graph->Run(options);
+    const auto result = InitializeAndRun(options);
     stopper.join();
     ASSERT_TRUE(result.Ok()) << result.message;
     EXPECT_TRUE(result.stoppedEarly);
     EXPECT_GE(result.framesDelivered, 5U);
-    EXPECT_EQ(log->Count("tgt.onStop@7"), 1U);
-}
-
-TEST_F(GraphTest, ThrowingCallbackEndsTheRunCleanly) {
-    Build(1, 3);
-    KEL::RunOptions options;
-    options.beforeFrame = [](KEL::Graph&, std::uint32_t f) {
-        if (f == 1) {
-            throw std::runtime_error("script error");
-        }
-    };
-    Initialize();
-    const auto result = graph->Run(options);
-    EXPECT_EQ(result.code, KEL::KEL_ERR_EXCEPTION);
-    EXPECT_NE(result.message.find("script error"), std::string::npos);
     EXPECT_EQ(log->Count("tgt.onStop@7"), 1U);
 }
 
@@ -474,25 +473,12 @@ TEST_F(GraphTest, DestroyingTheGraphDeInitialisesThenDestroysTargetsFirst) {
 
 TEST_F(GraphTest, DestroyingTheGraphWhileItRunsElsewhereStopsTheRunFirst) {
     Build(1, std::nullopt);
-    std::mutex m;
-    std::condition_variable cv;
-    std::uint64_t delivered = 0;
-    KEL::RunOptions options;
-    options.afterFrame = [&](KEL::Graph&, std::uint32_t, bool) {
-        {
-            std::lock_guard lock(m);
-            ++delivered;
-        }
-        cv.notify_all();
-    };
+    const KEL::RunOptions options = CountingFrames();
     Initialize();
     KEL::RunResult result;
     KEL::Graph* running = graph.get();
     std::thread runner([&] { result = running->Run(options); });
-    {
-        std::unique_lock lock(m);
-        cv.wait(lock, [&] { return delivered >= 3; });
-    }
+    WaitForFrames(3);
     graph.reset();
     runner.join();
     EXPECT_TRUE(result.Ok()) << result.message;

@@ -8,7 +8,6 @@
 #include <KEL/PluginLoader.h>
 #include <KelCommon/Logger.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -16,27 +15,13 @@
 #include <fstream>
 #include <string>
 
+#include "support/TestSupport.h"
+
 namespace {
 
 namespace fs = std::filesystem;
 
 const KelCommon::Guid kFutureFilterGuid = KelCommon::Guid::FromHexString("0F0F0F0F-7000-4000-8000-000000000007");
-
-// A scratch directory of this test's own, removed at the end.
-class ScratchDir {
-public:
-    ScratchDir() : path_(fs::temp_directory_path() / ("kel_plugin_test_" + std::to_string(::getpid()))) {
-        fs::create_directories(path_);
-    }
-    ~ScratchDir() {
-        std::error_code ec;
-        fs::remove_all(path_, ec);
-    }
-    const fs::path& Path() const { return path_; }
-
-private:
-    fs::path path_;
-};
 
 void WriteText(const fs::path& file, const std::string& text) { std::ofstream(file) << text; }
 
@@ -120,24 +105,19 @@ TEST(PluginLoaderTest, PluginForAnIncompatibleFrameworkIsRefusedAndItsClassesUnr
     EXPECT_FALSE(IsLoaded(fs::canonical(KEL_TEST_FIXTURE_FUTURE_PLUGIN).string()));
 }
 
-TEST(PluginLoaderTest, FileThatIsNotALibraryIsRefusedWithTheLoadersReason) {
-    ScratchDir dir;
-    const fs::path bogus = dir.Path() / "libbogus.so";
-    WriteText(bogus, "this is not an ELF file");
+TEST(PluginLoaderTest, MissingFileOrOneThatIsNotALibraryIsRefusedWithTheReason) {
+    kel_test::TempDir dir;
+    WriteText(dir.Path() / "libbogus.so", "this is not an ELF file");
     std::string error;
-    EXPECT_EQ(KEL::PluginLoader::LoadPlugin(bogus.string(), nullptr, &error), KEL::KEL_ERR_PLUGIN);
+    EXPECT_EQ(KEL::PluginLoader::LoadPlugin(dir.File("libbogus.so"), nullptr, &error), KEL::KEL_ERR_PLUGIN);
     EXPECT_NE(error.find("cannot load library"), std::string::npos) << error;
     EXPECT_NE(error.find("libbogus.so"), std::string::npos) << error;
-}
-
-TEST(PluginLoaderTest, MissingFileIsRefused) {
-    std::string error;
     EXPECT_EQ(KEL::PluginLoader::LoadPlugin("/nonexistent/libnothing.so", nullptr, &error), KEL::KEL_ERR_NOT_FOUND);
     EXPECT_EQ(error, "'/nonexistent/libnothing.so': no such file");
 }
 
 TEST(PluginLoaderTest, DirectoryLoadTakesSharedLibrariesAndReportsRefusals) {
-    ScratchDir dir;
+    kel_test::TempDir dir;
     fs::create_symlink(fs::absolute(KEL_TEST_PLUGIN_PATH), dir.Path() / "libKEL2File_kpl.so");
     WriteText(dir.Path() / "libbroken.so", "garbage");
     WriteText(dir.Path() / "README.txt", "not a library");

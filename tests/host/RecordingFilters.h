@@ -11,6 +11,7 @@
 #include <KEL/Source.h>
 #include <KEL/Target.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -41,32 +42,17 @@ public:
     // Blocks until `event` has been logged.
     void WaitFor(const std::string& event) const {
         std::unique_lock lock(mutex_);
-        changed_.wait(lock, [&] {
-            for (const auto& e : events_) {
-                if (e == event) {
-                    return true;
-                }
-            }
-            return false;
-        });
+        changed_.wait(lock, [&] { return std::find(events_.begin(), events_.end(), event) != events_.end(); });
     }
     std::size_t Count(const std::string& event) const {
         std::lock_guard lock(mutex_);
-        std::size_t n = 0;
-        for (const auto& e : events_) {
-            n += e == event ? 1 : 0;
-        }
-        return n;
+        return static_cast<std::size_t>(std::count(events_.begin(), events_.end(), event));
     }
     // Index of the first occurrence, or -1.
     long IndexOf(const std::string& event) const {
         std::lock_guard lock(mutex_);
-        for (std::size_t i = 0; i < events_.size(); ++i) {
-            if (events_[i] == event) {
-                return static_cast<long>(i);
-            }
-        }
-        return -1;
+        const auto it = std::find(events_.begin(), events_.end(), event);
+        return it == events_.end() ? -1 : static_cast<long>(it - events_.begin());
     }
 
 private:
