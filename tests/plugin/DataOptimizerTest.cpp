@@ -21,26 +21,37 @@ std::size_t CountOfType(const KEL::Atom& atom, const KelCommon::Guid& type) {
     return count;
 }
 
-TEST(DataOptimizer, CameraParamsBelowVersionTwoAreRemoved) {
-    auto atom = std::make_shared<KEL::Atom>(1, 5);
-    atom->AddDataLayer(kel_test::MakeCamera(1, 7), true);
-    atom->AddDataLayer(kel_test::MakeCamera(0, 8), true);
+// Stream-level layers and layers that look like them: only `kept` (if any)
+// survives.
+TEST(DataOptimizer, OnlyStreamLevelLayersAreRemovedFromLookAlikes) {
+    const auto cameraV2 = kel_test::MakeCamera(2, 7);
+    const auto color = kel_test::MakeTexture(4, 4, 1, KEL::PurposeGuid_PRIMARY_COLOR);
+    const auto thumbnailMesh = kel_test::MakeMesh(2, 3);
+    thumbnailMesh->SetPurposeGuid(KEL::PurposeGuid_THUMBNAIL);
+    const struct {
+        const char* what;
+        std::vector<std::shared_ptr<KEL::DataLayer>> layers;
+        std::shared_ptr<KEL::DataLayer> kept;
+    } cases[] = {
+        {"camera parameters below version two", {kel_test::MakeCamera(1, 7), kel_test::MakeCamera(0, 8)}, nullptr},
+        {"camera parameters of version two", {kel_test::MakeCamera(1, 7), cameraV2}, cameraV2},
+        {"an RGBA texture of another purpose",
+         {color, kel_test::MakeTexture(4, 4, 2, KEL::PurposeGuid_THUMBNAIL)},
+         color},
+        {"the thumbnail purpose on another type", {thumbnailMesh}, thumbnailMesh},
+    };
+    for (const auto& entry : cases) {
+        SCOPED_TRACE(entry.what);
+        auto atom = std::make_shared<KEL::Atom>(1, 5);
+        for (const auto& layer : entry.layers) {
+            atom->AddDataLayer(layer, true);
+        }
 
-    DataOptimizer::OptimizeAtomData(atom);
+        DataOptimizer::OptimizeAtomData(atom);
 
-    EXPECT_EQ(atom->GetNumDataLayers(), 0U);
-}
-
-TEST(DataOptimizer, CameraParamsOfVersionTwoAreKept) {
-    auto atom = std::make_shared<KEL::Atom>(1, 5);
-    auto v2 = kel_test::MakeCamera(2, 7);
-    atom->AddDataLayer(kel_test::MakeCamera(1, 7), true);
-    atom->AddDataLayer(v2, true);
-
-    DataOptimizer::OptimizeAtomData(atom);
-
-    ASSERT_EQ(atom->GetNumDataLayers(), 1U);
-    EXPECT_EQ(atom->GetAllDataLayers()[0], v2);
+        EXPECT_EQ(atom->GetAllDataLayers(), entry.kept ? std::vector<std::shared_ptr<KEL::DataLayer>>{entry.kept}
+                                                       : std::vector<std::shared_ptr<KEL::DataLayer>>{});
+    }
 }
 
 TEST(DataOptimizer, TwoStreamInfoLayersAreBothRemoved) {
@@ -65,30 +76,6 @@ TEST(DataOptimizer, EveryStreamLevelKindIsRemovedAndFrameLayersStay) {
     EXPECT_EQ(layers[0]->GetTypeGuid(), KEL::DataTypeTextureRGBA::TheTypeGuid());
     EXPECT_NE(layers[0]->GetPurposeGuid(), KEL::PurposeGuid_THUMBNAIL);
     EXPECT_EQ(layers[1]->GetTypeGuid(), KEL::DataTypeMesh::TheTypeGuid());
-}
-
-TEST(DataOptimizer, RgbaTextureOfAnotherPurposeIsKept) {
-    auto atom = std::make_shared<KEL::Atom>(1, 5);
-    auto color = kel_test::MakeTexture(4, 4, 1, KEL::PurposeGuid_PRIMARY_COLOR);
-    atom->AddDataLayer(color, true);
-    atom->AddDataLayer(kel_test::MakeTexture(4, 4, 2, KEL::PurposeGuid_THUMBNAIL), true);
-
-    DataOptimizer::OptimizeAtomData(atom);
-
-    ASSERT_EQ(atom->GetNumDataLayers(), 1U);
-    EXPECT_EQ(atom->GetAllDataLayers()[0], color);
-}
-
-TEST(DataOptimizer, ThumbnailPurposeOnAnotherTypeIsKept) {
-    auto atom = std::make_shared<KEL::Atom>(1, 5);
-    auto mesh = kel_test::MakeMesh(2, 3);
-    mesh->SetPurposeGuid(KEL::PurposeGuid_THUMBNAIL);
-    atom->AddDataLayer(mesh, true);
-
-    DataOptimizer::OptimizeAtomData(atom);
-
-    ASSERT_EQ(atom->GetNumDataLayers(), 1U);
-    EXPECT_EQ(atom->GetAllDataLayers()[0], mesh);
 }
 
 TEST(DataOptimizer, AtomWithoutStreamLevelLayersIsLeftAsItWas) {

@@ -40,83 +40,71 @@ private:
     fs::path previous_;
 };
 
-TEST(DirectoryCandidates, OnlyRegularFilesEndingInLowerCaseKelAreListed) {
-    kel_test::TempDir dir;
-    Touch(dir.Path() / "take.kel");
-    Touch(dir.Path() / "clip.KEL");
-    Touch(dir.Path() / "clip.kel.bak");
-    Touch(dir.Path() / ".kel");
-    Touch(dir.Path() / "notes.txt");
-    fs::create_directory(dir.Path() / "folder.kel");
+class DirectoryCandidates : public ::testing::Test {
+protected:
+    std::vector<std::string> Candidates(const fs::path& dir, bool recursive = false) {
+        return Utils::CollectPotentialKELFilesInDirectory(dir.string(), recursive);
+    }
+    std::vector<std::string> CanonicalPaths(std::initializer_list<fs::path> relative) {
+        std::vector<std::string> paths;
+        for (const auto& path : relative) {
+            paths.push_back(Canonical(root_ / path));
+        }
+        return paths;
+    }
 
-    const auto candidates = Utils::CollectPotentialKELFilesInDirectory(dir.Path().string(), false);
+    kel_test::TempDir dir_;
+    fs::path root_ = dir_.Path();
+};
 
-    EXPECT_EQ(Sorted(candidates), Sorted({Canonical(dir.Path() / ".kel"), Canonical(dir.Path() / "take.kel")}));
+TEST_F(DirectoryCandidates, OnlyRegularFilesEndingInLowerCaseKelAreListed) {
+    for (const char* name : {"take.kel", "clip.KEL", "clip.kel.bak", ".kel", "notes.txt"}) {
+        Touch(root_ / name);
+    }
+    fs::create_directory(root_ / "folder.kel");
+
+    EXPECT_EQ(Sorted(Candidates(root_)), Sorted(CanonicalPaths({".kel", "take.kel"})));
 }
 
-TEST(DirectoryCandidates, SubdirectoriesAreSearchedOnlyWhenRecursive) {
-    kel_test::TempDir dir;
-    Touch(dir.Path() / "top.kel");
-    fs::create_directory(dir.Path() / "sub");
-    Touch(dir.Path() / "sub" / "inner.kel");
+TEST_F(DirectoryCandidates, SubdirectoriesAreSearchedOnlyWhenRecursive) {
+    Touch(root_ / "top.kel");
+    fs::create_directory(root_ / "sub");
+    Touch(root_ / "sub" / "inner.kel");
 
-    EXPECT_EQ(Utils::CollectPotentialKELFilesInDirectory(dir.Path().string(), false),
-              std::vector<std::string>{Canonical(dir.Path() / "top.kel")});
-    EXPECT_EQ(Sorted(Utils::CollectPotentialKELFilesInDirectory(dir.Path().string(), true)),
-              Sorted({Canonical(dir.Path() / "top.kel"), Canonical(dir.Path() / "sub" / "inner.kel")}));
+    EXPECT_EQ(Candidates(root_), CanonicalPaths({"top.kel"}));
+    EXPECT_EQ(Sorted(Candidates(root_, true)), Sorted(CanonicalPaths({"top.kel", "sub/inner.kel"})));
 }
 
-TEST(DirectoryCandidates, LinkToAFileIsListedUnderItsTargetsCanonicalPath) {
-    kel_test::TempDir dir;
-    fs::create_directory(dir.Path() / "store");
-    fs::create_directory(dir.Path() / "scan");
-    Touch(dir.Path() / "store" / "real.data");
-    fs::create_symlink(dir.Path() / "store" / "real.data", dir.Path() / "scan" / "link.kel");
+TEST_F(DirectoryCandidates, LinksAreListedUnderTheirTargetsCanonicalPathOncePerLink) {
+    fs::create_directory(root_ / "store");
+    fs::create_directory(root_ / "scan");
+    Touch(root_ / "store" / "real.data");
+    fs::create_symlink(root_ / "store" / "real.data", root_ / "scan" / "link.kel");
 
-    const auto candidates = Utils::CollectPotentialKELFilesInDirectory((dir.Path() / "scan").string(), false);
+    EXPECT_EQ(Candidates(root_ / "scan"), CanonicalPaths({"store/real.data"}));
 
-    EXPECT_EQ(candidates, std::vector<std::string>{Canonical(dir.Path() / "store" / "real.data")});
+    fs::create_symlink(root_ / "store" / "real.data", root_ / "scan" / "two.kel");
+    EXPECT_EQ(Candidates(root_ / "scan"), CanonicalPaths({"store/real.data", "store/real.data"}));
 }
 
-TEST(DirectoryCandidates, TwoLinksToOneFileGiveItsPathTwice) {
-    kel_test::TempDir dir;
-    fs::create_directory(dir.Path() / "scan");
-    Touch(dir.Path() / "real.data");
-    fs::create_symlink(dir.Path() / "real.data", dir.Path() / "scan" / "one.kel");
-    fs::create_symlink(dir.Path() / "real.data", dir.Path() / "scan" / "two.kel");
+TEST_F(DirectoryCandidates, RelativeDirectoryThroughALinkGivesCanonicalPaths) {
+    fs::create_directory(root_ / "real");
+    Touch(root_ / "real" / "a.kel");
+    fs::create_directory_symlink(root_ / "real", root_ / "alias");
+    WorkingDirectory cwd(root_);
 
-    const auto candidates = Utils::CollectPotentialKELFilesInDirectory((dir.Path() / "scan").string(), false);
+    const auto candidates = Candidates("alias");
 
-    EXPECT_EQ(candidates, std::vector<std::string>(2, Canonical(dir.Path() / "real.data")));
-}
-
-TEST(DirectoryCandidates, RelativeDirectoryThroughALinkGivesCanonicalPaths) {
-    kel_test::TempDir dir;
-    fs::create_directory(dir.Path() / "real");
-    Touch(dir.Path() / "real" / "a.kel");
-    fs::create_directory_symlink(dir.Path() / "real", dir.Path() / "alias");
-    WorkingDirectory cwd(dir.Path());
-
-    const auto candidates = Utils::CollectPotentialKELFilesInDirectory("alias", false);
-
-    EXPECT_EQ(candidates, std::vector<std::string>{Canonical(dir.Path() / "real" / "a.kel")});
+    EXPECT_EQ(candidates, CanonicalPaths({"real/a.kel"}));
     ASSERT_EQ(candidates.size(), 1U);
     EXPECT_TRUE(fs::path(candidates[0]).is_absolute());
 }
 
-TEST(DirectoryCandidates, DanglingLinkRaisesAFilesystemError) {
-    kel_test::TempDir dir;
-    fs::create_symlink(dir.Path() / "gone.data", dir.Path() / "broken.kel");
+TEST_F(DirectoryCandidates, DanglingLinkOrMissingDirectoryRaisesAFilesystemError) {
+    EXPECT_THROW(Candidates(root_ / "nope"), boost::filesystem::filesystem_error);
 
-    EXPECT_THROW(Utils::CollectPotentialKELFilesInDirectory(dir.Path().string(), false),
-                 boost::filesystem::filesystem_error);
-}
-
-TEST(DirectoryCandidates, MissingDirectoryRaisesAFilesystemError) {
-    kel_test::TempDir dir;
-
-    EXPECT_THROW(Utils::CollectPotentialKELFilesInDirectory((dir.Path() / "nope").string(), false),
-                 boost::filesystem::filesystem_error);
+    fs::create_symlink(root_ / "gone.data", root_ / "broken.kel");
+    EXPECT_THROW(Candidates(root_), boost::filesystem::filesystem_error);
 }
 
 TEST(DirectoryReaders, DirectoryWithoutCandidatesLogsAndGivesFour) {
@@ -138,11 +126,8 @@ TEST(DirectoryReaders, DirectoryWithoutCandidatesLogsAndGivesFour) {
 TEST(DirectoryReaders, CorruptSecondFileStopsTheScanWithItsCode) {
     kel_test::TempDir dir;
     kel_test::WriteRecording(dir.File("a.kel"), {{1, 2}});
-    std::ofstream(dir.File("b.kel")) << "this is not a container";
+    const KEL::KelErrorCode expected = kel_test::WriteNonContainer(dir.File("b.kel"));
     std::ofstream(dir.File("c.kel")) << "neither is this one, and it must never be opened";
-    KEL::ReadKEL2File direct(dir.File("b.kel").c_str());
-    const KEL::KelErrorCode expected = direct.Initialize();
-    ASSERT_NE(expected, KEL::KEL_OK);
     Kel2File::SourceKEL2MultiFileAppend sequential;
     std::vector<std::shared_ptr<KEL::ReadKEL2File>> readers;
     KelCommon::ScopedLogCapture capture;

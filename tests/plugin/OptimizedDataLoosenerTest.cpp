@@ -37,26 +37,47 @@ protected:
     OptimizedDataLoosener loosener_{first_, streamInfo_};
 };
 
-TEST_F(OptimizedDataLoosenerTest, AtomWithItsOwnStaticInfoKeepsIt) {
-    auto atom = kel_test::MakeFrameAtom(4, 3);
-    auto own = std::make_shared<KEL::DataTypeStaticInfo>(std::map<std::string, std::string>{{"rig", "own"}});
-    atom->AddDataLayer(own, true);
+// A later atom with some layers of its own: after loosening it holds exactly
+// one layer of the type, its own where it has one, else the first atom's
+// (the cached one for stream information).
+TEST_F(OptimizedDataLoosenerTest, LaterAtomEndsWithExactlyOneLayerOfEachRestoredType) {
+    using Layers = std::vector<std::shared_ptr<KEL::DataLayer>>;
+    const auto ownStatic =
+        std::make_shared<KEL::DataTypeStaticInfo>(std::map<std::string, std::string>{{"rig", "own"}});
+    const auto staticType = KEL::DataTypeStaticInfo::TheTypeGuid();
+    const auto streamInfoType = KEL::DataTypeStreamInfo::TheTypeGuid();
+    const struct {
+        const char* what;
+        Layers own;
+        KelCommon::Guid type;
+        std::shared_ptr<KEL::DataLayer> expected;  // empty: the atom's own camera parameters
+    } cases[] = {
+        {"its own static information is kept", {ownStatic}, staticType, ownStatic},
+        {"missing static information is the first atom's object",
+         {},
+         staticType,
+         first_->GetDataLayerByType(staticType, false)},
+        {"two stream information layers leave the cached one",
+         {std::make_shared<KEL::DataTypeStreamInfo>(1), std::make_shared<KEL::DataTypeStreamInfo>(2)},
+         streamInfoType,
+         streamInfo_},
+        {"missing stream information is the cached one", {}, streamInfoType, streamInfo_},
+        {"version two camera parameters are not replaced", {}, KEL::DataTypeCameraParams::TheTypeGuid(), nullptr},
+    };
+    for (const auto& entry : cases) {
+        SCOPED_TRACE(entry.what);
+        auto atom = kel_test::MakeFrameAtom(4, 3);
+        for (const auto& layer : entry.own) {
+            atom->AddDataLayer(layer, true);
+        }
+        const auto expected = entry.expected ? entry.expected : atom->GetDataLayerByType(entry.type, false);
 
-    loosener_.LoosenOptimizedDataToAtom(atom);
+        loosener_.LoosenOptimizedDataToAtom(atom);
 
-    const auto infos = LayersOfType(*atom, KEL::DataTypeStaticInfo::TheTypeGuid());
-    ASSERT_EQ(infos.size(), 1U);
-    EXPECT_EQ(infos[0], own);
-}
-
-TEST_F(OptimizedDataLoosenerTest, AtomLackingStaticInfoGetsTheFirstAtomsObject) {
-    auto atom = kel_test::MakeFrameAtom(4, 3);
-
-    loosener_.LoosenOptimizedDataToAtom(atom);
-
-    const auto infos = LayersOfType(*atom, KEL::DataTypeStaticInfo::TheTypeGuid());
-    ASSERT_EQ(infos.size(), 1U);
-    EXPECT_EQ(infos[0], first_->GetDataLayerByType(KEL::DataTypeStaticInfo::TheTypeGuid(), false));
+        const auto layers = LayersOfType(*atom, entry.type);
+        ASSERT_EQ(layers.size(), 1U);
+        EXPECT_EQ(layers[0], expected);
+    }
 }
 
 TEST_F(OptimizedDataLoosenerTest, NoThumbnailInFirstAtomMeansNoneIsAdded) {
@@ -79,28 +100,6 @@ TEST_F(OptimizedDataLoosenerTest, FirstAtomsThumbnailIsAddedToAtomsWithout) {
               thumbnail);
 }
 
-TEST_F(OptimizedDataLoosenerTest, TwoStreamInfoLayersLeaveExactlyTheCachedOne) {
-    auto atom = kel_test::MakeFrameAtom(4, 3);
-    atom->AddDataLayer(std::make_shared<KEL::DataTypeStreamInfo>(1), true);
-    atom->AddDataLayer(std::make_shared<KEL::DataTypeStreamInfo>(2), true);
-
-    loosener_.LoosenOptimizedDataToAtom(atom);
-
-    const auto infos = LayersOfType(*atom, KEL::DataTypeStreamInfo::TheTypeGuid());
-    ASSERT_EQ(infos.size(), 1U);
-    EXPECT_EQ(infos[0], streamInfo_);
-}
-
-TEST_F(OptimizedDataLoosenerTest, AtomWithoutStreamInfoGetsTheCachedOne) {
-    auto atom = kel_test::MakeFrameAtom(4, 3);
-
-    loosener_.LoosenOptimizedDataToAtom(atom);
-
-    const auto infos = LayersOfType(*atom, KEL::DataTypeStreamInfo::TheTypeGuid());
-    ASSERT_EQ(infos.size(), 1U);
-    EXPECT_EQ(infos[0], streamInfo_);
-}
-
 TEST_F(OptimizedDataLoosenerTest, LooseningTheFirstAtomOnlyReplacesItsStreamInfo) {
     const auto before = first_->GetAllDataLayers();
 
@@ -116,17 +115,6 @@ TEST_F(OptimizedDataLoosenerTest, LooseningTheFirstAtomOnlyReplacesItsStreamInfo
     }
     expected.push_back(streamInfo_);
     EXPECT_EQ(after, expected);
-}
-
-TEST_F(OptimizedDataLoosenerTest, VersionTwoCameraParamsAreNotReplaced) {
-    auto atom = kel_test::MakeFrameAtom(4, 3);
-    const auto ownCamera = atom->GetDataLayerByType(KEL::DataTypeCameraParams::TheTypeGuid(), false);
-
-    loosener_.LoosenOptimizedDataToAtom(atom);
-
-    const auto cameras = LayersOfType(*atom, KEL::DataTypeCameraParams::TheTypeGuid());
-    ASSERT_EQ(cameras.size(), 1U);
-    EXPECT_EQ(cameras[0], ownCamera);
 }
 
 TEST_F(OptimizedDataLoosenerTest, OptimizeThenLoosenRestoresTheFirstAtomsLayers) {

@@ -4,16 +4,32 @@
 #include <KEL/DataTypeCylinderCrop.h>
 #include <KEL/DataTypeRecordingInfo.h>
 #include <KEL/DataTypeStaticInfo.h>
+#include <KEL/Graph.h>
+#include <KEL/ReadKEL2File.h>
 #include <KEL/SerializeToKel.h>
+#include <KelCommon/Logger.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
 #include <stdexcept>
 
 #include "optimization/DataOptimizer.h"
 #include "support/TestSupport.h"
 
 namespace kel_test {
+
+namespace {
+
+std::string Substitute(std::string text, const std::string& value) {
+    if (const auto at = text.find("%s"); at != std::string::npos) {
+        text.replace(at, 2, value);
+    }
+    return text;
+}
+
+}  // namespace
 
 std::shared_ptr<KEL::Atom> MakeRecordedAtom(std::uint16_t stream, std::uint32_t frame, std::uint32_t numFrames,
                                             const RecordingOptions& options) {
@@ -71,6 +87,26 @@ void CorruptAtMarker(const std::string& path, const std::string& marker) {
     FlipByte(path, static_cast<std::uint64_t>(it - bytes.begin()), 0x20);
 }
 
+void CorruptFirstAtom(const std::string& path, const std::string& take, std::uint16_t stream, std::uint32_t frames) {
+    CorruptAtMarker(path, take + "-" + std::to_string(stream) + "-0-MARK");
+    KEL::ReadKEL2File probe(path.c_str());
+    ASSERT_EQ(probe.Initialize(), 0U) << path;
+    ASSERT_EQ(probe.GetNumFrames(stream), frames) << path;
+    ASSERT_EQ(probe.GetFirstFrameAtom(stream), nullptr) << path;
+}
+
+KEL::KelErrorCode WriteNonContainer(const std::string& path) {
+    std::ofstream(path) << "plain text, not a container";
+    const KEL::KelErrorCode code = ReaderOpenCode(path);
+    EXPECT_NE(code, KEL::KEL_OK) << path;
+    return code;
+}
+
+KEL::KelErrorCode ReaderOpenCode(const std::string& path) {
+    KEL::ReadKEL2File reader(path.c_str());
+    return reader.Initialize();
+}
+
 void SetParam(KEL::Filter& filter, const std::string& name, const std::string& value) {
     auto param = filter.FindParam(name);
     ASSERT_NE(param, nullptr) << name;
@@ -99,6 +135,115 @@ PushResult PushFrame(KEL::Source& source, std::uint32_t frameNr) {
     result.code = source.pushDataToOutput(frameNr);
     result.atoms = source.TakeOutputQueue();
     return result;
+}
+
+SourceUnderTest::SourceUnderTest(Creator creator, std::string pathParam)
+    : source_(static_cast<KEL::Source*>(creator())), pathParam_(std::move(pathParam)) {}
+
+KEL::KelErrorCode SourceUnderTest::Open(const std::string& path,
+                                        const std::vector<std::pair<std::string, std::string>>& extra) {
+    EXPECT_EQ(source_->onInitializeParams(nullptr), 0U);
+    SetParam(*source_, pathParam_, path);
+    for (const auto& [name, value] : extra) {
+        SetParam(*source_, name, value);
+    }
+    return source_->onInitialize(nullptr);
+}
+
+void SourceUnderTest::ExpectClosed() {
+    EXPECT_EQ(source_->GetOutputNumStreams(), 0U);
+    EXPECT_TRUE(source_->GetStreamIds().empty());
+    EXPECT_EQ(source_->GetStreamInfo(), nullptr);
+    EXPECT_EQ(source_->GetOutputProfile(), nullptr);
+    EXPECT_EQ(PushFrame(*source_, 0).code, 1U);
+}
+
+void CheckInitFailure(SourceUnderTest::Creator creator, const std::string& pathParam, const InitFailureCase& failure) {
+    TempDir dir;
+    SourceUnderTest source(creator, pathParam);
+    const std::string value = failure.prepare(dir);
+    ASSERT_FALSE(::testing::Test::HasFatalFailure());
+    KelCommon::ScopedLogCapture capture;
+
+    const KEL::KelErrorCode code = source.Open(value, failure.extraParams);
+
+    if (failure.code) {
+        EXPECT_EQ(code, *failure.code);
+    } else {
+        EXPECT_NE(code, KEL::KEL_OK);
+    }
+    if (!failure.readerCodeOf.empty()) {
+        EXPECT_EQ(code, ReaderOpenCode(dir.File(failure.readerCodeOf)));
+    }
+    EXPECT_EQ(source->GetLastErrorMessage(), Substitute(failure.message, value));
+    if (!failure.log.empty()) {
+        EXPECT_EQ(capture.Count(Substitute(failure.log, value)), 1U);
+    }
+    source.ExpectClosed();
+}
+
+std::function<std::string(const TempDir& dir)> WriteFiles(
+    std::vector<FileSpec> files, std::vector<std::pair<std::string, std::uint16_t>> unreadableFirstAtoms,
+    std::string result) {
+    return [files = std::move(files), unreadable = std::move(unreadableFirstAtoms),
+            result = std::move(result)](const TempDir& dir) {
+        for (const auto& file : files) {
+            WriteRecording(dir.File(file.name), file.streams, file.options);
+        }
+        for (const auto& [name, stream] : unreadable) {
+            const auto file = std::ranges::find(files, name, &FileSpec::name);
+            const auto spec = std::ranges::find(file->streams, stream, &StreamSpec::stream);
+            CorruptFirstAtom(dir.File(name), file->options.take, stream, spec->frames);
+        }
+        return result.empty() ? dir.Path().string() : dir.File(result);
+    };
+}
+
+std::vector<InitFailureCase> DirectoryOpenFailureCases() {
+    const std::string missing = "Directory '%s' does not exist";
+    const std::string collectFailed = "Failed to collect kel files from '%s' directory";
+    const auto withoutContainers = [](const TempDir& dir) {
+        std::ofstream(dir.File("a.KEL")) << "x";
+        std::ofstream(dir.File("notes.txt")) << "x";
+        std::filesystem::create_directory(dir.Path() / "b.kel");
+        return dir.Path().string();
+    };
+    const auto corrupt = [](const TempDir& dir) {
+        WriteRecording(dir.File("a.kel"), {{1, 2}});
+        WriteNonContainer(dir.File("b.kel"));
+        return dir.Path().string();
+    };
+    return {
+        {"MissingDirectoryFailsWithCodeOne", [](const TempDir& dir) { return dir.File("absent"); },
+         KEL::KEL_ERR_NOT_FOUND, missing},
+        {"FileInsteadOfDirectoryFailsWithCodeOne", WriteFiles({{"a.kel", {{1, 2}}}}, {}, "a.kel"),
+         KEL::KEL_ERR_NOT_FOUND, missing},
+        {"DirectoryWithoutContainersFailsWithCodeFour", withoutContainers, KEL::KEL_ERR_INVALID, collectFailed,
+         "Directory '%s' does not contain a sequence of files"},
+        {"CorruptFileFailsWithTheReadersCode", corrupt, {}, collectFailed, "", "b.kel"},
+    };
+}
+
+GraphPlayback PlayThroughGraph(SourceUnderTest::Creator creator, const std::string& param, const std::string& value) {
+    GraphPlayback playback;
+    KEL::Graph graph;
+    auto* source = graph.AddFilter(std::unique_ptr<KEL::Filter>(creator()), "source");
+    auto* target = static_cast<CollectingTarget*>(graph.AddFilter(std::make_unique<CollectingTarget>(), "collect"));
+    if (source == nullptr || target == nullptr) {
+        ADD_FAILURE() << "the graph refused a filter";
+        return playback;
+    }
+    SetParam(*source, param, value);
+    std::string error;
+    if (graph.Connect(source, target) != 0U || graph.Initialize(&error) != 0U) {
+        ADD_FAILURE() << "the graph did not start: " << error;
+        return playback;
+    }
+    const auto result = graph.Run();
+    EXPECT_TRUE(result.Ok()) << result.message;
+    playback.atoms = target->atoms;
+    playback.streamInfo = static_cast<KEL::Source*>(source)->GetStreamInfo();
+    return playback;
 }
 
 }  // namespace kel_test

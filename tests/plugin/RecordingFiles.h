@@ -5,14 +5,21 @@
 // with its stream-level layers optimized away.
 
 #include <KEL/Atom.h>
+#include <KEL/DataTypeStreamInfo.h>
 #include <KEL/Filter.h>
+#include <KEL/KelErrorCode.h>
 #include <KEL/Source.h>
 #include <KEL/Target.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "support/TestSupport.h"
 
 namespace kel_test {
 
@@ -56,6 +63,18 @@ void WriteRecording(const std::string& path, const std::vector<StreamSpec>& stre
 // when the marker is absent.
 void CorruptAtMarker(const std::string& path, const std::string& marker);
 
+// Flips a byte inside the first atom of `stream` (its marker is
+// take-stream-0-MARK) and checks that a reader still opens the file and
+// counts `frames` frames for the stream but cannot read its first atom.
+void CorruptFirstAtom(const std::string& path, const std::string& take, std::uint16_t stream, std::uint32_t frames);
+
+// Writes text that is not a container at `path` and returns the code the
+// host's reader gives for it (never 0).
+KEL::KelErrorCode WriteNonContainer(const std::string& path);
+
+// The code the host's reader gives when asked to open `path`.
+KEL::KelErrorCode ReaderOpenCode(const std::string& path);
+
 // Sets a parameter from text; fails the current test when refused.
 void SetParam(KEL::Filter& filter, const std::string& name, const std::string& value);
 
@@ -72,6 +91,85 @@ struct PushResult {
     std::vector<std::shared_ptr<KEL::Atom>> atoms;
 };
 PushResult PushFrame(KEL::Source& source, std::uint32_t frameNr);
+
+// A source made by its exported creator, held as the host's Source.
+class SourceUnderTest {
+public:
+    using Creator = KEL::Filter* (*)();
+    SourceUnderTest(Creator creator, std::string pathParam);
+
+    // Creates the parameters, sets the path parameter to `path` and any
+    // `extra` ones, and returns what onInitialize returns.
+    KEL::KelErrorCode Open(const std::string& path, const std::vector<std::pair<std::string, std::string>>& extra = {});
+    // Checks that nothing is open: no streams, no stream information or
+    // profile, and a frame request pushes nothing.
+    void ExpectClosed();
+
+    KEL::Source* operator->() const { return source_.get(); }
+    KEL::Source& operator*() const { return *source_; }
+
+private:
+    std::unique_ptr<KEL::Source> source_;
+    std::string pathParam_;
+};
+
+// One way for a source's initialisation to fail. "%s" in `message` and `log`
+// stands for the value given to the path parameter.
+struct InitFailureCase {
+    const char* name = "";
+    // Writes the files into the scratch directory and returns the value for
+    // the path parameter.
+    std::function<std::string(const TempDir& dir)> prepare = {};
+    // The code onInitialize must return (any non-zero code when empty).
+    std::optional<KEL::KelErrorCode> code = {};
+    std::string message = {};
+    // A line that must be logged exactly once (none when empty).
+    std::string log = {};
+    // A file of the directory whose own reader code onInitialize must return.
+    std::string readerCodeOf = {};
+    std::vector<std::pair<std::string, std::string>> extraParams = {};
+};
+
+// Prepares a fresh scratch directory and source, initialises, checks the
+// outcome against `failure` and that the source is left closed.
+void CheckInitFailure(SourceUnderTest::Creator creator, const std::string& pathParam, const InitFailureCase& failure);
+
+// One file of a directory: its name, streams and recording options.
+struct FileSpec {
+    std::string name;
+    std::vector<StreamSpec> streams = {};
+    RecordingOptions options = {};
+};
+
+// A `prepare` step for InitFailureCase: writes `files` into the directory,
+// makes the first atom of each (file name, stream) in `unreadableFirstAtoms`
+// unreadable (CorruptFirstAtom), and returns the path of file `result`, or of
+// the directory when `result` is empty.
+std::function<std::string(const TempDir& dir)> WriteFiles(
+    std::vector<FileSpec> files, std::vector<std::pair<std::string, std::uint16_t>> unreadableFirstAtoms = {},
+    std::string result = "");
+
+// The failures that both directory sources report the same way before they
+// look into any file: a missing directory, a file given as the directory, a
+// directory without candidates, a file that does not open.
+std::vector<InitFailureCase> DirectoryOpenFailureCases();
+
+// Names parameterized test cases after their `name` member.
+struct CaseName {
+    template <class Info>
+    std::string operator()(const Info& info) const {
+        return info.param.name;
+    }
+};
+
+// What a source made by `creator` delivers when a real graph plays it into a
+// collecting target with `param` set to `value`, and the stream information
+// the source announced.
+struct GraphPlayback {
+    std::vector<std::shared_ptr<KEL::Atom>> atoms;
+    std::shared_ptr<KEL::DataTypeStreamInfo> streamInfo;
+};
+GraphPlayback PlayThroughGraph(SourceUnderTest::Creator creator, const std::string& param, const std::string& value);
 
 // A target that keeps every atom it receives, for driving sources through a
 // real graph.

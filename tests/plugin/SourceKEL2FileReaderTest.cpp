@@ -1,13 +1,10 @@
 #include <KEL/DataTypeStaticInfo.h>
 #include <KEL/DataTypeStreamInfo.h>
 #include <KEL/FilterFactory.h>
-#include <KEL/Graph.h>
 #include <KEL/KelErrorCode.h>
 #include <KelCommon/Logger.h>
 #include <KelCommon/VarManager.h>
 #include <gtest/gtest.h>
-
-#include <fstream>
 
 #include "plugin/RecordingFiles.h"
 #include "sources/SourceKEL2FileReader.h"
@@ -16,96 +13,54 @@
 namespace {
 
 using Kel2File::SourceKEL2FileReader;
+using Ids = std::vector<std::uint32_t>;
+using kel_test::WriteFiles;
+const std::vector<kel_test::StreamSpec> kFourStreams = {{0, 3}, {1, 3}, {2, 3}, {3, 3}};
+const std::string kNoIncludedStreams = "There are no included file streams";
+
 
 class SingleFileSourceTest : public ::testing::Test {
 protected:
     KEL::KelErrorCode Open(const std::string& path, const std::string& included = "") {
-        EXPECT_EQ(source_->onInitializeParams(nullptr), 0U);
-        kel_test::SetParam(*source_, "KEL File Path", path);
-        kel_test::SetParam(*source_, "Included streams", included);
-        return source_->onInitialize(nullptr);
-    }
-
-    std::vector<std::uint32_t> OpenStreams(const std::string& included) {
-        EXPECT_EQ(Open(file_, included), 0U) << source_->GetLastErrorMessage();
-        return source_->GetStreamIds();
-    }
-
-    void ExpectClosed() {
-        EXPECT_EQ(source_->GetOutputNumStreams(), 0U);
-        EXPECT_TRUE(source_->GetStreamIds().empty());
-        EXPECT_EQ(source_->GetStreamInfo(), nullptr);
-        EXPECT_EQ(source_->GetOutputProfile(), nullptr);
-        EXPECT_EQ(kel_test::PushFrame(*source_, 0).code, 1U);
+        return source_.Open(path, {{"Included streams", included}});
     }
 
     kel_test::TempDir dir_;
     std::string file_ = dir_.File("rec.kel");
-    std::unique_ptr<SourceKEL2FileReader> source_{
-        static_cast<SourceKEL2FileReader*>(SourceKEL2FileReaderFilterCreator())};
+    kel_test::SourceUnderTest source_{SourceKEL2FileReaderFilterCreator, "KEL File Path"};
 };
 
-class IncludedStreamsTest : public SingleFileSourceTest {
-protected:
-    void SetUp() override { kel_test::WriteRecording(file_, {{0, 3}, {1, 3}, {2, 3}, {3, 3}}); }
-    KelCommon::ScopedLogCapture capture_;
+// How one "Included streams" text selects among streams 0 to 3 of a file.
+struct IncludedStreamsCase {
+    const char* name;
+    const char* text;
+    Ids included;
+    // Lines that must each be logged once.
+    std::vector<std::string> logged;
+    // How many "Failed to parse" lines there are in all (unchecked when -1).
+    int parseFailures;
 };
 
-TEST_F(IncludedStreamsTest, ListedStreamsAreIncludedInFileOrder) {
-    EXPECT_EQ(OpenStreams("3, 1"), (std::vector<std::uint32_t>{1, 3}));
-    EXPECT_EQ(source_->GetOutputNumStreams(), 2U);
-}
+class IncludedStreamsTest : public SingleFileSourceTest, public ::testing::WithParamInterface<IncludedStreamsCase> {};
 
-TEST_F(IncludedStreamsTest, PieceThatIsNotANumberIsLoggedAndSkipped) {
-    EXPECT_EQ(OpenStreams("x,2"), (std::vector<std::uint32_t>{2}));
-    EXPECT_EQ(capture_.Count("Failed to parse 'included stream Id' from string 'x', skipping"), 1U);
-    EXPECT_EQ(capture_.CountContaining("Failed to parse"), 1U);
-}
-
-TEST_F(IncludedStreamsTest, EmptyPieceBetweenCommasIsLoggedOnce) {
-    EXPECT_EQ(OpenStreams("1,,2"), (std::vector<std::uint32_t>{1, 2}));
-    EXPECT_EQ(capture_.Count("Failed to parse 'included stream Id' from string '', skipping"), 1U);
-    EXPECT_EQ(capture_.CountContaining("Failed to parse"), 1U);
-}
-
-TEST_F(IncludedStreamsTest, NumberFollowedByTextCountsAsTheNumber) {
-    EXPECT_EQ(OpenStreams("2abc"), (std::vector<std::uint32_t>{2}));
-    EXPECT_EQ(capture_.CountContaining("Failed to parse"), 0U);
-}
-
-TEST_F(IncludedStreamsTest, NumberOutsideIntRangeIsSkipped) {
-    EXPECT_EQ(OpenStreams("99999999999,0"), (std::vector<std::uint32_t>{0}));
-    EXPECT_EQ(capture_.Count("Failed to parse 'included stream Id' from string '99999999999', skipping"), 1U);
-}
-
-TEST_F(IncludedStreamsTest, StreamIdKeepsTheLowSixteenBits) {
-    EXPECT_EQ(OpenStreams("65537"), (std::vector<std::uint32_t>{1}));
-}
-
-TEST_F(IncludedStreamsTest, SurroundingWhiteSpaceIsTrimmed) {
-    EXPECT_EQ(OpenStreams("  2,3  "), (std::vector<std::uint32_t>{2, 3}));
-    EXPECT_EQ(capture_.CountContaining("Failed to parse"), 0U);
-}
-
-TEST_F(IncludedStreamsTest, VariablesAreExpanded) {
+TEST_P(IncludedStreamsTest, SelectsTheStreamsInFileOrderAndLogsWhatItSkips) {
+    const auto& param = GetParam();
+    kel_test::WriteRecording(file_, kFourStreams);
     KelCommon::VarManager::getInstance().setVar("KEL2FILE_TEST_STREAMS", "0,2");
+    KelCommon::ScopedLogCapture capture;
 
-    EXPECT_EQ(OpenStreams("${KEL2FILE_TEST_STREAMS}"), (std::vector<std::uint32_t>{0, 2}));
+    ASSERT_EQ(Open(file_, param.text), 0U) << source_->GetLastErrorMessage();
 
     KelCommon::VarManager::getInstance().unsetVar("KEL2FILE_TEST_STREAMS");
-}
-
-TEST_F(IncludedStreamsTest, NoValidIdIncludesEveryStream) {
-    EXPECT_EQ(OpenStreams("x"), (std::vector<std::uint32_t>{0, 1, 2, 3}));
-    EXPECT_EQ(capture_.Count("All file streams will be included"), 1U);
-}
-
-TEST_F(IncludedStreamsTest, EmptyValueIncludesEveryStream) {
-    EXPECT_EQ(OpenStreams(""), (std::vector<std::uint32_t>{0, 1, 2, 3}));
-    // An empty text is one empty piece, reported like any other.
-    EXPECT_EQ(capture_.Count("Failed to parse 'included stream Id' from string '', skipping"), 1U);
-    ASSERT_EQ(capture_.Count("All file streams will be included"), 1U);
-    for (const auto& record : capture_.Records()) {
+    EXPECT_EQ(source_->GetStreamIds(), param.included);
+    EXPECT_EQ(source_->GetOutputNumStreams(), param.included.size());
+    for (const auto& line : param.logged) {
+        EXPECT_EQ(capture.Count(line), 1U) << line;
+    }
+    if (param.parseFailures >= 0) {
+        EXPECT_EQ(capture.CountContaining("Failed to parse"), static_cast<std::size_t>(param.parseFailures));
+    }
+    for (const auto& record : capture.Records()) {
         if (record.message == "All file streams will be included") {
             EXPECT_EQ(record.level, 6);
             EXPECT_EQ(record.tag, "KEL2File");
@@ -113,81 +68,77 @@ TEST_F(IncludedStreamsTest, EmptyValueIncludesEveryStream) {
     }
 }
 
-TEST_F(IncludedStreamsTest, StreamMissingFromTheFileFailsInitialisation) {
-    EXPECT_EQ(Open(file_, "7"), KEL::KEL_ERR_INVALID);
-    EXPECT_EQ(source_->GetLastErrorMessage(), "There are no included file streams");
-    ExpectClosed();
+std::string SkippedPiece(const std::string& piece) {
+    return "Failed to parse 'included stream Id' from string '" + piece + "', skipping";
 }
 
-TEST_F(SingleFileSourceTest, MissingFileFailsWithTheReadersCode) {
-    const std::string missing = dir_.File("missing.kel");
-    KEL::ReadKEL2File direct(missing.c_str());
-    const KEL::KelErrorCode expected = direct.Initialize();
+INSTANTIATE_TEST_SUITE_P(
+    Texts, IncludedStreamsTest,
+    ::testing::Values(
+        IncludedStreamsCase{"ListedStreamsAreIncludedInFileOrder", "3, 1", {1, 3}, {}, 0},
+        IncludedStreamsCase{"PieceThatIsNotANumberIsLoggedAndSkipped", "x,2", {2}, {SkippedPiece("x")}, 1},
+        IncludedStreamsCase{"EmptyPieceBetweenCommasIsLoggedOnce", "1,,2", {1, 2}, {SkippedPiece("")}, 1},
+        IncludedStreamsCase{"NumberFollowedByTextCountsAsTheNumber", "2abc", {2}, {}, 0},
+        IncludedStreamsCase{"NumberOutsideIntRangeIsSkipped", "99999999999,0", {0}, {SkippedPiece("99999999999")}, 1},
+        IncludedStreamsCase{"StreamIdKeepsTheLowSixteenBits", "65537", {1}, {}, -1},
+        IncludedStreamsCase{"SurroundingWhiteSpaceIsTrimmed", "  2,3  ", {2, 3}, {}, 0},
+        IncludedStreamsCase{"VariablesAreExpanded", "${KEL2FILE_TEST_STREAMS}", {0, 2}, {}, -1},
+        IncludedStreamsCase{
+            "NoValidIdIncludesEveryStream", "x", {0, 1, 2, 3}, {"All file streams will be included"}, -1},
+        // An empty text is one empty piece, reported like any other.
+        IncludedStreamsCase{"EmptyValueIncludesEveryStream",
+                            "",
+                            {0, 1, 2, 3},
+                            {SkippedPiece(""), "All file streams will be included"},
+                            1}),
+    kel_test::CaseName());
 
-    EXPECT_EQ(Open(missing), expected);
-    EXPECT_EQ(expected, KEL::KEL_ERR_NOT_FOUND);
-    EXPECT_EQ(source_->GetLastErrorMessage(), "Failed to open file '" + missing + "'");
-    ExpectClosed();
+class SingleFileSourceInitFailureTest : public ::testing::TestWithParam<kel_test::InitFailureCase> {};
+
+TEST_P(SingleFileSourceInitFailureTest, ReportsTheErrorAndLeavesTheSourceClosed) {
+    kel_test::CheckInitFailure(SourceKEL2FileReaderFilterCreator, "KEL File Path", GetParam());
 }
 
-TEST_F(SingleFileSourceTest, FileThatIsNotAContainerFailsWithTheReadersCode) {
-    std::ofstream(file_) << "plain text, not a container";
-    KEL::ReadKEL2File direct(file_.c_str());
-    const KEL::KelErrorCode expected = direct.Initialize();
-    ASSERT_NE(expected, KEL::KEL_OK);
-
-    EXPECT_EQ(Open(file_), expected);
-    EXPECT_EQ(source_->GetLastErrorMessage(), "Failed to open file '" + file_ + "'");
-    ExpectClosed();
-}
-
-TEST_F(SingleFileSourceTest, EmptyContainerHasNoIncludedStreams) {
-    kel_test::WriteRecording(file_, {});
-
-    EXPECT_EQ(Open(file_), KEL::KEL_ERR_INVALID);
-    EXPECT_EQ(source_->GetLastErrorMessage(), "There are no included file streams");
-    ExpectClosed();
-}
-
-TEST_F(SingleFileSourceTest, FirstAtomWithoutStreamInfoFailsInitialisation) {
-    kel_test::RecordingOptions options;
-    options.withoutStreamInfo = true;
-    kel_test::WriteRecording(file_, {{1, 3}}, options);
-    KelCommon::ScopedLogCapture capture;
-
-    EXPECT_EQ(Open(file_), KEL::KEL_ERR_INVALID);
-    EXPECT_EQ(source_->GetLastErrorMessage(), "Failed to extract stream info for the '" + file_ + "' file");
-    EXPECT_EQ(capture.Count("The atom lacks stream info data layer"), 1U);
-    ExpectClosed();
-}
-
-TEST_F(SingleFileSourceTest, UnreadableFirstAtomOfTheFirstStreamFailsInitialisation) {
-    kel_test::WriteRecording(file_, {{1, 3}, {2, 3}});
-    kel_test::CorruptAtMarker(file_, "take-1-0-MARK");
-    KEL::ReadKEL2File probe(file_.c_str());
-    ASSERT_EQ(probe.Initialize(), 0U);
-    ASSERT_EQ(probe.GetNumFrames(1), 3U);
-    ASSERT_EQ(probe.GetFirstFrameAtom(1), nullptr);
-
-    EXPECT_EQ(Open(file_, "2"), KEL::KEL_ERR_INVALID);
-    EXPECT_EQ(source_->GetLastErrorMessage(), "There is no 'first' atom in the '" + file_ + "' file");
-    ExpectClosed();
-}
-
-TEST_F(SingleFileSourceTest, UnreadableFirstAtomOfAnIncludedStreamFailsLoosenerSetup) {
-    kel_test::WriteRecording(file_, {{1, 3}, {2, 3}});
-    kel_test::CorruptAtMarker(file_, "take-2-0-MARK");
-    KEL::ReadKEL2File probe(file_.c_str());
-    ASSERT_EQ(probe.Initialize(), 0U);
-    ASSERT_EQ(probe.GetNumFrames(2), 3U);
-    ASSERT_EQ(probe.GetFirstFrameAtom(2), nullptr);
-    KelCommon::ScopedLogCapture capture;
-
-    EXPECT_EQ(Open(file_), KEL::KEL_ERR_INVALID);
-    EXPECT_EQ(source_->GetLastErrorMessage(), "Failed to setup data looseners");
-    EXPECT_EQ(capture.Count("There is no 'first' atom in the '2' stream, can not setup optimized data loosener"), 1U);
-    ExpectClosed();
-}
+INSTANTIATE_TEST_SUITE_P(
+    Files, SingleFileSourceInitFailureTest,
+    ::testing::Values(
+        kel_test::InitFailureCase{"StreamMissingFromTheFileFailsInitialisation",
+                                  WriteFiles({{"rec.kel", kFourStreams}}, {}, "rec.kel"),
+                                  KEL::KEL_ERR_INVALID,
+                                  kNoIncludedStreams,
+                                  "",
+                                  "",
+                                  {{"Included streams", "7"}}},
+        kel_test::InitFailureCase{"MissingFileFailsWithTheReadersCode",
+                                  [](const kel_test::TempDir& dir) { return dir.File("missing.kel"); },
+                                  KEL::KEL_ERR_NOT_FOUND, "Failed to open file '%s'", "", "missing.kel"},
+        kel_test::InitFailureCase{"FileThatIsNotAContainerFailsWithTheReadersCode",
+                                  [](const kel_test::TempDir& dir) {
+                                      kel_test::WriteNonContainer(dir.File("rec.kel"));
+                                      return dir.File("rec.kel");
+                                  },
+                                  {},
+                                  "Failed to open file '%s'",
+                                  "",
+                                  "rec.kel"},
+        kel_test::InitFailureCase{"EmptyContainerHasNoIncludedStreams", WriteFiles({{"rec.kel", {}}}, {}, "rec.kel"),
+                                  KEL::KEL_ERR_INVALID, kNoIncludedStreams},
+        kel_test::InitFailureCase{"FirstAtomWithoutStreamInfoFailsInitialisation",
+                                  WriteFiles({{"rec.kel", {{1, 3}}, {.withoutStreamInfo = true}}}, {}, "rec.kel"),
+                                  KEL::KEL_ERR_INVALID, "Failed to extract stream info for the '%s' file",
+                                  "The atom lacks stream info data layer"},
+        kel_test::InitFailureCase{"UnreadableFirstAtomOfTheFirstStreamFailsInitialisation",
+                                  WriteFiles({{"rec.kel", {{1, 3}, {2, 3}}}}, {{"rec.kel", 1}}, "rec.kel"),
+                                  KEL::KEL_ERR_INVALID,
+                                  "There is no 'first' atom in the '%s' file",
+                                  "",
+                                  "",
+                                  {{"Included streams", "2"}}},
+        kel_test::InitFailureCase{"UnreadableFirstAtomOfAnIncludedStreamFailsLoosenerSetup",
+                                  WriteFiles({{"rec.kel", {{1, 3}, {2, 3}}}}, {{"rec.kel", 2}}, "rec.kel"),
+                                  KEL::KEL_ERR_INVALID, "Failed to setup data looseners",
+                                  "There is no 'first' atom in the '2' stream, can not setup optimized data loosener"}),
+    kel_test::CaseName());
 
 TEST_F(SingleFileSourceTest, StreamInfoAnnouncesTheShortestStreamsFrameCount) {
     kel_test::WriteRecording(file_, {{1, 6}, {2, 4}});
@@ -214,57 +165,38 @@ TEST_F(SingleFileSourceTest, OutputProfileIsANewCopyOfTheFirstAtomsProfile) {
     EXPECT_TRUE(b->Describes(a));
 }
 
-TEST_F(SingleFileSourceTest, FrameIsPushedForEveryStreamInOrder) {
-    kel_test::WriteRecording(file_, {{4, 3}, {2, 3}});
-    ASSERT_EQ(Open(file_), 0U);
-
-    const auto result = kel_test::PushFrame(*source_, 1);
-
-    EXPECT_EQ(result.code, 0U);
-    ASSERT_EQ(result.atoms.size(), 2U);
-    EXPECT_EQ(result.atoms[0]->GetStreamId(), 4);
-    EXPECT_EQ(result.atoms[1]->GetStreamId(), 2);
-    EXPECT_EQ(result.atoms[0]->GetFrameNr(), 1U);
-    EXPECT_EQ(result.atoms[1]->GetFrameNr(), 1U);
-}
-
-TEST_F(SingleFileSourceTest, FrameMissingInOneStreamPushesNothing) {
-    kel_test::WriteRecording(file_, {{1, 5}, {2, 5, {2}}});
+TEST_F(SingleFileSourceTest, FrameIsPushedWholeForEveryStreamInFileOrderOrNotAtAll) {
+    kel_test::WriteRecording(file_, {{4, 5}, {2, 5, {2}}});
     ASSERT_EQ(Open(file_), 0U);
     KelCommon::ScopedLogCapture capture;
 
+    const auto complete = kel_test::PushFrame(*source_, 1);
     const auto missing = kel_test::PushFrame(*source_, 2);
-    const auto next = kel_test::PushFrame(*source_, 3);
 
+    EXPECT_EQ(complete.code, 0U);
+    ASSERT_EQ(complete.atoms.size(), 2U);
+    EXPECT_EQ(complete.atoms[0]->GetStreamId(), 4);
+    EXPECT_EQ(complete.atoms[1]->GetStreamId(), 2);
+    EXPECT_EQ(complete.atoms[0]->GetFrameNr(), 1U);
+    EXPECT_EQ(complete.atoms[1]->GetFrameNr(), 1U);
     EXPECT_EQ(missing.code, 1U);
     EXPECT_TRUE(missing.atoms.empty());
     EXPECT_EQ(capture.Count("Stream '2' lacks an atom with frame number '2'"), 1U);
+    const auto next = kel_test::PushFrame(*source_, 3);
     EXPECT_EQ(next.code, 0U);
     EXPECT_EQ(next.atoms.size(), 2U);
 }
 
 TEST_F(SingleFileSourceTest, OptimizedLaterAtomsPlayBackComplete) {
     kel_test::WriteRecording(file_, {{1, 4}, {2, 4}});
-    auto graph = std::make_unique<KEL::Graph>();
-    auto* source = graph->AddFilter(std::unique_ptr<KEL::Filter>(SourceKEL2FileReaderFilterCreator()), "source");
-    auto* target = static_cast<kel_test::CollectingTarget*>(
-        graph->AddFilter(std::make_unique<kel_test::CollectingTarget>(), "collect"));
-    ASSERT_NE(source, nullptr);
-    ASSERT_NE(target, nullptr);
-    kel_test::SetParam(*source, "KEL File Path", file_);
-    ASSERT_EQ(graph->Connect(source, target), 0U);
-    std::string error;
-    ASSERT_EQ(graph->Initialize(&error), 0U) << error;
 
-    const auto result = graph->Run();
+    const auto played = kel_test::PlayThroughGraph(SourceKEL2FileReaderFilterCreator, "KEL File Path", file_);
 
-    ASSERT_TRUE(result.Ok()) << result.message;
-    ASSERT_EQ(target->atoms.size(), 8U);
-    const auto streamInfo = static_cast<KEL::Source*>(source)->GetStreamInfo();
-    for (std::size_t i = 0; i < target->atoms.size(); ++i) {
-        const auto& atom = target->atoms[i];
-        const std::uint16_t stream = static_cast<std::uint16_t>(1 + i % 2);
-        const std::uint32_t frame = static_cast<std::uint32_t>(i / 2);
+    ASSERT_EQ(played.atoms.size(), 8U);
+    for (std::size_t i = 0; i < played.atoms.size(); ++i) {
+        const auto& atom = played.atoms[i];
+        const auto stream = static_cast<std::uint16_t>(1 + i % 2);
+        const auto frame = static_cast<std::uint32_t>(i / 2);
         EXPECT_EQ(atom->GetStreamId(), stream);
         EXPECT_EQ(atom->GetFrameNr(), frame);
         const auto expected = kel_test::MakeRecordedAtom(stream, frame, 4);
@@ -272,7 +204,7 @@ TEST_F(SingleFileSourceTest, OptimizedLaterAtomsPlayBackComplete) {
         EXPECT_EQ(atom->GetTimeStamp(), expected->GetTimeStamp());
         EXPECT_TRUE(atom->GetDataLayerByType(KEL::DataTypeTextureRGBA::TheTypeGuid(), false)
                         ->ContentEquals(*expected->GetDataLayerByType(KEL::DataTypeTextureRGBA::TheTypeGuid(), false)));
-        EXPECT_EQ(atom->GetDataLayerByType(KEL::DataTypeStreamInfo::TheTypeGuid(), false), streamInfo);
+        EXPECT_EQ(atom->GetDataLayerByType(KEL::DataTypeStreamInfo::TheTypeGuid(), false), played.streamInfo);
         EXPECT_EQ(kel_test::TakeOf(*atom), "take");
     }
 }
@@ -282,13 +214,13 @@ TEST_F(SingleFileSourceTest, ReinitialisesWithOtherValuesAfterDeInitialize) {
     const std::string other = dir_.File("other.kel");
     kel_test::WriteRecording(other, {{5, 2}, {6, 2}});
     ASSERT_EQ(Open(file_, "2"), 0U);
-    ASSERT_EQ(source_->GetStreamIds(), (std::vector<std::uint32_t>{2}));
+    ASSERT_EQ(source_->GetStreamIds(), Ids{2});
 
     EXPECT_EQ(source_->onDeInitialize(), 0U);
-    ExpectClosed();
+    source_.ExpectClosed();
 
     ASSERT_EQ(Open(other, "6,5"), 0U);
-    EXPECT_EQ(source_->GetStreamIds(), (std::vector<std::uint32_t>{5, 6}));
+    EXPECT_EQ(source_->GetStreamIds(), (Ids{5, 6}));
     EXPECT_EQ(source_->GetStreamInfo()->GetNumFrames(), 2U);
     const auto result = kel_test::PushFrame(*source_, 1);
     ASSERT_EQ(result.code, 0U);
@@ -325,13 +257,14 @@ TEST(SourceRegistration, ClassesAreRegisteredWithTheirGuidNameAndCategory) {
         {"SourceKEL2MultiFileReader", "6D82A817-BAC2-4277-B599-7848F2170ADD"},
     };
     for (const auto& entry : expected) {
+        SCOPED_TRACE(entry.name);
         const auto guid = KelCommon::Guid::FromHexString(entry.guid);
         const auto registered = KEL::FilterFactory::Find(guid);
-        ASSERT_TRUE(registered.has_value()) << entry.name;
+        ASSERT_TRUE(registered.has_value());
         EXPECT_EQ(registered->info.GetName(), entry.name);
         EXPECT_EQ(registered->info.GetCategory(), KEL::FILTER_CATEGORY_SOURCE);
         auto filter = KEL::FilterFactory::CreateFilter(guid);
-        ASSERT_NE(filter, nullptr) << entry.name;
+        ASSERT_NE(filter, nullptr);
         EXPECT_EQ(filter->TypeGuid(), guid);
         EXPECT_EQ(filter->GetFilterClassInfo().GetName(), entry.name);
         EXPECT_EQ(filter->GetFilterClassInfo().GetCategory(), KEL::FILTER_CATEGORY_SOURCE);

@@ -1,12 +1,10 @@
 #include <KEL/DataTypeStreamInfo.h>
-#include <KEL/Graph.h>
 #include <KEL/KelErrorCode.h>
 #include <KelCommon/Logger.h>
 #include <KelCommon/VarManager.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "plugin/RecordingFiles.h"
 #include "sources/SourceKEL2MultiFileAppend.h"
@@ -14,47 +12,29 @@
 
 namespace {
 
-using Kel2File::SourceKEL2MultiFileAppend;
-
-kel_test::RecordingOptions Take(const std::string& take, std::int64_t timeStampOffset) {
-    kel_test::RecordingOptions options;
-    options.take = take;
-    options.timeStampOffset = timeStampOffset;
-    return options;
-}
+using kel_test::RecordingOptions;
+using kel_test::TempDir;
 
 class SequentialSourceTest : public ::testing::Test {
 protected:
-    KEL::KelErrorCode Open(const std::string& directory) {
-        EXPECT_EQ(source_->onInitializeParams(nullptr), 0U);
-        kel_test::SetParam(*source_, "KEL files dir", directory);
-        return source_->onInitialize(nullptr);
-    }
-    KEL::KelErrorCode Open() { return Open(dir_.Path().string()); }
+    KEL::KelErrorCode Open(const std::string& directory) { return source_.Open(directory); }
+    KEL::KelErrorCode Open() { return Open(dirPath_); }
 
     void Write(const std::string& name, const std::vector<kel_test::StreamSpec>& streams, const std::string& take,
                std::int64_t timeStampOffset = 0) {
-        kel_test::WriteRecording(dir_.File(name), streams, Take(take, timeStampOffset));
+        kel_test::WriteRecording(dir_.File(name), streams,
+                                 RecordingOptions{.take = take, .timeStampOffset = timeStampOffset});
     }
 
-    void ExpectClosed() {
-        EXPECT_EQ(source_->GetOutputNumStreams(), 0U);
-        EXPECT_EQ(source_->GetStreamInfo(), nullptr);
-        EXPECT_EQ(source_->GetOutputProfile(), nullptr);
-        EXPECT_EQ(kel_test::PushFrame(*source_, 0).code, 1U);
-    }
-
-    kel_test::TempDir dir_;
+    TempDir dir_;
     std::string dirPath_ = dir_.Path().string();
-    std::unique_ptr<SourceKEL2MultiFileAppend> source_{
-        static_cast<SourceKEL2MultiFileAppend*>(SourceKEL2MultiFileAppendFilterCreator())};
+    kel_test::SourceUnderTest source_{SourceKEL2MultiFileAppendFilterCreator, "KEL files dir"};
 };
 
 TEST_F(SequentialSourceTest, FilesArePlayedInByteWisePathOrder) {
-    Write("10.kel", {{1, 1}}, "10");
-    Write("9.kel", {{1, 1}}, "9");
-    Write("A.kel", {{1, 1}}, "A");
-    Write("a.kel", {{1, 1}}, "a");
+    for (const char* take : {"a", "A", "9", "10"}) {
+        Write(std::string(take) + ".kel", {{1, 1}}, take);
+    }
     ASSERT_EQ(Open(), 0U) << source_->GetLastErrorMessage();
 
     std::vector<std::string> order;
@@ -86,9 +66,10 @@ TEST_F(SequentialSourceTest, FramesAreNumberedContinuouslyAcrossFiles) {
             const auto& atom = result.atoms[s];
             EXPECT_EQ(atom->GetStreamId(), s + 1);
             EXPECT_EQ(atom->GetFrameNr(), frame);
-            EXPECT_EQ(atom->GetTimeStamp(),
-                      kel_test::MakeRecordedAtom(atom->GetStreamId(), local, 1, Take("", fromB ? 10'000'000 : 0))
-                          ->GetTimeStamp());
+            EXPECT_EQ(atom->GetTimeStamp(), kel_test::MakeRecordedAtom(
+                                                atom->GetStreamId(), local, 1,
+                                                RecordingOptions{.take = "", .timeStampOffset = fromB ? 10'000'000 : 0})
+                                                ->GetTimeStamp());
             EXPECT_EQ(atom->GetDataLayerByType(KEL::DataTypeStreamInfo::TheTypeGuid(), false),
                       source_->GetStreamInfo());
         }
@@ -135,125 +116,47 @@ TEST_F(SequentialSourceTest, MissingAtomInOneStreamSuppressesTheWholeFrame) {
     EXPECT_EQ(capture.Count("Stream '2' lacks an atom with frame number '1'"), 1U);
 }
 
-TEST_F(SequentialSourceTest, FilesWithDifferentStreamsAreRefused) {
-    Write("a.kel", {{1, 2}}, "a");
-    Write("b.kel", {{1, 2}, {2, 2}}, "b");
-    KelCommon::ScopedLogCapture capture;
+class SequentialSourceInitFailureTest : public ::testing::TestWithParam<kel_test::InitFailureCase> {};
 
-    EXPECT_EQ(Open(), KEL::KEL_ERR_INVALID);
-
-    EXPECT_EQ(source_->GetLastErrorMessage(), "Failed to process kel files in the '" + dirPath_ + "' directory");
-    EXPECT_EQ(capture.Count("All files in the directory must hold the same collection of streams"), 1U);
-    ExpectClosed();
+TEST_P(SequentialSourceInitFailureTest, ReportsTheErrorAndLeavesTheSourceClosed) {
+    kel_test::CheckInitFailure(SourceKEL2MultiFileAppendFilterCreator, "KEL files dir", GetParam());
 }
 
-TEST_F(SequentialSourceTest, FilesWithDifferentProfilesAreRefused) {
-    Write("a.kel", {{1, 2}}, "a");
-    kel_test::RecordingOptions noMesh;
-    noMesh.withoutMesh = true;
-    kel_test::WriteRecording(dir_.File("b.kel"), {{1, 2}}, noMesh);
-    KelCommon::ScopedLogCapture capture;
+INSTANTIATE_TEST_SUITE_P(Directories, SequentialSourceInitFailureTest,
+                         ::testing::ValuesIn(kel_test::DirectoryOpenFailureCases()), kel_test::CaseName());
 
-    EXPECT_EQ(Open(), KEL::KEL_ERR_INVALID);
+using kel_test::WriteFiles;
+const std::string kProcessFailed = "Failed to process kel files in the '%s' directory";
+constexpr KEL::KelErrorCode kInvalid = KEL::KEL_ERR_INVALID;
 
-    EXPECT_EQ(source_->GetLastErrorMessage(), "Failed to process kel files in the '" + dirPath_ + "' directory");
-    EXPECT_EQ(capture.Count("All files in the directory must have the same profile"), 1U);
-    ExpectClosed();
-}
-
-TEST_F(SequentialSourceTest, MissingDirectoryFailsWithCodeOne) {
-    const std::string missing = dir_.File("absent");
-
-    EXPECT_EQ(Open(missing), KEL::KEL_ERR_NOT_FOUND);
-    EXPECT_EQ(source_->GetLastErrorMessage(), "Directory '" + missing + "' does not exist");
-}
-
-TEST_F(SequentialSourceTest, FileInsteadOfDirectoryFailsWithCodeOne) {
-    Write("a.kel", {{1, 2}}, "a");
-
-    EXPECT_EQ(Open(dir_.File("a.kel")), KEL::KEL_ERR_NOT_FOUND);
-    EXPECT_EQ(source_->GetLastErrorMessage(), "Directory '" + dir_.File("a.kel") + "' does not exist");
-}
-
-TEST_F(SequentialSourceTest, DirectoryWithoutContainersFailsWithCodeFour) {
-    std::ofstream(dir_.File("a.KEL")) << "x";
-    std::filesystem::create_directory(dir_.Path() / "b.kel");
-    KelCommon::ScopedLogCapture capture;
-
-    EXPECT_EQ(Open(), KEL::KEL_ERR_INVALID);
-
-    EXPECT_EQ(source_->GetLastErrorMessage(), "Failed to collect kel files from '" + dirPath_ + "' directory");
-    EXPECT_EQ(capture.Count("Directory '" + dirPath_ + "' does not contain a sequence of files"), 1U);
-}
-
-TEST_F(SequentialSourceTest, CorruptFileFailsWithTheReadersCode) {
-    Write("a.kel", {{1, 2}}, "a");
-    std::ofstream(dir_.File("b.kel")) << "not a container";
-    KEL::ReadKEL2File direct(dir_.File("b.kel").c_str());
-    const KEL::KelErrorCode expected = direct.Initialize();
-    ASSERT_NE(expected, KEL::KEL_OK);
-
-    EXPECT_EQ(Open(), expected);
-    EXPECT_EQ(source_->GetLastErrorMessage(), "Failed to collect kel files from '" + dirPath_ + "' directory");
-}
-
-TEST_F(SequentialSourceTest, FirstFileWithoutStreamsIsRefused) {
-    kel_test::WriteRecording(dir_.File("a.kel"), {});
-    Write("b.kel", {{1, 2}}, "b");
-
-    EXPECT_EQ(Open(), KEL::KEL_ERR_INVALID);
-    EXPECT_EQ(source_->GetLastErrorMessage(), "Failed to extract stream IDs from the first file");
-    ExpectClosed();
-}
-
-TEST_F(SequentialSourceTest, FirstFileWithoutStreamInfoIsRefused) {
-    kel_test::RecordingOptions options;
-    options.withoutStreamInfo = true;
-    kel_test::WriteRecording(dir_.File("a.kel"), {{3, 2}}, options);
-    KelCommon::ScopedLogCapture capture;
-
-    EXPECT_EQ(Open(), KEL::KEL_ERR_INVALID);
-    EXPECT_EQ(source_->GetLastErrorMessage(), "Failed to extract stream info from the file holding '3' stream");
-    EXPECT_EQ(capture.Count("The atom lacks stream info data layer"), 1U);
-    ExpectClosed();
-}
-
-TEST_F(SequentialSourceTest, UnreadableFirstAtomOfTheFirstFileFailsProfileDetection) {
-    Write("a.kel", {{4, 2}}, "a");
-    Write("b.kel", {{4, 2}}, "b");
-    kel_test::CorruptAtMarker(dir_.File("a.kel"), "a-4-0-MARK");
-    KelCommon::ScopedLogCapture capture;
-
-    EXPECT_EQ(Open(), KEL::KEL_ERR_INVALID);
-
-    EXPECT_EQ(source_->GetLastErrorMessage(), "Failed to determine profile from the first file");
-    EXPECT_EQ(capture.Count("There is no 'first' atom in the '4' stream of a file"), 1U);
-    ExpectClosed();
-}
-
-TEST_F(SequentialSourceTest, UnreadableFirstAtomOfALaterStreamFailsLoosenerSetup) {
-    Write("a.kel", {{1, 2}, {2, 2}, {3, 2}}, "a");
-    kel_test::CorruptAtMarker(dir_.File("a.kel"), "a-3-0-MARK");
-    KelCommon::ScopedLogCapture capture;
-
-    EXPECT_EQ(Open(), KEL::KEL_ERR_INVALID);
-
-    EXPECT_EQ(source_->GetLastErrorMessage(), "Failed to setup data looseners");
-    EXPECT_EQ(capture.Count("There is no 'first' atom in the '3' stream, can not setup optimized data loosener"), 1U);
-    ExpectClosed();
-}
-
-TEST_F(SequentialSourceTest, UnreadableFirstAtomOfTheSmallestStreamFailsStreamInfo) {
-    Write("a.kel", {{2, 2}, {1, 2}}, "a");
-    kel_test::CorruptAtMarker(dir_.File("a.kel"), "a-1-0-MARK");
-    KelCommon::ScopedLogCapture capture;
-
-    EXPECT_EQ(Open(), KEL::KEL_ERR_INVALID);
-
-    EXPECT_EQ(source_->GetLastErrorMessage(), "Failed to extract stream info from the file holding '1' stream");
-    EXPECT_EQ(capture.Count("The atom lacks stream info data layer"), 1U);
-    ExpectClosed();
-}
+INSTANTIATE_TEST_SUITE_P(
+    Files, SequentialSourceInitFailureTest,
+    ::testing::Values(
+        kel_test::InitFailureCase{
+            "FilesWithDifferentStreamsAreRefused", WriteFiles({{"a.kel", {{1, 2}}}, {"b.kel", {{1, 2}, {2, 2}}}}),
+            kInvalid, kProcessFailed, "All files in the directory must hold the same collection of streams"},
+        kel_test::InitFailureCase{"FilesWithDifferentProfilesAreRefused",
+                                  WriteFiles({{"a.kel", {{1, 2}}}, {"b.kel", {{1, 2}}, {.withoutMesh = true}}}),
+                                  kInvalid, kProcessFailed, "All files in the directory must have the same profile"},
+        kel_test::InitFailureCase{"FirstFileWithoutStreamsIsRefused", WriteFiles({{"a.kel", {}}, {"b.kel", {{1, 2}}}}),
+                                  kInvalid, "Failed to extract stream IDs from the first file"},
+        kel_test::InitFailureCase{"FirstFileWithoutStreamInfoIsRefused",
+                                  WriteFiles({{"a.kel", {{3, 2}}, {.withoutStreamInfo = true}}}), kInvalid,
+                                  "Failed to extract stream info from the file holding '3' stream",
+                                  "The atom lacks stream info data layer"},
+        kel_test::InitFailureCase{"UnreadableFirstAtomOfTheFirstFileFailsProfileDetection",
+                                  WriteFiles({{"a.kel", {{4, 2}}}, {"b.kel", {{4, 2}}}}, {{"a.kel", 4}}), kInvalid,
+                                  "Failed to determine profile from the first file",
+                                  "There is no 'first' atom in the '4' stream of a file"},
+        kel_test::InitFailureCase{"UnreadableFirstAtomOfALaterStreamFailsLoosenerSetup",
+                                  WriteFiles({{"a.kel", {{1, 2}, {2, 2}, {3, 2}}}}, {{"a.kel", 3}}), kInvalid,
+                                  "Failed to setup data looseners",
+                                  "There is no 'first' atom in the '3' stream, can not setup optimized data loosener"},
+        kel_test::InitFailureCase{"UnreadableFirstAtomOfTheSmallestStreamFailsStreamInfo",
+                                  WriteFiles({{"a.kel", {{2, 2}, {1, 2}}}}, {{"a.kel", 1}}), kInvalid,
+                                  "Failed to extract stream info from the file holding '1' stream",
+                                  "The atom lacks stream info data layer"}),
+    kel_test::CaseName());
 
 TEST_F(SequentialSourceTest, DanglingLinkEscapesAsAFilesystemErrorThatTheHostReports) {
     Write("a.kel", {{1, 2}}, "a");
@@ -280,12 +183,12 @@ TEST_F(SequentialSourceTest, DefaultDirectoryIsUnderTheRootValue) {
 
 TEST_F(SequentialSourceTest, ReinitialisesWithAnotherDirectoryAfterDeInitialize) {
     Write("a.kel", {{1, 2}}, "a");
-    kel_test::TempDir other;
+    TempDir other;
     kel_test::WriteRecording(other.File("x.kel"), {{7, 3}, {8, 3}});
     ASSERT_EQ(Open(), 0U);
 
     EXPECT_EQ(source_->onDeInitialize(), 0U);
-    ExpectClosed();
+    source_.ExpectClosed();
     ASSERT_EQ(Open(other.Path().string()), 0U);
 
     EXPECT_EQ(source_->GetStreamIds(), (std::vector<std::uint32_t>{7, 8}));
@@ -295,23 +198,13 @@ TEST_F(SequentialSourceTest, ReinitialisesWithAnotherDirectoryAfterDeInitialize)
 TEST_F(SequentialSourceTest, GraphPlaysEveryFrameOfEveryFile) {
     Write("a.kel", {{1, 3}}, "a");
     Write("b.kel", {{1, 4}}, "b");
-    KEL::Graph graph;
-    auto* source = graph.AddFilter(std::unique_ptr<KEL::Filter>(SourceKEL2MultiFileAppendFilterCreator()), "source");
-    auto* target = static_cast<kel_test::CollectingTarget*>(
-        graph.AddFilter(std::make_unique<kel_test::CollectingTarget>(), "collect"));
-    ASSERT_NE(source, nullptr);
-    kel_test::SetParam(*source, "KEL files dir", dirPath_);
-    ASSERT_EQ(graph.Connect(source, target), 0U);
-    std::string error;
-    ASSERT_EQ(graph.Initialize(&error), 0U) << error;
 
-    const auto result = graph.Run();
+    const auto played = kel_test::PlayThroughGraph(SourceKEL2MultiFileAppendFilterCreator, "KEL files dir", dirPath_);
 
-    ASSERT_TRUE(result.Ok()) << result.message;
-    ASSERT_EQ(target->atoms.size(), 7U);
+    ASSERT_EQ(played.atoms.size(), 7U);
     for (std::uint32_t i = 0; i < 7; ++i) {
-        EXPECT_EQ(target->atoms[i]->GetFrameNr(), i);
-        EXPECT_EQ(target->atoms[i]->GetNumDataLayers(), kel_test::MakeRecordedAtom(1, 0, 1)->GetNumDataLayers())
+        EXPECT_EQ(played.atoms[i]->GetFrameNr(), i);
+        EXPECT_EQ(played.atoms[i]->GetNumDataLayers(), kel_test::MakeRecordedAtom(1, 0, 1)->GetNumDataLayers())
             << "atom " << i;
     }
 }

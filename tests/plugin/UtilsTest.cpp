@@ -19,25 +19,19 @@ std::shared_ptr<KEL::ReadKEL2File> OpenReader(const std::string& path) {
     return reader;
 }
 
-TEST(UtilsFileNumFrames, IsTheFrameCountOfTheShortestStream) {
+TEST(UtilsFileNumFrames, IsTheFrameCountOfTheShortestStreamAndZeroWithoutStreams) {
+    const struct {
+        std::vector<kel_test::StreamSpec> streams;
+        std::uint32_t frames;
+    } cases[] = {{{{1, 10}, {2, 7}}, 7}, {{{9, 4}}, 4}, {{}, 0}};
     kel_test::TempDir dir;
-    kel_test::WriteRecording(dir.File("rec.kel"), {{1, 10}, {2, 7}});
+    for (std::size_t i = 0; i < std::size(cases); ++i) {
+        SCOPED_TRACE(i);
+        const std::string path = dir.File(std::to_string(i) + ".kel");
+        kel_test::WriteRecording(path, cases[i].streams);
 
-    EXPECT_EQ(Utils::DetermineFileNumFrames(OpenReader(dir.File("rec.kel"))), 7U);
-}
-
-TEST(UtilsFileNumFrames, SingleStreamGivesItsFrameCount) {
-    kel_test::TempDir dir;
-    kel_test::WriteRecording(dir.File("rec.kel"), {{9, 4}});
-
-    EXPECT_EQ(Utils::DetermineFileNumFrames(OpenReader(dir.File("rec.kel"))), 4U);
-}
-
-TEST(UtilsFileNumFrames, FileWithoutStreamsHasNoFrames) {
-    kel_test::TempDir dir;
-    kel_test::WriteRecording(dir.File("empty.kel"), {});
-
-    EXPECT_EQ(Utils::DetermineFileNumFrames(OpenReader(dir.File("empty.kel"))), 0U);
+        EXPECT_EQ(Utils::DetermineFileNumFrames(OpenReader(path)), cases[i].frames);
+    }
 }
 
 TEST(UtilsStreamInfo, MissingStreamInfoGivesEmptyAndOneLogLine) {
@@ -86,17 +80,13 @@ TEST(UtilsProfile, AtomWithoutLayersGivesAnEmptyProfile) {
 }
 
 TEST(UtilsLoosen, UsesTheLoosenerOfTheAtomsStream) {
-    kel_test::RecordingOptions takeA;
-    takeA.take = "A";
-    kel_test::RecordingOptions takeB;
-    takeB.take = "B";
     auto infoA = std::make_shared<KEL::DataTypeStreamInfo>(5);
     auto infoB = std::make_shared<KEL::DataTypeStreamInfo>(6);
     Kel2File::OptimizedDataLooseners looseners;
-    looseners[1] =
-        std::make_shared<const Kel2File::OptimizedDataLoosener>(kel_test::MakeRecordedAtom(1, 0, 5, takeA), infoA);
-    looseners[2] =
-        std::make_shared<const Kel2File::OptimizedDataLoosener>(kel_test::MakeRecordedAtom(2, 0, 6, takeB), infoB);
+    looseners[1] = std::make_shared<const Kel2File::OptimizedDataLoosener>(
+        kel_test::MakeRecordedAtom(1, 0, 5, {.take = "A"}), infoA);
+    looseners[2] = std::make_shared<const Kel2File::OptimizedDataLoosener>(
+        kel_test::MakeRecordedAtom(2, 0, 6, {.take = "B"}), infoB);
     auto atom = kel_test::MakeFrameAtom(2, 4);
 
     Utils::LoosenOptimizedData(atom, looseners);
