@@ -15,6 +15,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -129,6 +130,9 @@ struct InitFailureCase {
     std::string readerCodeOf = {};
     std::vector<std::pair<std::string, std::string>> extraParams = {};
 };
+
+// Failed cases print as their name.
+inline void PrintTo(const InitFailureCase& failure, std::ostream* os) { *os << failure.name; }
 
 // Prepares a fresh scratch directory and source, initialises, checks the
 // outcome against `failure` and that the source is left closed.

@@ -18,7 +18,6 @@ using kel_test::WriteFiles;
 const std::vector<kel_test::StreamSpec> kFourStreams = {{0, 3}, {1, 3}, {2, 3}, {3, 3}};
 const std::string kNoIncludedStreams = "There are no included file streams";
 
-
 class SingleFileSourceTest : public ::testing::Test {
 protected:
     KEL::KelErrorCode Open(const std::string& path, const std::string& included = "") {
@@ -40,6 +39,8 @@ struct IncludedStreamsCase {
     // How many "Failed to parse" lines there are in all (unchecked when -1).
     int parseFailures;
 };
+
+void PrintTo(const IncludedStreamsCase& entry, std::ostream* os) { *os << entry.name; }
 
 class IncludedStreamsTest : public SingleFileSourceTest, public ::testing::WithParamInterface<IncludedStreamsCase> {};
 
