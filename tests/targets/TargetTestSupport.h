@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -80,6 +81,7 @@ struct TargetStrategy {
 // The four strategies: Writer, SnapshotWriter, PerStreamWriter,
 // PerStreamSnapshotWriter.
 const std::vector<TargetStrategy>& TargetStrategies();
+inline void PrintTo(const TargetStrategy& s, std::ostream* os) { *os << s.name; }
 std::string StrategyName(const ::testing::TestParamInfo<TargetStrategy>& info);
 
 // Presses "Take snapshot" of each target `presses` times before frame `frame`.

@@ -62,7 +62,7 @@ TEST(BlockingBoundedQueue, FlushDiscardsEverythingWithoutWaitingAndTheTokenTakes
             queue.Push(i);
         }
         queue.FlushAndPutExitToken(-1);  // returns at once even on a full queue
-        EXPECT_EQ(queue.Size(), 1U);
+        ASSERT_EQ(queue.Size(), 1U);     // (otherwise the pushes below would block)
         // The discarded elements freed their slots; the token holds one.
         queue.Push(4);
         queue.Push(5);
