@@ -192,8 +192,8 @@ std::function<std::string(const TempDir& dir)> WriteFiles(
         }
         for (const auto& [name, stream] : unreadable) {
             const auto file = std::ranges::find(files, name, &FileSpec::name);
-            const auto spec = std::ranges::find(file->streams, stream, &StreamSpec::stream);
-            CorruptFirstAtom(dir.File(name), file->options.take, stream, spec->frames);
+            const auto planned = std::ranges::find(file->streams, stream, &StreamSpec::stream);
+            CorruptFirstAtom(dir.File(name), file->options.take, stream, planned->frames);
         }
         return result.empty() ? dir.Path().string() : dir.File(result);
     };
