@@ -20,9 +20,7 @@ public:
     FrameCounter() : KEL::Target(true) {}
 
     KelCommon::Guid TypeGuid() const override { return FrameCounterGuid(); }
-    KEL::FilterClassInfo GetFilterClassInfo() const override {
-        return {"FrameCounter", KEL::FILTER_CATEGORY_TARGET};
-    }
+    KEL::FilterClassInfo GetFilterClassInfo() const override { return {"FrameCounter", KEL::FILTER_CATEGORY_TARGET}; }
 
     KEL::KelErrorCode onInitializeParams(KEL::Filter* /*filter*/) override {
         if (!atoms_) {
@@ -43,8 +41,8 @@ public:
     }
     KEL::KelErrorCode onStop() override {
         if (auto log = KEL::GetKELLoggerInstance().lock()) {
-            log->LogMessage(4, "FrameCounter", "%lld frame(s), %lld atom(s)", static_cast<long long>(frames_->GetValue()),
-                            static_cast<long long>(atoms_->GetValue()));
+            log->LogMessage(4, "FrameCounter", "%lld frame(s), %lld atom(s)",
+                            static_cast<long long>(frames_->GetValue()), static_cast<long long>(atoms_->GetValue()));
         }
         return KEL::KEL_OK;
     }
@@ -56,13 +54,12 @@ private:
 
 KEL::Filter* CreateFrameCounter() { return new FrameCounter(); }
 
-[[maybe_unused]] const int registration =
-    KEL::FilterFactory::RegisterFilterClass(FrameCounterGuid(), {"FrameCounter", KEL::FILTER_CATEGORY_TARGET},
-                                            &CreateFrameCounter);
+[[maybe_unused]] const int registration = KEL::FilterFactory::RegisterFilterClass(
+    FrameCounterGuid(), {"FrameCounter", KEL::FILTER_CATEGORY_TARGET}, &CreateFrameCounter);
 
 }  // namespace
 
 extern "C" {
-__attribute__((visibility("default"))) KEL::PluginInfo kel_plugin{"FrameCounter", "1.0.0", KEL::KEL_COMPILE_VERSION,
-                                                                  "kelversion_6.3.0"};
+__attribute__((visibility("default")))
+KEL::PluginInfo kel_plugin{"FrameCounter", "1.0.0", KEL::KEL_COMPILE_VERSION, "kelversion_6.3.0"};
 }
