@@ -28,7 +28,6 @@
 #include "targets/TargetKEL2FileWriter.h"
 #include "targets/TargetKEL2FileWriterAsync.h"
 
-// NOLINTBEGIN(cert-err58-cpp)
 namespace Kel2File {
 
 // ---------------------------------------------------------------------------
@@ -64,4 +63,3 @@ KEL2FILE_REGISTER_FILTER_CLASS(TargetKEL2FilePerStreamSnapshotWriterAsync, "BEF1
                                KEL::FILTER_CATEGORY_TARGET);
 
 }  // namespace Kel2File
-// NOLINTEND(cert-err58-cpp)

@@ -4,7 +4,7 @@
 
 namespace Kel2File {
 
-const KelCommon::VersionInfo KEL2FILE_VERSION(3, 3, 1);  // NOLINT(cert-err58-cpp)
+const KelCommon::VersionInfo KEL2FILE_VERSION(3, 3, 1);
 
 }  // namespace Kel2File
 
@@ -12,7 +12,7 @@ const KelCommon::VersionInfo KEL2FILE_VERSION(3, 3, 1);  // NOLINT(cert-err58-cp
 // library was compiled against.
 extern "C" {
 __attribute__((visibility("default"))) KEL::PluginInfo kel_plugin{
-    // NOLINT(cert-err58-cpp)
+
     "KEL2File",
     Kel2File::KEL2FILE_VERSION.ToString(),
     KEL::KEL_COMPILE_VERSION,

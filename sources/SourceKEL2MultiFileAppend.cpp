@@ -103,6 +103,7 @@ std::vector<std::uint16_t> SourceKEL2MultiFileAppend::ExtractReaderStreamIDs(
     const std::shared_ptr<KEL::ReadKEL2File>& reader) const {
     std::vector<std::uint16_t> streamIds;
     const int numStreams = reader->GetNumStreams();
+    streamIds.reserve(static_cast<std::size_t>(std::max(numStreams, 0)));
     for (int i = 0; i < numStreams; ++i) {
         streamIds.push_back(reader->GetStreamId(i));
     }

@@ -8,7 +8,7 @@ namespace Kel2File {
 
 namespace {
 
-const std::string kKelExtension = ".kel";  // NOLINT(cert-err58-cpp)
+const std::string kKelExtension = ".kel";
 
 template <typename Iterator>
 std::vector<std::string> CollectCandidates(const std::string& directory) {

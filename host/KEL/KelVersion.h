@@ -7,7 +7,7 @@ namespace KEL {
 
 // The framework version a unit is compiled against: every plugin holds its
 // own copy, taken from this header when it was built.
-static const KelCommon::VersionInfo KEL_COMPILE_VERSION(6, 3, 0);  // NOLINT(cert-err58-cpp)
+static const KelCommon::VersionInfo KEL_COMPILE_VERSION(6, 3, 0);
 
 // The version of the running framework library.
 KEL_API KelCommon::VersionInfo GetRuntimeVersion() noexcept;

@@ -41,6 +41,7 @@ public:
     const std::array<std::uint8_t, kSize>& Bytes() const noexcept { return bytes_; }
 
     friend bool operator==(const Guid&, const Guid&) noexcept = default;
+    // NOLINTNEXTLINE(modernize-use-nullptr): clang-tidy 14 misreads the defaulted comparison
     friend auto operator<=>(const Guid&, const Guid&) noexcept = default;
 
     std::size_t Hash() const noexcept;

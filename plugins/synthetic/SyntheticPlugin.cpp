@@ -10,7 +10,7 @@
 extern "C" {
 
 KEL_API KEL::PluginInfo kel_plugin{
-    // NOLINT(cert-err58-cpp)
+
     "KELSynthetic",
     "1.0.0",
     KEL::KEL_COMPILE_VERSION,
@@ -23,7 +23,6 @@ KEL_API KEL::Filter* SyntheticCaptureSourceFilterCreator() { return new KelSynth
 
 namespace {
 
-// NOLINTNEXTLINE(cert-err58-cpp)
 [[maybe_unused]] const int syntheticCaptureSourceRegistration = KEL::FilterFactory::RegisterFilterClass(
     KelSynthetic::SyntheticCaptureSource::TheTypeGuid(), KelSynthetic::SyntheticCaptureSource::TheFilterClassInfo(),
     &SyntheticCaptureSourceFilterCreator);

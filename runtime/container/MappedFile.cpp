@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <system_error>
 
 namespace KEL::container {
 
@@ -32,7 +33,7 @@ std::shared_ptr<const MappedFile> MappedFile::Open(const std::string& path, KelE
     if (fd < 0) {
         const int err = errno;
         code = CodeForErrno(err);
-        reason = std::strerror(err);
+        reason = std::generic_category().message(err);
         return nullptr;
     }
     struct stat st {};
@@ -40,7 +41,7 @@ std::shared_ptr<const MappedFile> MappedFile::Open(const std::string& path, KelE
         const int err = errno;
         ::close(fd);
         code = KEL_ERR_IO;
-        reason = std::strerror(err);
+        reason = std::generic_category().message(err);
         return nullptr;
     }
     if (!S_ISREG(st.st_mode)) {
@@ -57,7 +58,7 @@ std::shared_ptr<const MappedFile> MappedFile::Open(const std::string& path, KelE
             const int err = errno;
             ::close(fd);
             code = err == ENOMEM ? KEL_ERR_IO : CodeForErrno(err);
-            reason = std::string("cannot map the file: ") + std::strerror(err);
+            reason = std::string("cannot map the file: ") + std::generic_category().message(err);
             return nullptr;
         }
         data = static_cast<const std::uint8_t*>(p);

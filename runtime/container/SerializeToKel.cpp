@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <new>
+#include <system_error>
 
 #include "container/AtomRecord.h"
 #include "container/ContainerFormat.h"
@@ -105,15 +106,16 @@ void SerializeToKel::Impl::Open(bool overwrite, KELFormatVersion version) {
     // that still maps the old file keeps valid pages.
     if (overwrite && ::unlink(filePath.c_str()) != 0 && errno != ENOENT) {
         const int err = errno;
-        openResult =
-            Failed(CodeForOpenErrno(err), std::string("cannot replace the existing file: ") + std::strerror(err));
+        openResult = Failed(CodeForOpenErrno(err),
+                            std::string("cannot replace the existing file: ") + std::generic_category().message(err));
         return;
     }
     fd = ::open(filePath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (fd < 0) {
         const int err = errno;
-        openResult = Failed(CodeForOpenErrno(err), err == EEXIST ? std::string("file exists and overwrite is off")
-                                                                 : std::string("cannot create: ") + std::strerror(err));
+        openResult = Failed(CodeForOpenErrno(err),
+                            err == EEXIST ? std::string("file exists and overwrite is off")
+                                          : std::string("cannot create: ") + std::generic_category().message(err));
         return;
     }
     std::array<std::uint8_t, kFirstRecordOffset> header{};
@@ -137,9 +139,10 @@ KelErrorCode SerializeToKel::Impl::WriteAt(std::vector<iovec>& iov, std::uint64_
         // stops at the last complete record.
         if (written != 0 && ::ftruncate(fd, static_cast<off_t>(end)) != 0) {
             LogContainer(2, "Container '%s': cannot cut back a partial record: %s", filePath.c_str(),
-                         std::strerror(errno));
+                         std::generic_category().message(errno));
         }
-        return Failed(CodeForWriteErrno(err), std::string("cannot write ") + what + ": " + std::strerror(err));
+        return Failed(CodeForWriteErrno(err),
+                      std::string("cannot write ") + what + ": " + std::generic_category().message(err));
     }
     end += size;
     return KEL_OK;
@@ -157,7 +160,7 @@ KelErrorCode SerializeToKel::Impl::Serialize(const Atom& atom) {
     }
     if (syncEachAtom && ::fdatasync(fd) != 0) {
         const int err = errno;
-        return Failed(CodeForWriteErrno(err), std::string("cannot sync: ") + std::strerror(err));
+        return Failed(CodeForWriteErrno(err), std::string("cannot sync: ") + std::generic_category().message(err));
     }
     index.push_back({offset, atom.GetFrameNr(), atom.GetStreamId()});
     if (writeXml) {
@@ -177,11 +180,11 @@ KelErrorCode SerializeToKel::Impl::Close() {
     result = WriteAt(iov, tail.size(), "index");
     if (::fdatasync(fd) != 0 && result == KEL_OK) {
         const int err = errno;
-        result = Failed(CodeForWriteErrno(err), std::string("cannot sync: ") + std::strerror(err));
+        result = Failed(CodeForWriteErrno(err), std::string("cannot sync: ") + std::generic_category().message(err));
     }
     if (::close(fd) != 0 && result == KEL_OK) {
         const int err = errno;
-        result = Failed(CodeForWriteErrno(err), std::string("cannot close: ") + std::strerror(err));
+        result = Failed(CodeForWriteErrno(err), std::string("cannot close: ") + std::generic_category().message(err));
     }
     fd = -1;
     closed = true;

@@ -83,11 +83,13 @@ KelErrorCode PluginLoader::LoadPlugin(const std::string& path, LoadedPlugin* loa
     // The library's static initialisers register its filter classes during
     // dlopen; collect them so that a refusal can take them back.
     FilterFactory::BeginPluginRegistration(std::filesystem::path(key).filename().string());
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): loads are serialised by the loader's lock
     dlerror();
     void* handle = dlopen(key.c_str(), RTLD_NOW | RTLD_LOCAL);
     std::vector<KelCommon::Guid> registered = FilterFactory::EndPluginRegistration();
     if (handle == nullptr) {
         UndoRegistrations(registered);
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): loads are serialised by the loader's lock
         const char* why = dlerror();
         return Refuse(KEL_ERR_PLUGIN, path, std::string("cannot load library: ") + (why != nullptr ? why : "unknown"),
                       error);
@@ -170,6 +172,7 @@ std::vector<LoadedPlugin> PluginLoader::GetLoadedPlugins() {
 }
 
 std::string PluginLoader::DefaultPluginDirectory() {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the runtime never changes the environment, so reading it is safe
     const char* env = std::getenv("KEL_PLUGIN_PATH");
     if (env != nullptr && *env != '\0') {
         return env;

@@ -33,6 +33,7 @@ const char* LevelName(int level) {
 }
 
 int InitialStderrLevel() {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the runtime never changes the environment, so reading it is safe
     if (const char* env = std::getenv("KEL_LOG_LEVEL"); env != nullptr && *env != '\0') {
         char* end = nullptr;
         const long v = std::strtol(env, &end, 10);

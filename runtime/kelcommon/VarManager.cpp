@@ -10,6 +10,7 @@ namespace KelCommon {
 namespace {
 
 std::string DefaultRoot() {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the runtime never changes the environment, so reading it is safe
     if (const char* env = std::getenv("KEL_ROOT"); env != nullptr && *env != '\0') {
         return env;
     }
@@ -57,6 +58,7 @@ std::optional<std::string> VarManager::getVar(const std::string& name) const {
     if (name == "ROOT") {
         return root_;
     }
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the runtime never changes the environment, so reading it is safe
     if (const char* env = std::getenv(name.c_str()); env != nullptr) {
         return std::string(env);
     }

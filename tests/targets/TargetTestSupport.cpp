@@ -141,6 +141,7 @@ std::vector<std::string> OutputFiles(const TargetStrategy& s, const std::string&
         return {base + ".kel"};
     }
     std::vector<std::string> files;
+    files.reserve(streams.size());
     for (std::uint16_t stream : streams) {
         files.push_back(base + "_" + std::to_string(stream) + ".kel");
     }

@@ -111,6 +111,7 @@ TEST(BlockingBoundedQueue, ManyProducersAndConsumersHandOverEveryElementOnce) {
     std::mutex seenMutex;
     std::multiset<int> seen;
     std::atomic<int> remaining{kTotal};
+    threads.reserve(kProducers + kConsumers);
     for (int p = 0; p < kProducers; ++p) {
         threads.emplace_back([&, p] {
             for (int i = 0; i < kPerProducer; ++i) {

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <system_error>
 #include <vector>
 
 namespace KelTool {
@@ -62,7 +63,7 @@ bool WritePngRgba(const std::string& path, std::uint32_t width, std::uint32_t he
     PngWriteJob job;
     job.file = std::fopen(path.c_str(), "wb");
     if (job.file == nullptr) {
-        *error = "cannot create '" + path + "': " + std::strerror(errno);
+        *error = "cannot create '" + path + "': " + std::generic_category().message(errno);
         return false;
     }
     job.png = png_create_write_struct(PNG_LIBPNG_VER_STRING, &job.message, &OnPngError, &OnPngWarning);
@@ -81,7 +82,8 @@ bool WritePngRgba(const std::string& path, std::uint32_t width, std::uint32_t he
     png_destroy_write_struct(job.png != nullptr ? &job.png : nullptr, job.info != nullptr ? &job.info : nullptr);
     const bool closed = std::fclose(job.file) == 0;
     if (!ok || !closed) {
-        *error = "cannot write '" + path + "': " + (ok ? std::string(std::strerror(errno)) : job.message);
+        *error =
+            "cannot write '" + path + "': " + (ok ? std::string(std::generic_category().message(errno)) : job.message);
         std::remove(path.c_str());
         return false;
     }

@@ -14,7 +14,7 @@ namespace {
 // value, when it does not name a command ("" otherwise).
 std::string UnknownCommand(const CLI::App& app, int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
+        std::string arg = argv[i];
         if (arg == "--plugin-dir" || arg == "--plugin") {
             ++i;
             continue;
