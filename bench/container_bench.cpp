@@ -186,6 +186,25 @@ void BM_ReadAllAtomsVerified(benchmark::State& state) {
 }
 BENCHMARK(BM_ReadAllAtomsVerified)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+// The same without checksum verification: what mapping and decoding cost.
+void BM_ReadAllAtomsUnverified(benchmark::State& state) {
+    const std::string path = TextureFile();
+    std::uint64_t sum = 0;
+    KEL::ReaderOptions options;
+    options.verifyChecksums = false;
+    for (auto _ : state) {
+        KEL::ReadKEL2File reader(path.c_str(), options);
+        reader.Initialize();
+        for (std::uint32_t f = 0; f < kTextureAtoms; ++f) {
+            auto atom = reader.GetFrameAtom(1, f);
+            sum += atom ? atom->PayloadSize() : 0;
+        }
+    }
+    benchmark::DoNotOptimize(sum);
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * std::filesystem::file_size(path)));
+}
+BENCHMARK(BM_ReadAllAtomsUnverified)->Unit(benchmark::kMillisecond)->UseRealTime();
+
 void BM_ReadPlainBaseline(benchmark::State& state) {
     const std::string path = TextureFile();
     std::vector<std::uint8_t> buffer(std::size_t{1} << 20);

@@ -55,7 +55,7 @@ std::vector<std::uint8_t> SealAsAtomRecord(const std::uint8_t* data, std::size_t
     record.kind = RecordKind::kAtom;
     record.offset = kFirstRecordOffset;
     record.payloadSize = payloadSize;
-    record.payloadChecksum = Checksum(payload, payloadSize);
+    record.payloadChecksum = PayloadChecksum(payload, payloadSize, kFirstRecordOffset + kRecordHeaderSize);
     EncodeRecordHeader(record, file.data() + kFirstRecordOffset);
     if (closed && size >= kAtomMetaSize) {
         const IndexEntry entry{kFirstRecordOffset, GetU32(payload + 4), GetU16(payload)};

@@ -13,10 +13,6 @@ namespace {
 
 constexpr std::array<std::uint8_t, kBlobAlignment> kZeros{};
 
-struct StateDeleter {
-    void operator()(XXH3_state_t* s) const noexcept { XXH3_freeState(s); }
-};
-
 struct EncodedLayer {
     const DataLayer* layer = nullptr;
     std::vector<std::uint8_t> fields;
@@ -99,33 +95,29 @@ KelErrorCode EncodeAtomRecord(const Atom& atom, std::uint64_t recordOffset, Enco
     const std::uint64_t end = AlignUp(cursor, kRecordAlignment);
 
     out.iov.push_back({out.head.data(), out.head.size()});
-    std::unique_ptr<XXH3_state_t, StateDeleter> state(XXH3_createState());
-    if (!state) {
-        throw std::bad_alloc();
-    }
-    XXH3_64bits_reset(state.get());
-    XXH3_64bits_update_dispatch(state.get(), out.head.data() + kRecordHeaderSize, out.head.size() - kRecordHeaderSize);
+    PayloadHasher hasher(payloadStart);
+    hasher.Update(out.head.data() + kRecordHeaderSize, out.head.size() - kRecordHeaderSize);
     auto* zeros = const_cast<std::uint8_t*>(kZeros.data());
     for (const auto& placement : placements) {
         if (placement.padding != 0) {
             out.iov.push_back({zeros, placement.padding});
-            XXH3_64bits_update_dispatch(state.get(), zeros, placement.padding);
+            hasher.Update(zeros, placement.padding);
         }
         if (!placement.blob->empty()) {
             out.iov.push_back({const_cast<std::uint8_t*>(placement.blob->data()), placement.blob->size()});
-            XXH3_64bits_update_dispatch(state.get(), placement.blob->data(), placement.blob->size());
+            hasher.Update(placement.blob->data(), placement.blob->size());
         }
     }
     if (end != cursor) {
         out.iov.push_back({zeros, end - cursor});
-        XXH3_64bits_update_dispatch(state.get(), zeros, end - cursor);
+        hasher.Update(zeros, end - cursor);
     }
 
     RecordHeader header;
     header.kind = RecordKind::kAtom;
     header.offset = recordOffset;
     header.payloadSize = end - payloadStart;
-    header.payloadChecksum = XXH3_64bits_digest(state.get());
+    header.payloadChecksum = hasher.Digest();
     EncodeRecordHeader(header, h);
     out.totalSize = end - recordOffset;
     return KEL_OK;

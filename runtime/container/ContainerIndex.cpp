@@ -20,7 +20,7 @@ std::vector<std::uint8_t> EncodeIndexAndFooter(const std::vector<IndexEntry>& en
     index.kind = RecordKind::kIndex;
     index.offset = indexOffset;
     index.payloadSize = indexPayload;
-    index.payloadChecksum = Checksum(payload, indexPayload);
+    index.payloadChecksum = PayloadChecksum(payload, indexPayload, indexOffset + kRecordHeaderSize);
     EncodeRecordHeader(index, out.data());
 
     const std::uint64_t footerOffset = indexOffset + kRecordHeaderSize + indexPayload;
@@ -31,7 +31,8 @@ std::vector<std::uint8_t> EncodeIndexAndFooter(const std::vector<IndexEntry>& en
     footerHeader.kind = RecordKind::kFooter;
     footerHeader.offset = footerOffset;
     footerHeader.payloadSize = kFooterPayloadSize;
-    footerHeader.payloadChecksum = Checksum(footer + kRecordHeaderSize, kFooterPayloadSize);
+    footerHeader.payloadChecksum =
+        PayloadChecksum(footer + kRecordHeaderSize, kFooterPayloadSize, footerOffset + kRecordHeaderSize);
     EncodeRecordHeader(footerHeader, footer);
     return out;
 }
@@ -59,7 +60,8 @@ IndexStatus ReadIndex(const std::uint8_t* data, std::uint64_t size, std::vector<
     }
     location.footerOffset = footerOffset;
     const std::uint8_t* fp = data + footerOffset + kRecordHeaderSize;
-    if (footer.payloadSize != kFooterPayloadSize || Checksum(fp, kFooterPayloadSize) != footer.payloadChecksum) {
+    if (footer.payloadSize != kFooterPayloadSize ||
+        PayloadChecksum(fp, kFooterPayloadSize, footerOffset + kRecordHeaderSize) != footer.payloadChecksum) {
         reason = "damaged footer";
         return IndexStatus::kDamaged;
     }
@@ -82,7 +84,7 @@ IndexStatus ReadIndex(const std::uint8_t* data, std::uint64_t size, std::vector<
         return IndexStatus::kDamaged;
     }
     const std::uint8_t* ip = data + indexOffset + kRecordHeaderSize;
-    if (Checksum(ip, index.payloadSize) != index.payloadChecksum) {
+    if (PayloadChecksum(ip, index.payloadSize, indexOffset + kRecordHeaderSize) != index.payloadChecksum) {
         reason = "index checksum mismatch";
         return IndexStatus::kDamaged;
     }

@@ -187,7 +187,7 @@ std::shared_ptr<Atom> ReadKEL2File::Impl::Load(std::uint16_t stream, Slot& slot)
     }
     const std::uint8_t* payload = data + slot.offset + kRecordHeaderSize;
     if (slot.state == SlotState::kUnchecked && options.verifyChecksums) {
-        if (Checksum(payload, header.payloadSize) != header.payloadChecksum) {
+        if (PayloadChecksum(payload, header.payloadSize, slot.offset + kRecordHeaderSize) != header.payloadChecksum) {
             return MarkBad(stream, slot, "checksum mismatch");
         }
         slot.state = SlotState::kGood;

@@ -38,7 +38,8 @@ void ScanRecords(const std::uint8_t* data, std::uint64_t size, const ScanVisitor
                 return;
             }
             const std::uint8_t* payload = data + pos + kRecordHeaderSize;
-            const bool valid = Checksum(payload, header.payloadSize) == header.payloadChecksum;
+            const bool valid =
+                PayloadChecksum(payload, header.payloadSize, pos + kRecordHeaderSize) == header.payloadChecksum;
             visitor.onRecord(pos, header, valid);
             pos += header.TotalSize();
             continue;

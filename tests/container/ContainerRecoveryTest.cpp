@@ -186,7 +186,8 @@ TEST_F(ContainerRecovery, LayerCountClaimingBillionsIsRefused) {
     const auto ends = WriteContainer(path, SmallAtoms(1, 2));
     ForgeRecord(path, ends[0], [](KEL::container::RecordHeader& h, std::uint8_t* payload) {
         KEL::container::PutU32(payload + 20, 0xFFFFFFFFU);
-        h.payloadChecksum = KEL::container::Checksum(payload, h.payloadSize);
+        h.payloadChecksum =
+            KEL::container::PayloadChecksum(payload, h.payloadSize, h.offset + KEL::container::kRecordHeaderSize);
     });
 
     KelCommon::ScopedLogCapture log;
