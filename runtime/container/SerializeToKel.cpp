@@ -139,7 +139,7 @@ KelErrorCode SerializeToKel::Impl::WriteAt(std::vector<iovec>& iov, std::uint64_
         // stops at the last complete record.
         if (written != 0 && ::ftruncate(fd, static_cast<off_t>(end)) != 0) {
             LogContainer(2, "Container '%s': cannot cut back a partial record: %s", filePath.c_str(),
-                         std::generic_category().message(errno));
+                         std::generic_category().message(errno).c_str());
         }
         return Failed(CodeForWriteErrno(err),
                       std::string("cannot write ") + what + ": " + std::generic_category().message(err));
