@@ -1,7 +1,5 @@
 #include "writers/PerStreamSnapshotWriter.h"
 
-#include "writers/PerStreamFilePath.h"
-
 namespace Kel2File {
 
 PerStreamSnapshotWriter::PerStreamSnapshotWriter() = default;
@@ -40,26 +38,8 @@ void PerStreamSnapshotWriter::OnFilePathChanged() { DestroySerializers(); }
 
 void PerStreamSnapshotWriter::OnAfterAtomWritten() { remainingAtoms.fetch_sub(1); }
 
-KEL::KelErrorCode PerStreamSnapshotWriter::SerializeAtom(std::shared_ptr<KEL::Atom> atom) {
-    return SerializeAtomUsingSerializer(GetOrCreateSerializerForStream(atom->GetStreamId()), atom);
-}
-
-WriterBase::SerializerPtr PerStreamSnapshotWriter::GetOrCreateSerializerForStream(std::uint16_t streamId) {
-    auto it = serializersPerStream.find(streamId);
-    if (it != serializersPerStream.end()) {
-        return it->second;
-    }
-    SerializerPtr serializer = CreateSerializerInstance(PerStreamFilePath(currentFilePath, streamId));
-    serializersPerStream.emplace(streamId, serializer);
-    return serializer;
-}
-
 void PerStreamSnapshotWriter::DestroySerializers() {
-    for (auto& entry : serializersPerStream) {
-        DestroySerializerInstance(entry.second);
-    }
-    serializersPerStream.clear();
-    ClearCachedPerStreamData();
+    PerStreamWriterBase::DestroySerializers();
     remainingAtoms.exchange(0);
 }
 

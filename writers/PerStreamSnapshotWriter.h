@@ -7,7 +7,7 @@
 #include <map>
 #include <memory>
 
-#include "writers/WriterBase.h"
+#include "writers/PerStreamWriterBase.h"
 
 namespace Kel2File {
 
@@ -19,7 +19,7 @@ namespace Kel2File {
 // cancels the snapshot in progress.
 //
 // Threads: as SnapshotWriter.
-class PerStreamSnapshotWriter : public WriterBase {
+class PerStreamSnapshotWriter : public PerStreamWriterBase {
 public:
     PerStreamSnapshotWriter();
     ~PerStreamSnapshotWriter() override;
@@ -33,16 +33,13 @@ public:
 protected:
     void OnFilePathChanged() override;
     void OnAfterAtomWritten() override;
-    KEL::KelErrorCode SerializeAtom(std::shared_ptr<KEL::Atom> atom) override;
-
-    SerializerPtr GetOrCreateSerializerForStream(std::uint16_t streamId);
+    // Closes every file and also cancels the snapshot in progress.
     void DestroySerializers();
 
 private:
     std::shared_ptr<KEL::FilterParamCallback> takeSnapshotParam;
     std::shared_ptr<KEL::FilterParamUInt32> framesCountPerSnapshotParam;
     std::atomic<std::uint32_t> remainingAtoms{0};
-    std::map<std::uint16_t, SerializerPtr> serializersPerStream;
 };
 
 }  // namespace Kel2File

@@ -1,7 +1,5 @@
 #include "writers/PerStreamWriter.h"
 
-#include "writers/PerStreamFilePath.h"
-
 namespace Kel2File {
 
 PerStreamWriter::PerStreamWriter() = default;
@@ -51,28 +49,6 @@ void PerStreamWriter::OnFilePathChanged() {
         return;
     }
     DestroySerializers();
-}
-
-KEL::KelErrorCode PerStreamWriter::SerializeAtom(std::shared_ptr<KEL::Atom> atom) {
-    return SerializeAtomUsingSerializer(GetOrCreateSerializerForStream(atom->GetStreamId()), atom);
-}
-
-WriterBase::SerializerPtr PerStreamWriter::GetOrCreateSerializerForStream(std::uint16_t streamId) {
-    auto it = serializersPerStream.find(streamId);
-    if (it != serializersPerStream.end()) {
-        return it->second;
-    }
-    SerializerPtr serializer = CreateSerializerInstance(PerStreamFilePath(currentFilePath, streamId));
-    serializersPerStream.emplace(streamId, serializer);
-    return serializer;
-}
-
-void PerStreamWriter::DestroySerializers() {
-    for (auto& entry : serializersPerStream) {
-        DestroySerializerInstance(entry.second);
-    }
-    serializersPerStream.clear();
-    ClearCachedPerStreamData();
 }
 
 }  // namespace Kel2File

@@ -6,7 +6,7 @@
 #include <map>
 #include <memory>
 
-#include "writers/WriterBase.h"
+#include "writers/PerStreamWriterBase.h"
 
 namespace Kel2File {
 
@@ -16,7 +16,7 @@ namespace Kel2File {
 // recording is switched off and on a path change while recording.
 //
 // Threads: as BasicWriter.
-class PerStreamWriter : public WriterBase {
+class PerStreamWriter : public PerStreamWriterBase {
 public:
     PerStreamWriter();
     ~PerStreamWriter() override;
@@ -30,10 +30,6 @@ public:
 
 protected:
     void OnFilePathChanged() override;
-    KEL::KelErrorCode SerializeAtom(std::shared_ptr<KEL::Atom> atom) override;
-
-    SerializerPtr GetOrCreateSerializerForStream(std::uint16_t streamId);
-    void DestroySerializers();
     void UpdateRecordingStatus();
 
 private:
@@ -41,7 +37,6 @@ private:
 
     std::shared_ptr<KEL::FilterParamBool> enableRecordingParam;
     bool recording = false;
-    std::map<std::uint16_t, SerializerPtr> serializersPerStream;
 };
 
 }  // namespace Kel2File
