@@ -147,6 +147,11 @@ public:
         if (state_ == nullptr) {
             throw std::bad_alloc();
         }
+        // A payload that starts on the alignment boundary has an empty head:
+        // the tail, seeded with the hash of nothing, starts at once.
+        if (headSize_ == 0) {
+            StartTail();
+        }
     }
     ~PayloadHasher() { XXH3_freeState(state_); }
     PayloadHasher(const PayloadHasher&) = delete;
