@@ -8,6 +8,8 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace KEL {
 
@@ -35,17 +37,30 @@ public:
 // close next to it, named after the container with ".xml" appended
 // ("rec.kel" gets "rec.kel.xml").
 //
-// `overwrite`: true replaces an existing file at that path; false refuses to
-// touch it (the serializer is then not open and every SerializeAtom returns
+// `overwrite`: true replaces an existing file at that path (and removes its
+// companion); false refuses to touch an existing container or companion (the
+// serializer is then not open and every SerializeAtom returns
 // KEL_ERR_ALREADY_EXISTS).
 // `version`: the format version to write; only CURRENT_VERSION is supported.
 // `syncEachAtom`: true makes every SerializeAtom durable (fdatasync) before it
 // returns; false (the default of every writer in this project) syncs once,
-// at Close, so a closed file is durable and an open one costs no sync per atom.
+// at Close, so a closed file is durable and an open one costs no sync per
+// atom. Either way an acknowledged atom (SerializeAtom returned 0) is in the
+// file and survives the death of the process.
 //
-// Creating a serializer opens (and creates) the file; destroying it closes
-// the file. Missing parent directories are created. Failure to open is not
-// thrown: GetOpenResult() tells it, and it is logged at level 2.
+// Creating a serializer creates the file durably: its header is written to a
+// temporary file, synced and renamed into place, and the directory synced, so
+// the path names either the old file or a valid new container, never a
+// half-made one. Missing parent directories are created. Failure to open is
+// not thrown: GetOpenResult() tells it, and it is logged at level 2.
+//
+// Failures are logged at level 2 with the path and the reason, once per kind
+// of failure (not once per atom), and recorded for TakeSerializerFailures.
+// After a failed sync the serializer accepts no more atoms (the kernel may
+// already have dropped the unsynced data, so a later sync proves nothing)
+// and Close leaves the file without its index: readers recover it by
+// scanning.
+//
 // Not thread-safe: one thread at a time.
 class KEL_API SerializeToKel : public SerializeToFile {
 public:
@@ -66,5 +81,20 @@ private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };
+
+// One file whose serializer failed, as the process-wide record keeps it.
+struct SerializerFailure {
+    std::string path;
+    KelErrorCode code = 0;    // the first failure's code
+    std::string reason;       // and its message
+    std::uint64_t count = 0;  // failures of this file since the last TakeSerializerFailures
+};
+
+// Every serializer failure of the process (open, write, sync, index,
+// companion) since the last call, one entry per file in the order of their
+// first failure, and forgets them. Thread-safe. Lets a tool that ran a graph
+// whose writers ignore their results (the asynchronous targets) report that
+// writing failed.
+KEL_API std::vector<SerializerFailure> TakeSerializerFailures();
 
 }  // namespace KEL

@@ -1,14 +1,13 @@
 #include "container/GatherWrite.h"
 
 #include <limits.h>
-#include <sys/types.h>
 
 #include <algorithm>
 #include <cerrno>
 
 namespace KEL::container {
 
-int GatherWrite(int fd, std::uint64_t offset, std::vector<iovec>& iov, std::uint64_t& written) {
+int GatherWrite(FileIo& io, int fd, std::uint64_t offset, std::vector<iovec>& iov, std::uint64_t& written) {
     written = 0;
     std::size_t first = 0;
     while (first < iov.size()) {
@@ -17,12 +16,12 @@ int GatherWrite(int fd, std::uint64_t offset, std::vector<iovec>& iov, std::uint
             continue;
         }
         const int count = static_cast<int>(std::min<std::size_t>(iov.size() - first, IOV_MAX));
-        const ssize_t n = ::pwritev(fd, iov.data() + first, count, static_cast<off_t>(offset + written));
+        const std::int64_t n = io.PWriteV(fd, iov.data() + first, count, offset + written);
         if (n < 0) {
-            if (errno == EINTR) {
+            if (n == -EINTR) {
                 continue;
             }
-            return errno;
+            return static_cast<int>(-n);
         }
         if (n == 0) {
             return EIO;

@@ -1,18 +1,20 @@
 #include <KEL/SerializeToKel.h>
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <mutex>
 #include <new>
+#include <set>
 #include <system_error>
+#include <utility>
 
 #include "container/AtomRecord.h"
 #include "container/ContainerFormat.h"
 #include "container/ContainerIndex.h"
 #include "container/ContainerLog.h"
+#include "container/FileIo.h"
 #include "container/GatherWrite.h"
 #include "container/XmlCompanion.h"
 
@@ -52,115 +54,209 @@ KelErrorCode CodeForOpenErrno(int err) {
     }
 }
 
+std::string ErrnoText(int err) { return std::generic_category().message(err); }
+
+// The process-wide record behind TakeSerializerFailures.
+class FailureRecord {
+public:
+    static FailureRecord& Instance() {
+        static FailureRecord record;
+        return record;
+    }
+    void Add(const std::string& path, KelErrorCode code, const std::string& reason) {
+        std::lock_guard lock(mutex_);
+        for (auto& f : failures_) {
+            if (f.path == path) {
+                ++f.count;
+                return;
+            }
+        }
+        failures_.push_back({path, code, reason, 1});
+    }
+    std::vector<SerializerFailure> Take() {
+        std::lock_guard lock(mutex_);
+        return std::exchange(failures_, {});
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<SerializerFailure> failures_;
+};
+
+// What failed, for logging each kind of failure once.
+enum class Step { kOpen, kWrite, kSync, kRefused, kIndex, kClose, kCompanion, kAtom };
+
 }  // namespace
 
 // The file grows by whole records: `end` is the end of the last record that
 // was written completely, and a failed write is cut back to it, so the file
 // on disk is always a valid container prefix that a reader can scan.
 struct SerializeToKel::Impl {
+    std::shared_ptr<FileIo> io = CurrentFileIo();
     KelCommon::String filePath;
     bool writeXml = false;
     bool syncEachAtom = false;
     int fd = -1;
     KelErrorCode openResult = KEL_OK;
     bool closed = false;
+    // A sync failed: the kernel may have dropped unsynced pages, so nothing
+    // written since the last good sync can be promised durable any more.
+    bool syncFailed = false;
+    // A failed write could not be cut back: bytes past `end` are junk that
+    // Close cuts off once the file is complete.
+    bool junkPastEnd = false;
     std::uint64_t end = 0;
     std::vector<IndexEntry> index;
     XmlCompanion companion;
     std::uint64_t numAtoms = 0;
     std::string lastError;
+    std::set<std::pair<Step, KelErrorCode>> logged;
 
-    KelErrorCode Failed(KelErrorCode code, const std::string& what) {
+    KelErrorCode Failed(Step step, KelErrorCode code, const std::string& what) {
         lastError = what;
-        LogContainer(2, "Container '%s': %s", filePath.c_str(), what.c_str());
+        FailureRecord::Instance().Add(filePath.str(), code, what);
+        if (logged.emplace(step, code).second) {
+            LogContainer(2, "Container '%s': %s", filePath.c_str(), what.c_str());
+        }
         return code;
     }
 
     void Open(bool overwrite, KELFormatVersion version);
+    KelErrorCode CreateInPlace(bool overwrite);
     KelErrorCode WriteAt(std::vector<iovec>& iov, std::uint64_t size, const char* what);
+    KelErrorCode Sync(const char* what);
     KelErrorCode Serialize(const Atom& atom);
     KelErrorCode Close();
 };
 
 void SerializeToKel::Impl::Open(bool overwrite, KELFormatVersion version) {
     if (version != CURRENT_VERSION) {
-        openResult = Failed(KEL_ERR_UNSUPPORTED_VERSION,
+        openResult = Failed(Step::kOpen, KEL_ERR_UNSUPPORTED_VERSION,
                             "cannot write format version " + std::to_string(static_cast<unsigned>(version)));
         return;
     }
     const std::filesystem::path path(filePath.str());
-    if (path.empty()) {
-        openResult = Failed(KEL_ERR_INVALID, "empty path");
+    if (path.empty() || !path.has_filename()) {
+        openResult = Failed(Step::kOpen, KEL_ERR_INVALID, "not a file path");
         return;
     }
     if (path.has_parent_path()) {
         std::error_code ec;
         std::filesystem::create_directories(path.parent_path(), ec);
         if (ec) {
-            openResult = Failed(CodeForOpenErrno(ec.value()),
+            openResult = Failed(Step::kOpen, CodeForOpenErrno(ec.value()),
                                 "cannot create directory '" + path.parent_path().string() + "': " + ec.message());
             return;
         }
     }
-    // Replacing unlinks the old file rather than truncating it, so a reader
-    // that still maps the old file keeps valid pages.
-    if (overwrite && ::unlink(filePath.c_str()) != 0 && errno != ENOENT) {
-        const int err = errno;
-        openResult = Failed(CodeForOpenErrno(err),
-                            std::string("cannot replace the existing file: ") + std::generic_category().message(err));
-        return;
+    const std::string xmlPath = filePath.str() + ".xml";
+    if (!overwrite) {
+        std::error_code ec;
+        for (const auto& existing : {filePath.str(), xmlPath}) {
+            if (std::filesystem::symlink_status(existing, ec).type() != std::filesystem::file_type::not_found) {
+                openResult = Failed(Step::kOpen, KEL_ERR_ALREADY_EXISTS,
+                                    "'" + existing + "' exists and overwrite is off; nothing was changed");
+                return;
+            }
+        }
     }
-    fd = ::open(filePath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    openResult = CreateInPlace(overwrite);
+}
+
+// Writes the file header to a temporary file, syncs it and renames it into
+// place, then syncs the directory: from then on the path durably names a
+// valid (empty) container. Replacing this way also leaves a reader of the
+// old file its own, unchanged file.
+KelErrorCode SerializeToKel::Impl::CreateInPlace(bool overwrite) {
+    const std::string temp = TemporaryNameFor(filePath.str());
+    fd = io->Open(temp, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (fd < 0) {
-        const int err = errno;
-        openResult = Failed(CodeForOpenErrno(err),
-                            err == EEXIST ? std::string("file exists and overwrite is off")
-                                          : std::string("cannot create: ") + std::generic_category().message(err));
-        return;
+        const int err = -fd;
+        fd = -1;
+        return Failed(Step::kOpen, CodeForOpenErrno(err), "cannot create: " + ErrnoText(err));
     }
     std::array<std::uint8_t, kFirstRecordOffset> header{};
     const auto fileHeader = MakeFileHeader(kFormatVersion);
     std::memcpy(header.data(), fileHeader.data(), fileHeader.size());
     std::vector<iovec> iov{{header.data(), header.size()}};
-    const KelErrorCode code = WriteAt(iov, header.size(), "file header");
-    if (code != KEL_OK) {
-        ::close(fd);
-        fd = -1;
-        ::unlink(filePath.c_str());
-        openResult = code;
+    KelErrorCode code = WriteAt(iov, header.size(), "the file header");
+    if (code == KEL_OK) {
+        code = Sync("the new file");
     }
+    if (code == KEL_OK && overwrite) {
+        // An old companion would describe a file that no longer exists.
+        if (const int rc = io->Unlink(filePath.str() + ".xml"); rc != 0 && rc != -ENOENT) {
+            code = Failed(Step::kOpen, CodeForOpenErrno(-rc), "cannot remove the old XML companion: " + ErrnoText(-rc));
+        }
+    }
+    if (code == KEL_OK) {
+        if (const int rc = io->Rename(temp, filePath.str(), overwrite); rc != 0) {
+            code = Failed(Step::kOpen, CodeForOpenErrno(-rc),
+                          rc == -EEXIST ? std::string("file exists and overwrite is off")
+                                        : "cannot move the new file into place: " + ErrnoText(-rc));
+        }
+    }
+    if (code == KEL_OK) {
+        if (const int rc = io->SyncDirectory(DirectoryOf(filePath.str())); rc != 0) {
+            code = Failed(Step::kSync, CodeForWriteErrno(-rc), "cannot sync the directory: " + ErrnoText(-rc));
+        }
+    }
+    if (code != KEL_OK) {
+        io->Close(fd);
+        fd = -1;
+        io->Unlink(temp);
+        // When the rename had happened the file exists but is refused like
+        // any other failed open; it holds no atom.
+    }
+    return code;
 }
 
 KelErrorCode SerializeToKel::Impl::WriteAt(std::vector<iovec>& iov, std::uint64_t size, const char* what) {
     std::uint64_t written = 0;
-    const int err = GatherWrite(fd, end, iov, written);
+    const int err = GatherWrite(*io, fd, end, iov, written);
     if (err != 0) {
         // Cut the partial record off; if even that fails a reader still
-        // stops at the last complete record.
-        if (written != 0 && ::ftruncate(fd, static_cast<off_t>(end)) != 0) {
-            LogContainer(2, "Container '%s': cannot cut back a partial record: %s", filePath.c_str(),
-                         std::generic_category().message(errno).c_str());
+        // stops at the last complete record, and Close cuts it once more.
+        if (written != 0 && io->FTruncate(fd, end) != 0) {
+            junkPastEnd = true;
         }
-        return Failed(CodeForWriteErrno(err),
-                      std::string("cannot write ") + what + ": " + std::generic_category().message(err));
+        return Failed(Step::kWrite, CodeForWriteErrno(err),
+                      std::string("cannot write ") + what + ": " + ErrnoText(err));
     }
     end += size;
     return KEL_OK;
 }
 
+KelErrorCode SerializeToKel::Impl::Sync(const char* what) {
+    if (const int rc = io->FDataSync(fd); rc != 0) {
+        syncFailed = true;
+        return Failed(Step::kSync, CodeForWriteErrno(-rc),
+                      std::string("cannot sync ") + what + ": " + ErrnoText(-rc) +
+                          "; no further atoms are accepted and the file is left without its index");
+    }
+    return KEL_OK;
+}
+
 KelErrorCode SerializeToKel::Impl::Serialize(const Atom& atom) {
+    if (syncFailed) {
+        return Failed(Step::kRefused, KEL_ERR_IO, "refusing the atom: an earlier sync failed");
+    }
     EncodedAtomRecord record;
     std::string error;
     if (const KelErrorCode code = EncodeAtomRecord(atom, end, record, error); code != KEL_OK) {
-        return Failed(code, "cannot store atom of stream " + std::to_string(atom.GetStreamId()) + ": " + error);
+        return Failed(Step::kAtom, code,
+                      "cannot store atom of stream " + std::to_string(atom.GetStreamId()) + ": " + error);
     }
     const std::uint64_t offset = end;
-    if (const KelErrorCode code = WriteAt(record.iov, record.totalSize, "atom record"); code != KEL_OK) {
+    if (const KelErrorCode code = WriteAt(record.iov, record.totalSize, "an atom record"); code != KEL_OK) {
         return code;
     }
-    if (syncEachAtom && ::fdatasync(fd) != 0) {
-        const int err = errno;
-        return Failed(CodeForWriteErrno(err), std::string("cannot sync: ") + std::generic_category().message(err));
+    if (syncEachAtom) {
+        if (const KelErrorCode code = Sync("an atom record"); code != KEL_OK) {
+            // The record is in the file but not promised durable; it stays
+            // out of the index, which is not written after a failed sync.
+            return code;
+        }
     }
     index.push_back({offset, atom.GetFrameNr(), atom.GetStreamId()});
     if (writeXml) {
@@ -174,24 +270,35 @@ KelErrorCode SerializeToKel::Impl::Close() {
     if (fd < 0) {
         return closed ? KEL_OK : openResult;
     }
+    closed = true;
     KelErrorCode result = KEL_OK;
-    auto tail = EncodeIndexAndFooter(index, end);
-    std::vector<iovec> iov{{tail.data(), tail.size()}};
-    result = WriteAt(iov, tail.size(), "index");
-    if (::fdatasync(fd) != 0 && result == KEL_OK) {
-        const int err = errno;
-        result = Failed(CodeForWriteErrno(err), std::string("cannot sync: ") + std::generic_category().message(err));
+    if (syncFailed) {
+        result = KEL_ERR_IO;
+    } else {
+        auto tail = EncodeIndexAndFooter(index, end);
+        std::vector<iovec> iov{{tail.data(), tail.size()}};
+        result = WriteAt(iov, tail.size(), "the index");
+        if (result == KEL_OK && junkPastEnd) {
+            if (const int rc = io->FTruncate(fd, end); rc != 0) {
+                result = Failed(Step::kIndex, CodeForWriteErrno(-rc),
+                                "cannot cut off a failed record after the index: " + ErrnoText(-rc));
+            }
+        }
+        // Even without its index the file is worth making durable.
+        if (const KelErrorCode synced = Sync("the closed file"); result == KEL_OK) {
+            result = synced;
+        }
     }
-    if (::close(fd) != 0 && result == KEL_OK) {
-        const int err = errno;
-        result = Failed(CodeForWriteErrno(err), std::string("cannot close: ") + std::generic_category().message(err));
+    if (const int rc = io->Close(fd); rc != 0 && result == KEL_OK) {
+        result = Failed(Step::kClose, CodeForWriteErrno(-rc), "cannot close: " + ErrnoText(-rc));
     }
     fd = -1;
-    closed = true;
-    if (writeXml) {
-        std::string error;
-        if (!companion.Write(filePath.str() + ".xml", filePath.str(), end, error) && result == KEL_OK) {
-            result = Failed(KEL_ERR_IO, error);
+    if (writeXml && result == KEL_OK) {
+        std::string what;
+        if (const int rc =
+                ReplaceFileAtomically(*io, filePath.str() + ".xml", companion.Render(filePath.str(), end), what);
+            rc != 0) {
+            result = Failed(Step::kCompanion, CodeForWriteErrno(-rc), "XML companion: " + what + ": " + ErrnoText(-rc));
         }
     }
     return result;
@@ -209,7 +316,7 @@ SerializeToKel::SerializeToKel(const char* path, bool overwrite, KELFormatVersio
     try {
         impl_->Open(overwrite, version);
     } catch (const std::exception& e) {
-        impl_->openResult = impl_->Failed(KEL_ERR_IO, e.what());
+        impl_->openResult = impl_->Failed(Step::kOpen, KEL_ERR_IO, e.what());
     }
 }
 
@@ -223,17 +330,22 @@ SerializeToKel::~SerializeToKel() {
 
 KelErrorCode SerializeToKel::SerializeAtom(const std::shared_ptr<Atom>& atom) {
     if (impl_->fd < 0) {
-        return impl_->openResult != KEL_OK ? impl_->openResult : KEL_ERR_NOT_OPEN;
+        // Refusals after a failed open are the open's failure again, which
+        // has been logged already.
+        if (impl_->openResult != KEL_OK) {
+            return impl_->Failed(Step::kOpen, impl_->openResult, impl_->lastError);
+        }
+        return impl_->Failed(Step::kRefused, KEL_ERR_NOT_OPEN, "refusing the atom: the file is closed");
     }
     if (!atom) {
-        return impl_->Failed(KEL_ERR_INVALID, "empty atom");
+        return impl_->Failed(Step::kAtom, KEL_ERR_INVALID, "empty atom");
     }
     try {
         return impl_->Serialize(*atom);
     } catch (const std::bad_alloc&) {
-        return impl_->Failed(KEL_ERR_IO, "out of memory");
+        return impl_->Failed(Step::kAtom, KEL_ERR_IO, "out of memory");
     } catch (const std::exception& e) {
-        return impl_->Failed(KEL_ERR_INVALID, e.what());
+        return impl_->Failed(Step::kAtom, KEL_ERR_INVALID, e.what());
     }
 }
 
@@ -243,7 +355,7 @@ KelErrorCode SerializeToKel::Close() {
     try {
         return impl_->Close();
     } catch (const std::exception& e) {
-        return impl_->Failed(KEL_ERR_IO, e.what());
+        return impl_->Failed(Step::kClose, KEL_ERR_IO, e.what());
     }
 }
 
@@ -256,5 +368,7 @@ std::uint64_t SerializeToKel::GetNumAtomsWritten() const noexcept { return impl_
 std::uint64_t SerializeToKel::GetBytesWritten() const noexcept { return impl_->end; }
 
 const std::string& SerializeToKel::GetLastError() const noexcept { return impl_->lastError; }
+
+std::vector<SerializerFailure> TakeSerializerFailures() { return FailureRecord::Instance().Take(); }
 
 }  // namespace KEL

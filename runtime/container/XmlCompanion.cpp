@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <pugixml.hpp>
+#include <sstream>
 
 #include "container/ContainerFormat.h"
 
@@ -45,8 +46,7 @@ void XmlCompanion::AddAtom(const Atom& atom) {
     }
 }
 
-bool XmlCompanion::Write(const std::string& xmlPath, const std::string& containerPath, std::uint64_t fileSize,
-                         std::string& error) const {
+std::string XmlCompanion::Render(const std::string& containerPath, std::uint64_t fileSize) const {
     pugi::xml_document doc;
     auto decl = doc.append_child(pugi::node_declaration);
     decl.append_attribute("version") = "1.0";
@@ -78,11 +78,9 @@ bool XmlCompanion::Write(const std::string& xmlPath, const std::string& containe
             layer.append_attribute("payloadBytes") = static_cast<unsigned long long>(k.payloadBytes);
         }
     }
-    if (!doc.save_file(xmlPath.c_str(), "  ", pugi::format_default, pugi::encoding_utf8)) {
-        error = "cannot write '" + xmlPath + "'";
-        return false;
-    }
-    return true;
+    std::ostringstream out;
+    doc.save(out, "  ", pugi::format_default, pugi::encoding_utf8);
+    return out.str();
 }
 
 }  // namespace KEL::container

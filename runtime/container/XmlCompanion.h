@@ -13,18 +13,16 @@ namespace KEL::container {
 
 // Collects what the XML companion of a container describes (streams, frame
 // counts and ranges, time-stamp ranges, layer kinds with purposes and payload
-// sizes) while atoms are written, and writes the companion at close.
+// sizes) while atoms are written, and renders the companion at close.
 // docs/container-format.md gives the schema. One thread at a time.
 class XmlCompanion {
 public:
     // Accounts for one atom that has been stored in the container.
     void AddAtom(const Atom& atom);
 
-    // Writes the companion to `xmlPath`, describing the container file
-    // `containerPath` of `fileSize` bytes. Returns false with `error` set when
-    // the file cannot be written.
-    bool Write(const std::string& xmlPath, const std::string& containerPath, std::uint64_t fileSize,
-               std::string& error) const;
+    // The companion's text for the container file `containerPath` of
+    // `fileSize` bytes.
+    std::string Render(const std::string& containerPath, std::uint64_t fileSize) const;
 
 private:
     struct LayerKind {

@@ -17,7 +17,8 @@ using ContainerLargeFile = ContainerTest;
 // Writes `bytes` at `offset` of the open file `fd`.
 void WriteAt(int fd, std::uint64_t offset, std::vector<iovec> iov, std::uint64_t size) {
     std::uint64_t written = 0;
-    ASSERT_EQ(GatherWrite(fd, offset, iov, written), 0);
+    SystemFileIo io;
+    ASSERT_EQ(GatherWrite(io, fd, offset, iov, written), 0);
     ASSERT_EQ(written, size);
 }
 
