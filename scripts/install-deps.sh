@@ -7,7 +7,7 @@ packages=(
   build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
   libboost-filesystem-dev libboost-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  libxxhash-dev libpugixml-dev libpng-dev nlohmann-json3-dev libcli11-dev
+  libxxhash-dev libpugixml-dev libpng-dev nlohmann-json3-dev libcli11-dev librapidcheck-dev
 )
 
 missing=()

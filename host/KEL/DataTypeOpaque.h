@@ -15,6 +15,9 @@ public:
     DataTypeOpaque(const KelCommon::Guid& typeGuid, const KelCommon::Guid& purpose, std::uint16_t version,
                    std::vector<std::uint8_t> fields, std::vector<KelCommon::SharedBuffer> blobs);
 
+    // The layer's encoded fields and its blobs, exactly as they were stored.
+    const std::vector<std::uint8_t>& GetFields() const noexcept { return fields_; }
+    const std::vector<KelCommon::SharedBuffer>& GetBlobs() const noexcept { return blobs_; }
     std::string TypeName() const override { return "Unknown"; }
     void EncodeFields(LayerEncoder& encoder) const override;
     bool DecodeFields(LayerDecoder& decoder) override;

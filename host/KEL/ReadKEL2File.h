@@ -49,6 +49,9 @@ struct ReaderOptions {
     bool verifyChecksums = true;
     // Log recovery and damage at level 3 (scanning, skipped records).
     bool logDamage = true;
+    // Open a closed file through its index (false: walk the records as for
+    // a file that was not closed; for checking one against the other).
+    bool useIndex = true;
 };
 
 // The container file reader (the KEL2 container, ".kel").

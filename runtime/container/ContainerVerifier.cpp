@@ -122,10 +122,6 @@ void Verify(const std::string& path, ContainerVerification& v) {
                 streams.insert(atom.key.streamId);
             }
         }
-        if (v.recoverableAtoms == 0 && v.damagedBytes > 0) {
-            v.openResult = KEL_ERR_CORRUPT;
-            v.openError = "no valid record in " + std::to_string(v.damagedBytes) + " damaged bytes";
-        }
     }
     v.streams = streams.size();
 }

@@ -103,7 +103,8 @@ KelErrorCode ReadKEL2File::Impl::Open() {
 
     std::vector<IndexEntry> entries;
     IndexLocation location;
-    const IndexStatus status = ReadIndex(data, size, entries, location, reason);
+    const IndexStatus status =
+        options.useIndex ? ReadIndex(data, size, entries, location, reason) : IndexStatus::kAbsent;
     if (status == IndexStatus::kValid) {
         report.indexUsed = true;
         recordsEnd = location.indexOffset;
@@ -117,10 +118,10 @@ KelErrorCode ReadKEL2File::Impl::Open() {
     if (status == IndexStatus::kDamaged && options.logDamage) {
         LogContainer(3, "Container '%s': index unusable (%s); scanning the records", path.c_str(), reason.c_str());
     }
+    // A file whose header is intact opens even when none of its records is:
+    // a power loss can leave just that of a recording whose data was never
+    // synced, and an empty container is the truthful answer.
     Scan();
-    if (report.validRecords == 0 && report.skippedBytes > 0) {
-        return Fail(KEL_ERR_CORRUPT, "no valid record in " + std::to_string(report.skippedBytes) + " damaged bytes");
-    }
     return KEL_OK;
 }
 

@@ -253,8 +253,11 @@ KelErrorCode SerializeToKel::Impl::Serialize(const Atom& atom) {
     }
     if (syncEachAtom) {
         if (const KelErrorCode code = Sync("an atom record"); code != KEL_OK) {
-            // The record is in the file but not promised durable; it stays
-            // out of the index, which is not written after a failed sync.
+            // The atom is reported as not written, so a reader must not find
+            // it either: cut its record off again.
+            if (io->FTruncate(fd, offset) == 0) {
+                end = offset;
+            }
             return code;
         }
     }
@@ -298,7 +301,7 @@ KelErrorCode SerializeToKel::Impl::Close() {
         if (const int rc =
                 ReplaceFileAtomically(*io, filePath.str() + ".xml", companion.Render(filePath.str(), end), what);
             rc != 0) {
-            result = Failed(Step::kCompanion, CodeForWriteErrno(-rc), "XML companion: " + what + ": " + ErrnoText(-rc));
+            result = Failed(Step::kCompanion, CodeForOpenErrno(-rc), "XML companion: " + what + ": " + ErrnoText(-rc));
         }
     }
     return result;

@@ -1,0 +1,94 @@
+// Crash simulation: generated write sequences are recorded operation by
+// operation, and for every prefix of the operations the files a crash at that
+// point leaves are rebuilt and opened:
+// - a process crash keeps every completed operation: every acknowledged
+//   atom must come back identical;
+// - a power loss keeps what was synced and any mix of later pages: every atom
+//   acknowledged before the last successful sync must come back identical,
+//   later ones may be missing, and nothing may come back altered or invented.
+// KEL_CRASH_SEQUENCES sets the number of generated sequences.
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+
+#include "harness/WriterRun.h"
+#include "support/TestSupport.h"
+
+namespace {
+
+using namespace kel_harness;
+
+int Sequences(int fallback) {
+    const char* env = std::getenv("KEL_CRASH_SEQUENCES");  // NOLINT(concurrency-mt-unsafe): read once, no writers
+    return env != nullptr ? std::atoi(env) : fallback;
+}
+
+// Problems with the files `files` left by a crash, given what the writer had
+// been told (`expected`).
+std::vector<std::string> CheckCrash(const Files& files, const std::string& name,
+                                    const std::vector<WrittenAtom>& expected) {
+    kel_test::TempDir dir;
+    Materialize(files, dir.Path().string());
+    if (files.count(name) == 0) {
+        for (const auto& w : expected) {
+            if (w.fate == Fate::kRequired) {
+                return {"the file is gone although " + Describe(*w.model) + " was acknowledged"};
+            }
+        }
+        return {};
+    }
+    auto problems = CheckContainer(dir.File(name), expected);
+    const auto walked = CheckContainer(dir.File(name), expected, {true, false, false});
+    problems.insert(problems.end(), walked.begin(), walked.end());
+    if (const auto xml = files.find(name + ".xml"); xml != files.end()) {
+        const std::string text(xml->second.begin(), xml->second.end());
+        if (text.find("</kelContainer>") == std::string::npos) {
+            problems.push_back("the XML companion is incomplete");
+        }
+    }
+    return problems;
+}
+
+TEST(ContainerCrash, AcknowledgedAtomsSurviveACrashAfterEveryFileOperation) {
+    const int sequences = Sequences(40);
+    std::size_t processCrashes = 0;
+    std::size_t powerLosses = 0;
+    std::size_t acknowledged = 0;
+    for (int seed = 0; seed < sequences; ++seed) {
+        SeededEntropy entropy(static_cast<std::uint64_t>(seed));
+        const auto atoms =
+            GenerateAtoms(entropy, {.maxAtoms = 12, .maxLayers = 5, .largeBlobOneIn = 60, .maxLargeBlob = 300000});
+        kel_test::TempDir dir;
+        WriterRunOptions options;
+        options.syncEachAtom = seed % 2 == 1;
+        options.xmlCompanion = seed % 3 == 0;
+        const auto run = RunWriter(dir.Path().string(), "crash.kel", atoms, options);
+        ASSERT_EQ(run.firstFailure, 0U) << "seed " << seed;
+        acknowledged += atoms.size();
+
+        for (std::size_t k = 0; k <= run.ops.size(); ++k) {
+            const std::string where = "seed " + std::to_string(seed) + ", crash after " + std::to_string(k) + " of " +
+                                      std::to_string(run.ops.size()) + " operations";
+            for (const auto& problem :
+                 CheckCrash(AfterProcessCrash(run.ops, k), "crash.kel", run.Expectations(atoms, k, false))) {
+                ADD_FAILURE() << where << " (process crash): " << problem;
+            }
+            ++processCrashes;
+            for (int variant = 0; variant < 4; ++variant) {
+                SeededEntropy outcome(static_cast<std::uint64_t>(seed) * 1000003 + k * 17 + variant);
+                for (const auto& problem :
+                     CheckCrash(AfterPowerLoss(run.ops, k, outcome), "crash.kel", run.Expectations(atoms, k, true))) {
+                    ADD_FAILURE() << where << " (power loss, outcome " << variant << "): " << problem;
+                }
+                ++powerLosses;
+            }
+        }
+    }
+    std::cout << "crash points: " << processCrashes << " process crashes, " << powerLosses << " power losses over "
+              << sequences << " sequences of " << acknowledged << " acknowledged atoms\n";
+}
+
+}  // namespace
