@@ -97,9 +97,35 @@ bool Write(const std::string& path, const std::vector<KEL::AtomPtr>& atoms, bool
 
 }  // namespace
 
+// Inputs for the writer-and-reader fuzzer: it reads its choices from the
+// input, so a few kilobytes of varied bytes start it with long sequences of
+// atoms of many sizes instead of the empty sequence.
+bool WriteChoiceSeeds(const std::filesystem::path& dir) {
+    std::uint64_t x = 0x2545F4914F6CDD1DULL;
+    for (int n = 0; n < 32; ++n) {
+        std::vector<char> bytes(256 + 256 * static_cast<std::size_t>(n % 8));
+        for (auto& b : bytes) {
+            x ^= x << 13;
+            x ^= x >> 7;
+            x ^= x << 17;
+            b = static_cast<char>(x);
+        }
+        std::ofstream out(dir / ("choices" + std::to_string(n)), std::ios::binary);
+        out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        if (!out) {
+            return false;
+        }
+    }
+    return true;
+}
+
 int main(int argc, char** argv) {
+    if (argc == 3 && std::string(argv[1]) == "--choices") {
+        std::filesystem::create_directories(argv[2]);
+        return WriteChoiceSeeds(argv[2]) ? 0 : 1;
+    }
     if (argc != 2) {
-        std::fprintf(stderr, "usage: %s <corpus dir>\n", argv[0]);
+        std::fprintf(stderr, "usage: %s <corpus dir>\n       %s --choices <corpus dir>\n", argv[0], argv[0]);
         return 2;
     }
     const std::filesystem::path dir(argv[1]);
