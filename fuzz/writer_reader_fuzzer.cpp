@@ -58,7 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     options.xmlCompanion = data.ConsumeBool();
     const auto crash = data.ConsumeIntegralInRange<int>(0, 2);  // none, process crash, power loss
     const auto crashPoint = data.ConsumeIntegral<std::uint16_t>();
-    const auto atoms = GenerateAtoms(entropy, {.maxAtoms = 10, .maxLayers = 6, .largeBlobOneIn = 0});
+    const auto atoms = GenerateAtoms(entropy, {.maxAtoms = 10, .maxLayers = 6, .largeBlobOneIn = 0, .maxBlob = 70000});
 
     const auto written = Scratch() / "written";
     Fresh(written);

@@ -357,13 +357,15 @@ std::optional<std::string> DifferenceFrom(const ModelAtom& model, const KEL::Ato
 std::size_t GenerateBlobSize(Entropy& e, const GenerationLimits& limits) {
     static constexpr std::array<std::size_t, 14> kBoundaries{0,    1,    7,    8,     63,    64,    65,
                                                              4095, 4096, 4097, 65535, 65536, 65537, 262144};
+    std::size_t size = 0;
     if (limits.largeBlobOneIn != 0 && e.Chance(limits.largeBlobOneIn)) {
-        return e.Below(limits.maxLargeBlob);
+        size = e.Below(limits.maxLargeBlob);
+    } else if (e.Chance(4)) {
+        size = kBoundaries[e.Below(kBoundaries.size() - 1)];
+    } else {
+        size = e.Below(e.Chance(4) ? 4096 : 300);
     }
-    if (e.Chance(4)) {
-        return kBoundaries[e.Below(kBoundaries.size() - 1)];
-    }
-    return e.Below(e.Chance(4) ? 4096 : 300);
+    return std::min(size, limits.maxBlob);
 }
 
 std::vector<ModelAtom> GenerateAtoms(Entropy& e, const GenerationLimits& limits) {

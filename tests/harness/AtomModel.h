@@ -104,6 +104,8 @@ struct GenerationLimits {
     // one blob in this many may be large (up to maxLargeBlob bytes).
     std::uint64_t largeBlobOneIn = 40;
     std::size_t maxLargeBlob = std::size_t{3} << 20;
+    // No blob is larger than this.
+    std::size_t maxBlob = std::size_t{64} << 20;
 };
 
 // Atoms with stream ids from a few streams (and sometimes any id), frame

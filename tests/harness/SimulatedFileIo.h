@@ -48,7 +48,8 @@ struct Fault {
 
 // Performs the operations on the real file system under `root` (every path
 // the serializer uses must lie there), records them, and applies `faults`.
-// Thread-safe.
+// Syncs are recorded but not performed: what they make durable is what the
+// crash functions below model. Thread-safe.
 class SimulatedFileIo final : public KEL::container::FileIo {
 public:
     explicit SimulatedFileIo(std::string root, std::vector<Fault> faults = {});
