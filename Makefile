@@ -5,7 +5,7 @@ PRESET ?= release
 BUILD_DIR := build/$(PRESET)
 JOBS ?= $(shell nproc)
 
-.PHONY: deps configure build test demo asan tsan fuzz bench install clean
+.PHONY: deps configure build test demo asan tsan fuzz bench soak install clean
 
 deps:
 	@./scripts/install-deps.sh
@@ -36,6 +36,10 @@ fuzz:
 bench: deps
 	@cmake --preset release -DKEL_BUILD_BENCH=ON >/dev/null && cmake --build --preset release -j $(JOBS)
 	@./scripts/run-benchmarks.sh $(BUILD_DIR)
+
+# The generated container tests with fresh seeds for SOAK_SECONDS (default 600).
+soak: deps
+	@./scripts/soak.sh $(or $(SOAK_SECONDS),600)
 
 install: build
 	@cmake --install $(BUILD_DIR) --prefix $(or $(PREFIX),/usr/local)

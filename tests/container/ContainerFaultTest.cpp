@@ -5,7 +5,8 @@
 // report the matching code, refuse atoms after a failed sync, and leave a
 // file that holds every acknowledged atom exactly once and no failed one,
 // through the index and by walking the records alike, with nothing damaged.
-// KEL_FAULT_SEQUENCES sets the number of generated sequences.
+// KEL_FAULT_SEQUENCES sets the number of generated sequences, KEL_HARNESS_SEED
+// the first.
 
 #include <KEL/ContainerVerifier.h>
 #include <KEL/KELLogger.h>
@@ -28,6 +29,12 @@ using Mode = Fault::Mode;
 int Sequences(int fallback) {
     const char* env = std::getenv("KEL_FAULT_SEQUENCES");  // NOLINT(concurrency-mt-unsafe): read once, no writers
     return env != nullptr ? std::atoi(env) : fallback;
+}
+
+// The first generated sequence (KEL_HARNESS_SEED; 0 unless a soak run sets it).
+std::uint64_t FirstSeed() {
+    const char* env = std::getenv("KEL_HARNESS_SEED");  // NOLINT(concurrency-mt-unsafe): read once, no writers
+    return env != nullptr ? std::strtoull(env, nullptr, 10) : 0;
 }
 
 // The operation that closes the container (the companion's file may get the
@@ -83,8 +90,9 @@ TEST(ContainerFaults, EveryFailingFileOperationIsReportedAndLosesNothingAcknowle
     const int stderrLevel = logger->GetStderrLevel();
     logger->SetStderrLevel(KelCommon::LOG_OFF);
     std::size_t failedCalls = 0;
-    for (int seed = 0; seed < sequences; ++seed) {
-        SeededEntropy entropy(static_cast<std::uint64_t>(seed) + 7777);
+    for (int n = 0; n < sequences; ++n) {
+        const std::uint64_t seed = FirstSeed() + static_cast<std::uint64_t>(n);
+        SeededEntropy entropy(seed + 7777);
         const auto atoms =
             GenerateAtoms(entropy, {.maxAtoms = 8, .maxLayers = 5, .largeBlobOneIn = 60, .maxLargeBlob = 200000});
         WriterRunOptions options;

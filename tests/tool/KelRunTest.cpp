@@ -139,6 +139,31 @@ TEST_F(KelRun, InterruptStopsAnEndlessRunCleanly) {
     EXPECT_EQ(verify.exitCode, 0) << verify.out;
 }
 
+// A writer that cannot write makes the run fail and names its file, also
+// when it is an asynchronous target, whose writing thread has no way to
+// report to the graph. Files over 64 KiB fail (RLIMIT_FSIZE, as a full disk).
+TEST_F(KelRun, WriteFailureFailsTheRunAndNamesTheFileForEveryTarget) {
+    for (const std::string target : {"TargetKEL2FileWriter", "TargetKEL2FileWriterAsync"}) {
+        SCOPED_TRACE(target);
+        const std::string noDrop = target.ends_with("Async") ? R"(, "Drop frames when full": false)" : "";
+        WriteText(File("graph.json"), R"({"filters": [
+          {"class": "SyntheticCaptureSource", "name": "cams", "params": {"Streams": 2, "Frames": 30, "Width": 64, "Height": 64}},
+          {"class": ")" + target + R"(", "name": "rec",
+           "params": {"KEL File Path": "full.kel", "Enable Recording": true)" +
+                                          noDrop + R"(}}],
+          "connections": [["cams", "rec"]]})");
+        const auto run = kel_tool_test::RunKel({"run", "graph.json", "--quiet"}, Cwd(), 64 * 1024);
+        EXPECT_EQ(run.exitCode, 1) << run.err;
+        EXPECT_NE(run.err.find("writing '" + File("full.kel") + "' failed"), std::string::npos) << run.err;
+        EXPECT_NE(run.err.find("File too large"), std::string::npos) << run.err;
+        // What was acknowledged before the limit is readable.
+        KEL::ReadKEL2File reader(File("full.kel").c_str());
+        ASSERT_EQ(reader.Initialize(), KEL::KEL_OK);
+        EXPECT_GT(reader.GetNumFrames(0), 0U);
+        EXPECT_LT(reader.GetNumFrames(0), 30U);
+    }
+}
+
 TEST_F(KelRun, UnregisteredClassIsNamed) {
     WriteText(File("graph.json"), R"({"filters": [{"class": "NoSuchFilter", "name": "x"}]})");
     KelFails({"run", "graph.json"}, 1, "filter class 'NoSuchFilter' is not registered");

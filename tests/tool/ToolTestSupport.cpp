@@ -37,11 +37,15 @@ std::string ReadText(const std::filesystem::path& path) {
 
 }  // namespace
 
-KelRun RunKel(const std::vector<std::string>& args, const std::string& cwd) {
+KelRun RunKel(const std::vector<std::string>& args, const std::string& cwd, std::uint64_t fileSizeLimit) {
     const std::filesystem::path outFile = std::filesystem::path(cwd) / ".kel-stdout";
     const std::filesystem::path errFile = std::filesystem::path(cwd) / ".kel-stderr";
     std::string command("cd ");
-    command.append(ShellQuote(cwd)).append(" && ").append(ShellQuote(KEL_TOOL_BINARY));
+    command.append(ShellQuote(cwd)).append(" && ");
+    if (fileSizeLimit != 0) {
+        command.append("ulimit -f ").append(std::to_string(fileSizeLimit / 512)).append(" && ");
+    }
+    command.append(ShellQuote(KEL_TOOL_BINARY));
     for (const auto& arg : args) {
         command.append(" ").append(ShellQuote(arg));
     }

@@ -21,8 +21,10 @@ struct KelRun {
 };
 
 // Runs `kel` with `args` (each passed as one argument, quoted for the
-// shell) in the working directory `cwd`, and waits for it to finish.
-KelRun RunKel(const std::vector<std::string>& args, const std::string& cwd);
+// shell) in the working directory `cwd`, and waits for it to finish. A
+// non-zero `fileSizeLimit` (bytes, a multiple of 512) caps the size of every
+// file it writes (RLIMIT_FSIZE): writes beyond fail as on a full disk.
+KelRun RunKel(const std::vector<std::string>& args, const std::string& cwd, std::uint64_t fileSizeLimit = 0);
 
 // Starts `kel` with `args` in `cwd` without waiting (output discarded);
 // returns the child's process id.

@@ -85,6 +85,7 @@ void ReadStatusValues(const KEL::Graph& graph, std::vector<GraphRunOutcome::Stat
 
 GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description, bool showProgress) {
     GraphRunOutcome outcome;
+    (void)KEL::TakeSerializerFailures();  // failures of earlier work are not this run's
     std::string why;
     if (graph.Initialize(&why) != KEL::KEL_OK) {
         outcome.error = "initialisation failed: " + why;
@@ -150,15 +151,20 @@ GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description,
     for (bool f : fired) {
         (f ? outcome.eventsFired : outcome.eventsNotFired) += 1;
     }
+    outcome.writeFailures = KEL::TakeSerializerFailures();
     if (!eventError.empty()) {
         outcome.error = eventError;
     } else if (!outcome.result.Ok()) {
         outcome.error = outcome.result.message.empty()
                             ? "the run failed (code " + std::to_string(outcome.result.code) + ")"
                             : outcome.result.message;
-    } else {
-        outcome.ok = true;
     }
+    for (const auto& f : outcome.writeFailures) {
+        outcome.error += (outcome.error.empty() ? "" : "; ") + std::string("writing '") + f.path +
+                         "' failed: " + f.reason +
+                         (f.count > 1 ? " (" + std::to_string(f.count) + " failed writes)" : "");
+    }
+    outcome.ok = outcome.error.empty();
     return outcome;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <KEL/Graph.h>
+#include <KEL/SerializeToKel.h>
 
 #include <ostream>
 #include <string>
@@ -25,6 +26,10 @@ struct GraphRunOutcome {
         std::string value;
     };
     std::vector<StatusValue> lastStatus;
+    // Files whose serializer failed during the run (a full disk, a size
+    // limit, a failing sync), whichever writer wrote them: the asynchronous
+    // targets cannot report write errors to the graph.
+    std::vector<KEL::SerializerFailure> writeFailures;
     std::size_t eventsFired = 0;
     std::size_t eventsNotFired = 0;  // events whose frame (or pass) the run never reached
 };
@@ -35,7 +40,8 @@ struct GraphRunOutcome {
 // current frame. Ctrl-C stops the run cleanly (files are closed as at a
 // natural end). With `showProgress` a progress bar is drawn on stderr when it
 // is a terminal. The graph is left initialised; destroying it de-initialises
-// its filters.
+// its filters. A run in which any file could not be written is a failed run
+// whose error names the files.
 GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description, bool showProgress);
 
 // Frames delivered and skipped, whether the run was stopped early, and every

@@ -2,6 +2,7 @@
 // graphs of filters from the loaded plugins.
 
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <exception>
 #include <iostream>
 
@@ -72,6 +73,9 @@ int main(int argc, char** argv) {
         return kExitUsage;
     }
 
+    // A file size limit must fail the write (EFBIG, reported as such) rather
+    // than kill the process with the recording half written.
+    std::signal(SIGXFSZ, SIG_IGN);
     try {
         ApplyVerbosity(global.verbosity);
         for (const auto& command : commands) {
