@@ -42,24 +42,25 @@ bool WriteScratch(const std::uint8_t* data, std::size_t size) {
 // A container holding `payload` as its one atom record.
 std::vector<std::uint8_t> SealAsAtomRecord(const std::uint8_t* data, std::size_t size, bool closed) {
     using namespace KEL::container;
-    const auto header = MakeFileHeader(kFormatVersion);
+    constexpr std::uint64_t kFileId = 0x5EED;
+    const auto header = EncodeFileHeader({kFormatVersion, kLayoutRevision, kFileId, 0});
     std::vector<std::uint8_t> file(kFirstRecordOffset, 0);
     std::copy(header.begin(), header.end(), file.begin());
-    const std::size_t payloadSize = AlignUp(size, kRecordAlignment);
-    file.resize(kFirstRecordOffset + kRecordHeaderSize + payloadSize, 0);
-    std::uint8_t* payload = file.data() + kFirstRecordOffset + kRecordHeaderSize;
-    if (size != 0) {
-        std::copy(data, data + size, payload);
+    std::vector<std::uint8_t> payload(AlignUp(size, kRecordAlignment), 0);
+    std::copy(data, data + size, payload.begin());
+    auto record = SealRecord(RecordKind::kAtom, payload, kFirstRecordOffset, kFileId);
+    // The header's copy of the atom key must agree with the payload's.
+    if (size >= kAtomMetaSize) {
+        RecordHeader h;
+        DecodeRecordHeader(record.data(), kFirstRecordOffset, h);
+        h.key = {GetU16(data), GetU32(data + 4), static_cast<std::int64_t>(GetU64(data + 8))};
+        EncodeRecordHeader(h, record.data());
     }
-    RecordHeader record;
-    record.kind = RecordKind::kAtom;
-    record.offset = kFirstRecordOffset;
-    record.payloadSize = payloadSize;
-    record.payloadChecksum = PayloadChecksum(payload, payloadSize, kFirstRecordOffset + kRecordHeaderSize);
-    EncodeRecordHeader(record, file.data() + kFirstRecordOffset);
+    file.insert(file.end(), record.begin(), record.end());
     if (closed && size >= kAtomMetaSize) {
-        const IndexEntry entry{kFirstRecordOffset, GetU32(payload + 4), GetU16(payload)};
-        const auto tail = EncodeIndexAndFooter({entry}, file.size());
+        const IndexEntry entry{kFirstRecordOffset, static_cast<std::int64_t>(GetU64(data + 8)), GetU32(data + 4),
+                               GetU16(data)};
+        const auto tail = EncodeIndexAndFooter({entry}, file.size(), kFileId);
         file.insert(file.end(), tail.begin(), tail.end());
     }
     return file;

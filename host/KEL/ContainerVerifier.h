@@ -24,6 +24,9 @@ struct ContainerVerification {
     std::string openError;
     std::uint16_t formatVersion = 0;
     std::uint64_t fileSize = 0;
+    std::uint64_t fileId = 0;  // the identity the records must carry
+    // The file header is unreadable; the identity came from the footer or the records.
+    bool headerDamaged = false;
 
     bool indexPresent = false;  // a footer at the end of the file
     bool indexValid = false;    // ...and the index it points to is intact and agrees with the records
@@ -31,6 +34,7 @@ struct ContainerVerification {
     std::uint64_t atomRecords = 0;         // atom records with an intact header
     std::uint64_t damagedRecords = 0;      // records or regions that fail their checks
     std::uint64_t damagedBytes = 0;        // bytes in them
+    std::uint64_t foreignRecords = 0;      // intact records of another file among the damaged bytes
     std::uint64_t truncatedTailBytes = 0;  // an incomplete last record (a writer that stopped)
     // Atoms a reader returns from this file: through the index when it is
     // valid (its entries whose records are intact), otherwise by scanning.
@@ -43,14 +47,15 @@ struct ContainerVerification {
     // and the index is present and valid. A file that was never closed (no
     // index, possibly a truncated tail) is not intact but may lose nothing.
     bool IsIntact() const noexcept {
-        return openResult == KEL_OK && damagedRecords == 0 && truncatedTailBytes == 0 && indexValid;
+        return openResult == KEL_OK && !headerDamaged && damagedRecords == 0 && truncatedTailBytes == 0 && indexValid;
     }
 };
 
 // Checks a container file fully: the file header, the footer and the index,
-// and the header and payload checksum of every record; every index entry
-// must point to an intact atom record of the stream and frame it names, and
-// every atom record must be listed. Never modifies the file. Reads the whole
+// the checkpoints, and the header and payload checksum of every record; every
+// index and checkpoint entry must point to an intact atom record of the
+// stream, frame and time stamp it names, and every atom record must be listed
+// in the index. Never modifies the file. Reads the whole
 // file (cost proportional to its size). Thread-safe (no shared state); never
 // throws: an unreadable file is reported through openResult.
 KEL_API ContainerVerification VerifyContainer(const std::string& path);

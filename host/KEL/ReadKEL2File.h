@@ -27,7 +27,7 @@ public:
     virtual std::uint32_t GetNumFrames(std::uint16_t stream) const = 0;
     // The atom of `stream` whose stored frame number is `frameNr`, or empty.
     // Every call returns a new Atom object that the caller may change; the
-    // payload bytes may be shared with the reader's mapping of the file.
+    // payload bytes may be shared with the reader's memory.
     virtual std::shared_ptr<Atom> GetFrameAtom(std::uint16_t stream, std::uint32_t frameNr) = 0;
     // The stream's atom with the lowest stored frame number, or empty.
     virtual std::shared_ptr<Atom> GetFirstFrameAtom(std::uint16_t stream) = 0;
@@ -35,34 +35,55 @@ public:
 
 // What a reader learnt about damage while opening or reading.
 struct ContainerDamageReport {
-    bool indexUsed = false;                // opened from the index written at close
-    bool recovered = false;                // no usable index: the records were scanned
+    bool indexUsed = false;       // opened from the index written at close
+    bool recovered = false;       // no usable index: the records were walked
+    bool checkpointUsed = false;  // ...from the last checkpoint the writer left, not from the start
+    // The file header was unreadable; the file's identity was taken from its
+    // footer or its records (and the records of any other file skipped).
+    bool headerDamaged = false;
     std::uint64_t skippedBytes = 0;        // bytes that belonged to no valid record
-    std::uint64_t skippedRecords = 0;      // records dropped for a bad checksum or structure
+    std::uint64_t skippedRecords = 0;      // records or damaged regions dropped
+    std::uint64_t foreignRecords = 0;      // intact records of another file among the skipped bytes
     std::uint64_t validRecords = 0;        // atom records available
-    std::uint64_t truncatedTailBytes = 0;  // an incomplete last record (a writer that died)
+    std::uint64_t truncatedTailBytes = 0;  // an incomplete last record (a writer that died, or is still writing)
 };
 
 struct ReaderOptions {
-    // Verify each record's payload checksum when it is read (on by default;
-    // the check is cheap compared with using the data).
+    // Verify each record's payload checksum when it is first read (on by
+    // default; the check costs less than reading the bytes from disk).
     bool verifyChecksums = true;
-    // Log recovery and damage at level 3 (scanning, skipped records).
+    // Log recovery and damage at level 3 (walking, skipped records).
     bool logDamage = true;
     // Open a closed file through its index (false: walk the records as for
     // a file that was not closed; for checking one against the other).
     bool useIndex = true;
+    // Read (and verify) the next records on a second thread while atoms are
+    // fetched in file order, as playback does.
+    bool readAhead = true;
 };
 
 // The container file reader (the KEL2 container, ".kel").
 //
-// The file is memory-mapped at Initialize(): layer payloads of the atoms it
-// returns are views of the mapping and keep it alive, so atoms stay valid
-// after the reader is gone. The file must not be truncated by another process
-// while mapped. Opening reads the header and the index written at close; a
-// file without a valid index (its writer was killed or is still writing) is
-// scanned record by record and opened with every complete, checksum-valid
-// record. A damaged record costs that record only.
+// Reading. Records are read with positioned reads into reference-counted
+// memory from a pool; the layer payloads of the atoms returned are views of
+// that memory (no further copy) and keep it alive, so atoms stay valid after
+// the reader is gone. When atoms are fetched in file order, the following
+// records are read and verified ahead on a thread of the reader's own.
+//
+// Opening a closed file reads the header, the footer and the index, nothing
+// in proportion to the payload. A file without a valid index (its writer was
+// killed, or is still writing) is listed from the writer's last checkpoint
+// and the record headers after it, which carry each atom's key; payloads are
+// verified when first read, as with the index. A damaged record costs that
+// record only; a damaged or missing file header costs nothing but itself
+// (the records name their file). Records of another file (stale blocks of
+// an earlier recording, a second file glued on) are never returned.
+//
+// Any path is safe: FIFOs, sockets, devices and directories are refused at
+// once, and a file that another process shortens or rewrites while it is read
+// yields damaged records, never a signal or a hang. A file that grows (a
+// recording in progress) is followed with Refresh(); a record is listed only
+// once it is complete.
 //
 // Not thread-safe: one thread at a time.
 class KEL_API ReadKEL2File : public KEL2Reader {
@@ -71,9 +92,10 @@ public:
     ~ReadKEL2File() override;
 
     // Codes: KEL_ERR_NOT_FOUND, KEL_ERR_ACCESS_DENIED, KEL_ERR_IO,
-    // KEL_ERR_NOT_A_CONTAINER, KEL_ERR_UNSUPPORTED_VERSION, KEL_ERR_CORRUPT
-    // (no valid record can be recovered from a file that claims to hold
-    // some). Each failure is logged at level 2 with the path and the reason.
+    // KEL_ERR_NOT_A_CONTAINER (not a regular file, or no container in it),
+    // KEL_ERR_UNSUPPORTED_VERSION, KEL_ERR_CORRUPT (a damaged header and no
+    // record to recover). Each failure is logged at level 2 with the path and
+    // the reason. Can be called again to reopen.
     KelErrorCode Initialize() override;
     int GetNumStreams() const override;
     std::uint16_t GetStreamId(int index) const override;
@@ -82,11 +104,28 @@ public:
     std::shared_ptr<Atom> GetFrameAtom(std::uint16_t stream, std::uint32_t frameNr) override;
     std::shared_ptr<Atom> GetFirstFrameAtom(std::uint16_t stream) override;
 
+    // Lists the atom records appended since Initialize or the last Refresh
+    // (a recording still being written), continuing after the last complete
+    // record: a partial record is listed once the rest of it is there. Walks
+    // only the new records' headers. Returns 0 (with GetNumAtoms grown by
+    // what was found), or KEL_ERR_NOT_OPEN before a successful Initialize.
+    KelErrorCode Refresh();
+    // True when the file ends with its index: its writer closed it and it
+    // will not grow any more.
+    bool IsClosed() const noexcept;
+
     const std::string& GetFilePath() const noexcept;
     std::uint16_t GetFormatVersion() const noexcept;
+    // The identity the writer gave the file, and when it was created
+    // (microseconds since the Unix epoch; 0 when the header was lost).
+    std::uint64_t GetFileId() const noexcept;
+    std::int64_t GetCreationTime() const noexcept;
     const ContainerDamageReport& GetDamageReport() const noexcept;
-    // The stored frame numbers of a stream, ascending.
+    // The stored frame numbers of a stream, ascending, and the time stamps
+    // of the same atoms in the same order; both from the index or the record
+    // headers, without reading payloads.
     std::vector<std::uint32_t> GetFrameNumbers(std::uint16_t stream) const;
+    std::vector<std::int64_t> GetTimeStamps(std::uint16_t stream) const;
     // Total number of atom records.
     std::uint64_t GetNumAtoms() const noexcept;
     std::uint64_t GetFileSize() const noexcept;

@@ -21,8 +21,8 @@ struct EncodedLayer {
 
 }  // namespace
 
-KelErrorCode EncodeAtomRecord(const Atom& atom, std::uint64_t recordOffset, EncodedAtomRecord& out,
-                              std::string& error) {
+KelErrorCode EncodeAtomRecord(const Atom& atom, std::uint64_t recordOffset, std::uint64_t fileId,
+                              EncodedAtomRecord& out, std::string& error) {
     const auto layers = atom.GetAllDataLayers();
     if (layers.size() > std::numeric_limits<std::uint32_t>::max()) {
         error = "too many layers";
@@ -115,6 +115,8 @@ KelErrorCode EncodeAtomRecord(const Atom& atom, std::uint64_t recordOffset, Enco
 
     RecordHeader header;
     header.kind = RecordKind::kAtom;
+    header.fileId = fileId;
+    header.key = {atom.GetStreamId(), atom.GetFrameNr(), atom.GetTimeStamp()};
     header.offset = recordOffset;
     header.payloadSize = end - payloadStart;
     header.payloadChecksum = hasher.Digest();
@@ -123,17 +125,7 @@ KelErrorCode EncodeAtomRecord(const Atom& atom, std::uint64_t recordOffset, Enco
     return KEL_OK;
 }
 
-bool PeekAtomKey(const std::uint8_t* payload, std::uint64_t payloadSize, AtomKey& key) {
-    if (payloadSize < kAtomMetaSize) {
-        return false;
-    }
-    key.streamId = GetU16(payload);
-    key.frameNr = GetU32(payload + 4);
-    key.timeStamp = static_cast<std::int64_t>(GetU64(payload + 8));
-    return true;
-}
-
-std::shared_ptr<Atom> DecodeAtomRecord(const std::shared_ptr<const MappedFile>& mapping, const std::uint8_t* payload,
+std::shared_ptr<Atom> DecodeAtomRecord(const std::shared_ptr<const void>& owner, const std::uint8_t* payload,
                                        std::uint64_t payloadSize, std::string& reason) {
     if (payloadSize < kAtomMetaSize) {
         reason = "atom record too short";
@@ -148,7 +140,6 @@ std::shared_ptr<Atom> DecodeAtomRecord(const std::shared_ptr<const MappedFile>& 
         std::make_shared<Atom>(GetU16(payload), GetU32(payload + 4), static_cast<std::int64_t>(GetU64(payload + 8)));
     atom->SetId(GetU32(payload + 16));
 
-    const std::shared_ptr<const void> owner = mapping;
     const auto& registry = DataLayerRegistry::Instance();
     std::uint64_t pos = kAtomMetaSize;
     for (std::uint32_t i = 0; i < numLayers; ++i) {

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "container/MappedFile.h"
+#include "container/ContainerFormat.h"
 
 namespace KEL::container {
 
@@ -25,24 +25,19 @@ struct EncodedAtomRecord {
     std::uint64_t totalSize = 0;
 };
 
-// Encodes `atom` as a record to be written at file offset `recordOffset`
-// (blob alignment depends on it). Returns 0, or KEL_ERR_INVALID with `error`
-// set for an atom that cannot be stored (an empty layer, fields over 4 GiB).
-KelErrorCode EncodeAtomRecord(const Atom& atom, std::uint64_t recordOffset, EncodedAtomRecord& out, std::string& error);
+// Encodes `atom` as a record of the file `fileId` to be written at file
+// offset `recordOffset` (blob alignment depends on it). Returns 0, or
+// KEL_ERR_INVALID with `error` set for an atom that cannot be stored (an
+// empty layer, fields over 4 GiB).
+KelErrorCode EncodeAtomRecord(const Atom& atom, std::uint64_t recordOffset, std::uint64_t fileId,
+                              EncodedAtomRecord& out, std::string& error);
 
-// The identifying fields at the start of an atom payload.
-struct AtomKey {
-    std::uint16_t streamId = 0;
-    std::uint32_t frameNr = 0;
-    std::int64_t timeStamp = 0;
-};
-bool PeekAtomKey(const std::uint8_t* payload, std::uint64_t payloadSize, AtomKey& key);
-
-// Rebuilds the atom stored in a record payload that lies inside `mapping`.
-// Blobs become views of the mapping. Returns empty, with `reason` set, when
-// the payload is malformed or a known layer type does not decode; unknown
-// layer types come back as DataTypeOpaque. Never reads outside the payload.
-std::shared_ptr<Atom> DecodeAtomRecord(const std::shared_ptr<const MappedFile>& mapping, const std::uint8_t* payload,
+// Rebuilds the atom stored in a record payload that lies in memory owned by
+// `owner`. Blobs become views of that memory and keep it alive. Returns
+// empty, with `reason` set, when the payload is malformed or a known layer
+// type does not decode; unknown layer types come back as DataTypeOpaque.
+// Never reads outside the payload.
+std::shared_ptr<Atom> DecodeAtomRecord(const std::shared_ptr<const void>& owner, const std::uint8_t* payload,
                                        std::uint64_t payloadSize, std::string& reason);
 
 }  // namespace KEL::container

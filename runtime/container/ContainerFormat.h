@@ -5,61 +5,78 @@
 //
 // All integers are little-endian with explicit sizes; all offsets are 64-bit.
 //
-//   file    := fileHeader pad(1) record* [indexRecord footerRecord]
-//   fileHeader (15 bytes):
-//     0  "KEL_Osprey"        10 bytes
-//     10 u16 format version  (2000)
-//     12 u8  reserved        (0)
-//     13 u16 header check    (low 16 bits of XXH3_64 over bytes 0..12)
-//   record  := recordHeader payload, starting at an 8-byte aligned offset,
-//              payload size a multiple of 8
-//   recordHeader (40 bytes):
-//     0  u32 record magic
-//     4  u8  kind            (RecordKind)
-//     5  u8  reserved (0), 6 u16 reserved (0)
-//     8  u64 payload size    (bytes after the header)
-//     16 u64 record offset   (where the record itself starts in the file)
-//     24 u64 payload check   (PayloadChecksum below: XXH3_64 over the payload)
-//     32 u64 header check    (XXH3_64 over header bytes 0..31)
+//   file := fileHeader checkpointSlot[2] record* [indexRecord footerRecord]
 //
-// The header check protects the length, so a damaged length is detected
-// before it is used; the stored record offset makes a record copied inside
-// another record's payload (a container stored as an attachment) unusable
-// anywhere but where it was written.
+//   fileHeader (64 bytes at 0):
+//     0  "KEL_Osprey"          10 bytes
+//     10 u16 format version    (2000)
+//     12 u8  layout revision   (2)
+//     13 u8  flags (0), 14 u16 reserved (0)
+//     16 u64 file identity     (random, chosen at creation, never 0)
+//     24 i64 creation time     (microseconds since the Unix epoch)
+//     32 24 bytes reserved     (0)
+//     56 u64 header check      (XXH3_64 over bytes 0..55)
+//   checkpointSlot (32 bytes at 64 and at 96), rewritten in place:
+//     0 u64 sequence (0: empty), 8 u64 checkpoint record offset,
+//     16 u64 atoms listed up to that checkpoint,
+//     24 u64 check (XXH3_64 over bytes 0..23 seeded with the file identity)
+//   record := recordHeader payload, at an 8-byte aligned offset from 128 on,
+//             payload size a multiple of 8
+//   recordHeader (64 bytes):
+//     0  u32 record magic
+//     4  u8  kind              (RecordKind)
+//     5  u8  reserved (0)
+//     6  u16 format version    (2000)
+//     8  u64 file identity     (the file header's)
+//     16 u64 payload size      (bytes after the header)
+//     24 u64 record offset     (where the record itself starts)
+//     32 u64 payload check     (PayloadChecksum, Checksum.h)
+//     40 u32 frame number, 44 u16 stream id, 46 u16 reserved,
+//     48 i64 time stamp        (an atom record's key; 0 for other kinds)
+//     56 u64 header check      (XXH3_64 over header bytes 0..55)
+//
+// Every record names the file it belongs to and where in it it was written,
+// so records of another file (stale blocks of an earlier recording at the
+// same path, a second file glued on, a container stored as an attachment
+// inside an atom) are never taken for this file's, and the identity and the
+// version survive the loss of the file header. An atom record's header also
+// carries the atom's key, so that a file without its index is listed by
+// reading headers only, with keys protected by the header check.
 
 #include <KEL/KelErrorCode.h>
-#include <xxh_x86dispatch.h>
-#include <xxhash.h>
 
-#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <new>
 #include <string>
+
+#include "container/ByteOrder.h"
+#include "container/Checksum.h"
 
 namespace KEL::container {
 
 inline constexpr std::size_t kMagicSize = 10;
 inline constexpr std::array<std::uint8_t, kMagicSize> kFileMagic{'K', 'E', 'L', '_', 'O', 's', 'p', 'r', 'e', 'y'};
 inline constexpr std::uint16_t kFormatVersion = 2000;
-inline constexpr std::size_t kFileHeaderSize = 15;
-inline constexpr std::size_t kFileHeaderCheckedBytes = 13;
-inline constexpr std::uint64_t kFirstRecordOffset = 16;
+inline constexpr std::uint8_t kLayoutRevision = 2;
+inline constexpr std::size_t kFileHeaderSize = 64;
+inline constexpr std::size_t kFileHeaderCheckedBytes = 56;
 
-inline constexpr std::uint32_t kRecordMagic = 0x63524B89;  // bytes 89 'K' 'R' 'c'
-inline constexpr std::size_t kRecordHeaderSize = 40;
-inline constexpr std::size_t kRecordHeaderCheckedBytes = 32;
+inline constexpr std::size_t kCheckpointSlotSize = 32;
+inline constexpr std::array<std::uint64_t, 2> kCheckpointSlotOffsets{64, 96};
+inline constexpr std::uint64_t kFirstRecordOffset = 128;
+
+inline constexpr std::uint32_t kRecordMagic = 0x64524B89;  // bytes 89 'K' 'R' 'd'
+inline constexpr std::size_t kRecordHeaderSize = 64;
+inline constexpr std::size_t kRecordHeaderCheckedBytes = 56;
 inline constexpr std::uint64_t kRecordAlignment = 8;
-// Blobs start at file offsets that are multiples of this, so views of the
-// mapped file are aligned for any element type and for SIMD loads.
-inline constexpr std::uint64_t kBlobAlignment = 64;
 
 enum class RecordKind : std::uint8_t {
     kAtom = 1,
     kIndex = 2,
     kFooter = 3,
+    kCheckpoint = 4,
 };
 
 // Atom payload:
@@ -76,168 +93,133 @@ inline constexpr std::size_t kAtomMetaSize = 24;
 inline constexpr std::size_t kLayerDescriptorSize = 48;
 inline constexpr std::size_t kBlobRefSize = 16;
 
-// Index payload: u64 entry count, then per atom record in file order
-//   0 u64 record offset, 8 u32 frame number, 12 u16 stream id, 14 u16 reserved
+// An index entry, as the index and the checkpoints list atom records:
+//   0 u64 record offset, 8 i64 time stamp, 16 u32 frame number,
+//   20 u16 stream id, 22 u16 reserved
+inline constexpr std::size_t kIndexEntrySize = 24;
+// Index payload: u64 entry count, then the entries of every atom record in
+// file order.
 inline constexpr std::size_t kIndexCountSize = 8;
-inline constexpr std::size_t kIndexEntrySize = 16;
-
+// Checkpoint payload: u64 offset of the previous checkpoint (0: none),
+// u64 entry count, then the entries of the atom records written since the
+// previous checkpoint, in file order.
+inline constexpr std::size_t kCheckpointPrefixSize = 16;
 // Footer payload: u64 index record offset, u64 atom record count. The footer
-// record is the last thing in a closed file, so it sits at EOF - kFooterRecordSize.
+// record is the last thing in a closed file, at EOF - kFooterRecordSize.
 inline constexpr std::size_t kFooterPayloadSize = 16;
 inline constexpr std::size_t kFooterRecordSize = kRecordHeaderSize + kFooterPayloadSize;
 
-inline constexpr std::uint64_t AlignUp(std::uint64_t value, std::uint64_t alignment) {
-    return (value + alignment - 1) / alignment * alignment;
-}
+// ---- file header ----
 
-inline void PutU16(std::uint8_t* p, std::uint16_t v) {
-    p[0] = static_cast<std::uint8_t>(v);
-    p[1] = static_cast<std::uint8_t>(v >> 8);
-}
-inline void PutU32(std::uint8_t* p, std::uint32_t v) {
-    for (int i = 0; i < 4; ++i) {
-        p[i] = static_cast<std::uint8_t>(v >> (8 * i));
-    }
-}
-inline void PutU64(std::uint8_t* p, std::uint64_t v) {
-    for (int i = 0; i < 8; ++i) {
-        p[i] = static_cast<std::uint8_t>(v >> (8 * i));
-    }
-}
-inline std::uint16_t GetU16(const std::uint8_t* p) { return static_cast<std::uint16_t>(p[0] | (p[1] << 8)); }
-inline std::uint32_t GetU32(const std::uint8_t* p) {
-    std::uint32_t v = 0;
-    for (int i = 0; i < 4; ++i) {
-        v |= static_cast<std::uint32_t>(p[i]) << (8 * i);
-    }
-    return v;
-}
-inline std::uint64_t GetU64(const std::uint8_t* p) {
-    std::uint64_t v = 0;
-    for (int i = 0; i < 8; ++i) {
-        v |= static_cast<std::uint64_t>(p[i]) << (8 * i);
-    }
-    return v;
-}
-
-// The dispatching entry points pick the widest vector unit the CPU has
-// (SSE2, AVX2 or AVX-512) at run time; the hash value is the same on all.
-inline std::uint64_t Checksum(const void* data, std::size_t size) { return XXH3_64bits_dispatch(data, size); }
-
-// The payload check of a record whose payload starts at file offset
-// `payloadOffset`. The payload is hashed in two parts, split at the first file
-// offset that is a multiple of kBlobAlignment: the XXH3_64 of the part before
-// that point seeds the XXH3_64 of the rest. The rest, which holds every blob,
-// is thereby read from 64-byte aligned memory in a mapped file; a hash that
-// starts at a misaligned address is about a third slower on current x86 cores.
-inline std::uint64_t PayloadHeadSize(std::uint64_t payloadOffset) {
-    return AlignUp(payloadOffset, kBlobAlignment) - payloadOffset;
-}
-inline std::uint64_t PayloadChecksum(const std::uint8_t* payload, std::uint64_t size, std::uint64_t payloadOffset) {
-    const std::uint64_t head = PayloadHeadSize(payloadOffset) < size ? PayloadHeadSize(payloadOffset) : size;
-    return XXH3_64bits_withSeed_dispatch(payload + head, size - head, XXH3_64bits_dispatch(payload, head));
-}
-
-// PayloadChecksum computed over a payload given in pieces (the serializer's
-// gather list). Throws std::bad_alloc when the hash state cannot be made.
-class PayloadHasher {
-public:
-    explicit PayloadHasher(std::uint64_t payloadOffset)
-        : headSize_(PayloadHeadSize(payloadOffset)), state_(XXH3_createState()) {
-        if (state_ == nullptr) {
-            throw std::bad_alloc();
-        }
-        // A payload that starts on the alignment boundary has an empty head:
-        // the tail, seeded with the hash of nothing, starts at once.
-        if (headSize_ == 0) {
-            StartTail();
-        }
-    }
-    ~PayloadHasher() { XXH3_freeState(state_); }
-    PayloadHasher(const PayloadHasher&) = delete;
-    PayloadHasher& operator=(const PayloadHasher&) = delete;
-
-    void Update(const void* data, std::size_t size) {
-        const auto* p = static_cast<const std::uint8_t*>(data);
-        if (headFill_ < headSize_) {
-            const std::size_t take = std::min<std::size_t>(size, headSize_ - headFill_);
-            std::memcpy(head_.data() + headFill_, p, take);
-            headFill_ += take;
-            p += take;
-            size -= take;
-            if (headFill_ == headSize_) {
-                StartTail();
-            }
-        }
-        if (size != 0) {
-            XXH3_64bits_update_dispatch(state_, p, size);
-        }
-    }
-
-    std::uint64_t Digest() {
-        if (!tailStarted_) {
-            StartTail();
-        }
-        return XXH3_64bits_digest(state_);
-    }
-
-private:
-    void StartTail() {
-        XXH3_64bits_reset_withSeed(state_, XXH3_64bits_dispatch(head_.data(), headFill_));
-        tailStarted_ = true;
-    }
-
-    std::array<std::uint8_t, kBlobAlignment> head_{};
-    std::size_t headSize_;
-    std::size_t headFill_ = 0;
-    bool tailStarted_ = false;
-    XXH3_state_t* state_;
+struct FileHeader {
+    std::uint16_t version = kFormatVersion;
+    std::uint8_t revision = kLayoutRevision;
+    std::uint64_t fileId = 0;
+    std::int64_t createdUs = 0;
 };
 
-// The 15 header bytes of a file of the given format version.
-inline std::array<std::uint8_t, kFileHeaderSize> MakeFileHeader(std::uint16_t version) {
-    std::array<std::uint8_t, kFileHeaderSize> h{};
-    std::memcpy(h.data(), kFileMagic.data(), kMagicSize);
-    PutU16(h.data() + 10, version);
-    h[12] = 0;
-    PutU16(h.data() + 13, static_cast<std::uint16_t>(Checksum(h.data(), kFileHeaderCheckedBytes)));
-    return h;
+inline std::array<std::uint8_t, kFileHeaderSize> EncodeFileHeader(const FileHeader& h) {
+    std::array<std::uint8_t, kFileHeaderSize> out{};
+    std::memcpy(out.data(), kFileMagic.data(), kMagicSize);
+    PutU16(out.data() + 10, h.version);
+    out[12] = h.revision;
+    PutU64(out.data() + 16, h.fileId);
+    PutU64(out.data() + 24, static_cast<std::uint64_t>(h.createdUs));
+    PutU64(out.data() + kFileHeaderCheckedBytes, Checksum(out.data(), kFileHeaderCheckedBytes));
+    return out;
 }
 
-// Checks the file header of `data[0, size)`. Returns 0 and sets `version`,
-// or KEL_ERR_NOT_A_CONTAINER, KEL_ERR_CORRUPT (a damaged or cut header) or
-// KEL_ERR_UNSUPPORTED_VERSION with `reason` set.
-inline KelErrorCode CheckFileHeader(const std::uint8_t* data, std::uint64_t size, std::uint16_t& version,
-                                    std::string& reason) {
-    version = 0;
+enum class FileHeaderStatus {
+    kValid,
+    kNoMagic,      // the file does not start like a container
+    kDamaged,      // it does, but the header fails its check (or is cut short)
+    kUnsupported,  // an intact header of a version or layout this host does not read
+};
+
+// Decodes the header in `data[0, size)` (size may be less than the header).
+inline FileHeaderStatus DecodeFileHeader(const std::uint8_t* data, std::uint64_t size, FileHeader& out,
+                                         std::string& reason) {
+    if (size < kMagicSize || std::memcmp(data, kFileMagic.data(), kMagicSize) != 0) {
+        reason = size == 0 ? "empty file" : "no container header";
+        return FileHeaderStatus::kNoMagic;
+    }
+    // The first layout of format 2000 had a 15-byte header with a 16-bit
+    // check and revision byte 0.
+    if (size >= 15 && GetU16(data + 10) == kFormatVersion && data[12] == 0 &&
+        GetU16(data + 13) == static_cast<std::uint16_t>(Checksum(data, 13))) {
+        reason = "format 2000 in the layout of an earlier release (revision 0); this host reads revision " +
+                 std::to_string(kLayoutRevision);
+        return FileHeaderStatus::kUnsupported;
+    }
     if (size < kFileHeaderSize) {
-        const std::size_t n = size < kMagicSize ? static_cast<std::size_t>(size) : kMagicSize;
-        if (size != 0 && std::memcmp(data, kFileMagic.data(), n) == 0) {
-            reason = "truncated file header (" + std::to_string(size) + " bytes)";
-            return KEL_ERR_CORRUPT;
-        }
-        reason = size == 0 ? std::string("empty file") : "too short (" + std::to_string(size) + " bytes)";
-        return KEL_ERR_NOT_A_CONTAINER;
+        reason = "file header cut short (" + std::to_string(size) + " bytes)";
+        return FileHeaderStatus::kDamaged;
     }
-    if (std::memcmp(data, kFileMagic.data(), kMagicSize) != 0) {
-        reason = "no container header";
-        return KEL_ERR_NOT_A_CONTAINER;
-    }
-    if (GetU16(data + kFileHeaderCheckedBytes) != static_cast<std::uint16_t>(Checksum(data, kFileHeaderCheckedBytes))) {
+    if (GetU64(data + kFileHeaderCheckedBytes) != Checksum(data, kFileHeaderCheckedBytes)) {
         reason = "damaged file header";
-        return KEL_ERR_CORRUPT;
+        return FileHeaderStatus::kDamaged;
     }
-    version = GetU16(data + kMagicSize);
-    if (version != kFormatVersion) {
-        reason =
-            "format version " + std::to_string(version) + " (this host reads " + std::to_string(kFormatVersion) + ")";
-        return KEL_ERR_UNSUPPORTED_VERSION;
+    out.version = GetU16(data + 10);
+    out.revision = data[12];
+    out.fileId = GetU64(data + 16);
+    out.createdUs = static_cast<std::int64_t>(GetU64(data + 24));
+    if (out.version != kFormatVersion || out.revision != kLayoutRevision) {
+        reason = "format version " + std::to_string(out.version) + " revision " + std::to_string(out.revision) +
+                 " (this host reads " + std::to_string(kFormatVersion) + " revision " +
+                 std::to_string(kLayoutRevision) + ")";
+        return FileHeaderStatus::kUnsupported;
     }
-    return KEL_OK;
+    if (out.fileId == 0) {
+        reason = "file header without identity";
+        return FileHeaderStatus::kDamaged;
+    }
+    return FileHeaderStatus::kValid;
 }
+
+// ---- checkpoint slots ----
+
+struct CheckpointSlot {
+    std::uint64_t sequence = 0;
+    std::uint64_t checkpointOffset = 0;
+    std::uint64_t atoms = 0;
+};
+
+inline std::array<std::uint8_t, kCheckpointSlotSize> EncodeCheckpointSlot(const CheckpointSlot& s,
+                                                                          std::uint64_t fileId) {
+    std::array<std::uint8_t, kCheckpointSlotSize> out{};
+    PutU64(out.data(), s.sequence);
+    PutU64(out.data() + 8, s.checkpointOffset);
+    PutU64(out.data() + 16, s.atoms);
+    PutU64(out.data() + 24, Checksum(out.data(), 24, fileId));
+    return out;
+}
+
+// False for an empty or damaged slot.
+inline bool DecodeCheckpointSlot(const std::uint8_t* p, std::uint64_t fileId, CheckpointSlot& out) {
+    if (GetU64(p + 24) != Checksum(p, 24, fileId)) {
+        return false;
+    }
+    out.sequence = GetU64(p);
+    out.checkpointOffset = GetU64(p + 8);
+    out.atoms = GetU64(p + 16);
+    return out.sequence != 0 && out.checkpointOffset >= kFirstRecordOffset &&
+           out.checkpointOffset % kRecordAlignment == 0;
+}
+
+// ---- record headers ----
+
+// What identifies an atom: its stream, its frame number, and its time stamp.
+struct AtomKey {
+    std::uint16_t streamId = 0;
+    std::uint32_t frameNr = 0;
+    std::int64_t timeStamp = 0;
+};
 
 struct RecordHeader {
     RecordKind kind = RecordKind::kAtom;
+    AtomKey key;  // atom records only
+    std::uint16_t version = kFormatVersion;
+    std::uint64_t fileId = 0;
     std::uint64_t payloadSize = 0;
     std::uint64_t offset = 0;
     std::uint64_t payloadChecksum = 0;
@@ -249,11 +231,16 @@ inline void EncodeRecordHeader(const RecordHeader& h, std::uint8_t* out) {
     PutU32(out, kRecordMagic);
     out[4] = static_cast<std::uint8_t>(h.kind);
     out[5] = 0;
-    PutU16(out + 6, 0);
-    PutU64(out + 8, h.payloadSize);
-    PutU64(out + 16, h.offset);
-    PutU64(out + 24, h.payloadChecksum);
-    PutU64(out + 32, Checksum(out, kRecordHeaderCheckedBytes));
+    PutU16(out + 6, h.version);
+    PutU64(out + 8, h.fileId);
+    PutU64(out + 16, h.payloadSize);
+    PutU64(out + 24, h.offset);
+    PutU64(out + 32, h.payloadChecksum);
+    PutU32(out + 40, h.key.frameNr);
+    PutU16(out + 44, h.key.streamId);
+    PutU16(out + 46, 0);
+    PutU64(out + 48, static_cast<std::uint64_t>(h.key.timeStamp));
+    PutU64(out + 56, Checksum(out, kRecordHeaderCheckedBytes));
 }
 
 // Result of looking at kRecordHeaderSize bytes that should be a record header.
@@ -261,24 +248,30 @@ enum class HeaderStatus {
     kValid,
     kNoMagic,      // not the start of a record
     kBadChecksum,  // a record header, damaged
-    kMisplaced,    // intact, but written for another offset or malformed
+    kMisplaced,    // intact, but written for another offset, of another version, or malformed
 };
 
 // Decodes the header at `p`, which lies at file offset `offset`. Only the
-// header's own bytes are read; the caller checks the payload against the
-// file's size.
+// header's own bytes are read; the caller checks the identity and the payload
+// against the file's size.
 inline HeaderStatus DecodeRecordHeader(const std::uint8_t* p, std::uint64_t offset, RecordHeader& out) {
     if (GetU32(p) != kRecordMagic) {
         return HeaderStatus::kNoMagic;
     }
-    if (GetU64(p + 32) != Checksum(p, kRecordHeaderCheckedBytes)) {
+    if (GetU64(p + 56) != Checksum(p, kRecordHeaderCheckedBytes)) {
         return HeaderStatus::kBadChecksum;
     }
     out.kind = static_cast<RecordKind>(p[4]);
-    out.payloadSize = GetU64(p + 8);
-    out.offset = GetU64(p + 16);
-    out.payloadChecksum = GetU64(p + 24);
-    if (out.offset != offset || out.payloadSize % kRecordAlignment != 0 || p[5] != 0 || GetU16(p + 6) != 0) {
+    out.version = GetU16(p + 6);
+    out.fileId = GetU64(p + 8);
+    out.payloadSize = GetU64(p + 16);
+    out.offset = GetU64(p + 24);
+    out.payloadChecksum = GetU64(p + 32);
+    out.key.frameNr = GetU32(p + 40);
+    out.key.streamId = GetU16(p + 44);
+    out.key.timeStamp = static_cast<std::int64_t>(GetU64(p + 48));
+    if (out.offset != offset || out.payloadSize % kRecordAlignment != 0 || p[5] != 0 || GetU16(p + 46) != 0 ||
+        out.version != kFormatVersion || out.fileId == 0) {
         return HeaderStatus::kMisplaced;
     }
     return HeaderStatus::kValid;

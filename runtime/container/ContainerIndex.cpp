@@ -1,117 +1,100 @@
 #include "container/ContainerIndex.h"
 
-#include "container/ContainerFormat.h"
-
 namespace KEL::container {
 
-std::vector<std::uint8_t> EncodeIndexAndFooter(const std::vector<IndexEntry>& entries, std::uint64_t indexOffset) {
-    const std::uint64_t indexPayload = kIndexCountSize + kIndexEntrySize * entries.size();
-    std::vector<std::uint8_t> out(kRecordHeaderSize + indexPayload + kFooterRecordSize, 0);
-    std::uint8_t* payload = out.data() + kRecordHeaderSize;
-    PutU64(payload, entries.size());
-    std::uint8_t* e = payload + kIndexCountSize;
-    for (const auto& entry : entries) {
-        PutU64(e, entry.offset);
-        PutU32(e + 8, entry.frameNr);
-        PutU16(e + 12, entry.streamId);
-        e += kIndexEntrySize;
-    }
-    RecordHeader index;
-    index.kind = RecordKind::kIndex;
-    index.offset = indexOffset;
-    index.payloadSize = indexPayload;
-    index.payloadChecksum = PayloadChecksum(payload, indexPayload, indexOffset + kRecordHeaderSize);
-    EncodeRecordHeader(index, out.data());
+namespace {
 
-    const std::uint64_t footerOffset = indexOffset + kRecordHeaderSize + indexPayload;
-    std::uint8_t* footer = out.data() + kRecordHeaderSize + indexPayload;
-    PutU64(footer + kRecordHeaderSize, indexOffset);
-    PutU64(footer + kRecordHeaderSize + 8, entries.size());
-    RecordHeader footerHeader;
-    footerHeader.kind = RecordKind::kFooter;
-    footerHeader.offset = footerOffset;
-    footerHeader.payloadSize = kFooterPayloadSize;
-    footerHeader.payloadChecksum =
-        PayloadChecksum(footer + kRecordHeaderSize, kFooterPayloadSize, footerOffset + kRecordHeaderSize);
-    EncodeRecordHeader(footerHeader, footer);
+void PutEntry(std::uint8_t* p, const IndexEntry& e) {
+    PutU64(p, e.offset);
+    PutU64(p + 8, static_cast<std::uint64_t>(e.timeStamp));
+    PutU32(p + 16, e.frameNr);
+    PutU16(p + 20, e.streamId);
+    PutU16(p + 22, 0);
+}
+
+}  // namespace
+
+std::vector<std::uint8_t> SealRecord(RecordKind kind, const std::vector<std::uint8_t>& payload, std::uint64_t offset,
+                                     std::uint64_t fileId) {
+    std::vector<std::uint8_t> out(kRecordHeaderSize + payload.size());
+    std::copy(payload.begin(), payload.end(), out.begin() + kRecordHeaderSize);
+    RecordHeader header;
+    header.kind = kind;
+    header.fileId = fileId;
+    header.offset = offset;
+    header.payloadSize = payload.size();
+    header.payloadChecksum =
+        PayloadChecksum(out.data() + kRecordHeaderSize, payload.size(), offset + kRecordHeaderSize);
+    EncodeRecordHeader(header, out.data());
     return out;
 }
 
-IndexStatus ReadIndex(const std::uint8_t* data, std::uint64_t size, std::vector<IndexEntry>& entries,
-                      IndexLocation& location, std::string& reason) {
-    entries.clear();
-    if (size < kFirstRecordOffset + kRecordHeaderSize + kIndexCountSize + kFooterRecordSize ||
-        size % kRecordAlignment != 0) {
-        return IndexStatus::kAbsent;
+std::vector<std::uint8_t> EncodeIndexAndFooter(const std::vector<IndexEntry>& entries, std::uint64_t indexOffset,
+                                               std::uint64_t fileId) {
+    std::vector<std::uint8_t> payload(kIndexCountSize + kIndexEntrySize * entries.size());
+    PutU64(payload.data(), entries.size());
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        PutEntry(payload.data() + kIndexCountSize + i * kIndexEntrySize, entries[i]);
     }
-    const std::uint64_t footerOffset = size - kFooterRecordSize;
-    RecordHeader footer;
-    const HeaderStatus footerStatus = DecodeRecordHeader(data + footerOffset, footerOffset, footer);
-    if (footerStatus == HeaderStatus::kNoMagic) {
-        return IndexStatus::kAbsent;
+    auto out = SealRecord(RecordKind::kIndex, payload, indexOffset, fileId);
+    std::vector<std::uint8_t> footer(kFooterPayloadSize);
+    PutU64(footer.data(), indexOffset);
+    PutU64(footer.data() + 8, entries.size());
+    const auto sealed = SealRecord(RecordKind::kFooter, footer, indexOffset + out.size(), fileId);
+    out.insert(out.end(), sealed.begin(), sealed.end());
+    return out;
+}
+
+std::vector<std::uint8_t> EncodeCheckpoint(const IndexEntry* first, std::size_t count, std::uint64_t previous,
+                                           std::uint64_t offset, std::uint64_t fileId) {
+    std::vector<std::uint8_t> payload(kCheckpointPrefixSize + kIndexEntrySize * count);
+    PutU64(payload.data(), previous);
+    PutU64(payload.data() + 8, count);
+    for (std::size_t i = 0; i < count; ++i) {
+        PutEntry(payload.data() + kCheckpointPrefixSize + i * kIndexEntrySize, first[i]);
     }
-    if (footerStatus != HeaderStatus::kValid) {
-        // A record ending exactly at EOF that is not the footer is an
-        // ordinary record of an unclosed file.
-        return footerStatus == HeaderStatus::kMisplaced ? IndexStatus::kAbsent : IndexStatus::kDamaged;
-    }
-    if (footer.kind != RecordKind::kFooter) {
-        return IndexStatus::kAbsent;
-    }
-    location.footerOffset = footerOffset;
-    const std::uint8_t* fp = data + footerOffset + kRecordHeaderSize;
-    if (footer.payloadSize != kFooterPayloadSize ||
-        PayloadChecksum(fp, kFooterPayloadSize, footerOffset + kRecordHeaderSize) != footer.payloadChecksum) {
-        reason = "damaged footer";
-        return IndexStatus::kDamaged;
-    }
-    const std::uint64_t indexOffset = GetU64(fp);
-    const std::uint64_t numAtoms = GetU64(fp + 8);
-    location.indexOffset = indexOffset;
-    if (indexOffset < kFirstRecordOffset || indexOffset % kRecordAlignment != 0 ||
-        indexOffset > footerOffset - kRecordHeaderSize - kIndexCountSize) {
-        reason = "footer points outside the file";
-        return IndexStatus::kDamaged;
-    }
-    RecordHeader index;
-    if (DecodeRecordHeader(data + indexOffset, indexOffset, index) != HeaderStatus::kValid ||
-        index.kind != RecordKind::kIndex) {
-        reason = "damaged index header";
-        return IndexStatus::kDamaged;
-    }
-    if (index.payloadSize != footerOffset - indexOffset - kRecordHeaderSize) {
-        reason = "index size does not match the footer";
-        return IndexStatus::kDamaged;
-    }
-    const std::uint8_t* ip = data + indexOffset + kRecordHeaderSize;
-    if (PayloadChecksum(ip, index.payloadSize, indexOffset + kRecordHeaderSize) != index.payloadChecksum) {
-        reason = "index checksum mismatch";
-        return IndexStatus::kDamaged;
-    }
-    const std::uint64_t count = GetU64(ip);
-    if (count != numAtoms || count > (index.payloadSize - kIndexCountSize) / kIndexEntrySize ||
-        kIndexCountSize + count * kIndexEntrySize != index.payloadSize) {
-        reason = "index entry count does not match its size";
-        return IndexStatus::kDamaged;
-    }
-    entries.reserve(count);
-    std::uint64_t minOffset = kFirstRecordOffset;
-    const std::uint8_t* e = ip + kIndexCountSize;
-    for (std::uint64_t i = 0; i < count; ++i, e += kIndexEntrySize) {
-        IndexEntry entry;
-        entry.offset = GetU64(e);
-        entry.frameNr = GetU32(e + 8);
-        entry.streamId = GetU16(e + 12);
-        if (entry.offset < minOffset || entry.offset % kRecordAlignment != 0 || entry.offset > indexOffset ||
-            indexOffset - entry.offset < kRecordHeaderSize + kAtomMetaSize || GetU16(e + 14) != 0) {
-            entries.clear();
-            reason = "index entry " + std::to_string(i) + " points outside the records";
-            return IndexStatus::kDamaged;
+    return SealRecord(RecordKind::kCheckpoint, payload, offset, fileId);
+}
+
+bool DecodeIndexEntries(const std::uint8_t* p, std::uint64_t count, std::uint64_t minOffset, std::uint64_t limit,
+                        std::vector<IndexEntry>& out, std::string& reason) {
+    const std::size_t before = out.size();
+    out.reserve(before + count);
+    for (std::uint64_t i = 0; i < count; ++i, p += kIndexEntrySize) {
+        IndexEntry e;
+        e.offset = GetU64(p);
+        e.timeStamp = static_cast<std::int64_t>(GetU64(p + 8));
+        e.frameNr = GetU32(p + 16);
+        e.streamId = GetU16(p + 20);
+        if (e.offset < minOffset || e.offset % kRecordAlignment != 0 || e.offset > limit ||
+            limit - e.offset < kRecordHeaderSize + kAtomMetaSize || GetU16(p + 22) != 0) {
+            out.resize(before);
+            reason = "entry " + std::to_string(i) + " points outside the records";
+            return false;
         }
-        minOffset = entry.offset + kRecordHeaderSize + kAtomMetaSize;
-        entries.push_back(entry);
+        minOffset = e.offset + kRecordHeaderSize + kAtomMetaSize;
+        out.push_back(e);
     }
-    return IndexStatus::kValid;
+    return true;
+}
+
+bool DecodeFooter(const std::uint8_t* payload, std::uint64_t payloadSize, Footer& out) {
+    if (payloadSize != kFooterPayloadSize) {
+        return false;
+    }
+    out.indexOffset = GetU64(payload);
+    out.atoms = GetU64(payload + 8);
+    return true;
+}
+
+bool DecodeCheckpointPrefix(const std::uint8_t* payload, std::uint64_t payloadSize, CheckpointPrefix& out) {
+    if (payloadSize < kCheckpointPrefixSize) {
+        return false;
+    }
+    out.previous = GetU64(payload);
+    out.count = GetU64(payload + 8);
+    return out.count <= (payloadSize - kCheckpointPrefixSize) / kIndexEntrySize &&
+           kCheckpointPrefixSize + out.count * kIndexEntrySize == payloadSize;
 }
 
 }  // namespace KEL::container

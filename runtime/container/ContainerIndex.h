@@ -4,35 +4,53 @@
 #include <string>
 #include <vector>
 
+#include "container/ContainerFormat.h"
+
 namespace KEL::container {
 
-// Where one atom record lives, as the index written at close lists it.
+// Where one atom record lives and what it holds, as the index written at
+// close and the checkpoints written on the way list it.
 struct IndexEntry {
     std::uint64_t offset = 0;
+    std::int64_t timeStamp = 0;
     std::uint32_t frameNr = 0;
     std::uint16_t streamId = 0;
 };
 
+// A whole record: its header for file offset `offset` of the file
+// `fileId`, followed by `payload` (whose size must be a multiple of 8).
+std::vector<std::uint8_t> SealRecord(RecordKind kind, const std::vector<std::uint8_t>& payload, std::uint64_t offset,
+                                     std::uint64_t fileId);
+
 // The index record and the footer record that end a closed file; the index
 // record starts at `indexOffset`.
-std::vector<std::uint8_t> EncodeIndexAndFooter(const std::vector<IndexEntry>& entries, std::uint64_t indexOffset);
+std::vector<std::uint8_t> EncodeIndexAndFooter(const std::vector<IndexEntry>& entries, std::uint64_t indexOffset,
+                                               std::uint64_t fileId);
 
-enum class IndexStatus {
-    kValid,
-    kAbsent,   // no footer at the end: the file was not closed (or was cut)
-    kDamaged,  // a footer, but it or the index fails its checks
+// A checkpoint record at `offset` listing `count` entries from `first` (the
+// atoms written since the checkpoint at `previous`, 0 for none).
+std::vector<std::uint8_t> EncodeCheckpoint(const IndexEntry* first, std::size_t count, std::uint64_t previous,
+                                           std::uint64_t offset, std::uint64_t fileId);
+
+// Decodes `count` entries at `p`, checking that they are record-aligned, in
+// increasing file order from `minOffset` on, and leave room for an atom
+// record before `limit`. Appends them to `out`; false with `reason` set
+// otherwise (and `out` unchanged).
+bool DecodeIndexEntries(const std::uint8_t* p, std::uint64_t count, std::uint64_t minOffset, std::uint64_t limit,
+                        std::vector<IndexEntry>& out, std::string& reason);
+
+// The parts of a footer payload.
+struct Footer {
+    std::uint64_t indexOffset = 0;
+    std::uint64_t atoms = 0;
 };
+bool DecodeFooter(const std::uint8_t* payload, std::uint64_t payloadSize, Footer& out);
 
-struct IndexLocation {
-    std::uint64_t indexOffset = 0;  // valid unless kAbsent
-    std::uint64_t footerOffset = 0;
+// The parts of a checkpoint payload before its entries.
+struct CheckpointPrefix {
+    std::uint64_t previous = 0;
+    std::uint64_t count = 0;
 };
-
-// Reads the index of a closed file from `data[0, size)`: the footer at the
-// end, then the index record it points to, both checksum-verified, and every
-// entry checked to lie before the index in increasing order. Reads only the
-// footer and the index. On kDamaged, `reason` says what failed.
-IndexStatus ReadIndex(const std::uint8_t* data, std::uint64_t size, std::vector<IndexEntry>& entries,
-                      IndexLocation& location, std::string& reason);
+bool DecodeCheckpointPrefix(const std::uint8_t* payload, std::uint64_t payloadSize, CheckpointPrefix& out);
 
 }  // namespace KEL::container

@@ -4,11 +4,11 @@
 #include <new>
 #include <set>
 
-#include "container/AtomRecord.h"
 #include "container/ContainerFormat.h"
-#include "container/ContainerIndex.h"
-#include "container/MappedFile.h"
-#include "container/RecordScanner.h"
+#include "container/FileIdentity.h"
+#include "container/IndexReader.h"
+#include "container/ReadableFile.h"
+#include "container/RecordWalker.h"
 
 namespace KEL {
 
@@ -16,112 +16,120 @@ using namespace container;
 
 namespace {
 
-struct ScannedAtom {
+struct WalkedAtom {
     AtomKey key;
-    bool keyValid = false;
     bool payloadValid = false;
 };
+
+// Problems of index or checkpoint entries that do not point to the intact
+// atom they name; returns how many entries do.
+std::uint64_t CheckEntries(const std::vector<IndexEntry>& entries, const std::map<std::uint64_t, WalkedAtom>& atoms,
+                           const char* listedBy, ContainerVerification& v, std::set<std::uint16_t>* streams) {
+    std::uint64_t agreeing = 0;
+    for (const auto& e : entries) {
+        const auto it = atoms.find(e.offset);
+        if (it == atoms.end() || it->second.key.streamId != e.streamId || it->second.key.frameNr != e.frameNr ||
+            it->second.key.timeStamp != e.timeStamp) {
+            v.problems.push_back({e.offset, 0,
+                                  std::string(listedBy) + " entry for stream " + std::to_string(e.streamId) +
+                                      " frame " + std::to_string(e.frameNr) + " does not point to that atom record"});
+            continue;
+        }
+        ++agreeing;
+        if (it->second.payloadValid && streams != nullptr) {
+            ++v.recoverableAtoms;
+            streams->insert(e.streamId);
+        }
+    }
+    return agreeing;
+}
 
 void Verify(const std::string& path, ContainerVerification& v) {
     KelErrorCode code = KEL_OK;
     std::string reason;
-    const auto file = MappedFile::Open(path, code, reason);
+    const auto file = ReadableFile::Open(path, code, reason);
     if (!file) {
         v.openResult = code;
         v.openError = reason;
         return;
     }
-    const std::uint8_t* data = file->Data();
-    v.fileSize = file->Size();
-    code = CheckFileHeader(data, v.fileSize, v.formatVersion, reason);
-    if (code != KEL_OK) {
-        v.openResult = code;
-        v.openError = reason;
-        v.problems.push_back({0, std::min<std::uint64_t>(v.fileSize, kFileHeaderSize), reason});
-        return;
+    v.fileSize = file->CurrentSize();
+    const FileIdentity identity = IdentifyFile(*file, v.fileSize);
+    if (identity.status != FileHeaderStatus::kValid) {
+        v.problems.push_back({0, std::min<std::uint64_t>(v.fileSize, kFileHeaderSize), identity.reason});
+        if (identity.status == FileHeaderStatus::kUnsupported || !identity.Known()) {
+            v.openResult = identity.status == FileHeaderStatus::kUnsupported ? KEL_ERR_UNSUPPORTED_VERSION
+                           : identity.status == FileHeaderStatus::kNoMagic   ? KEL_ERR_NOT_A_CONTAINER
+                                                                             : KEL_ERR_CORRUPT;
+            v.openError = identity.reason;
+            return;
+        }
+        v.headerDamaged = true;
     }
+    v.formatVersion = kFormatVersion;
+    v.fileId = identity.header.fileId;
 
-    std::map<std::uint64_t, ScannedAtom> atoms;
-    ScanVisitor visitor;
+    std::map<std::uint64_t, WalkedAtom> atoms;
+    WalkVisitor visitor;
     visitor.onRecord = [&](std::uint64_t offset, const RecordHeader& header, bool payloadValid) {
         if (!payloadValid) {
             ++v.damagedRecords;
             v.damagedBytes += header.TotalSize();
             v.problems.push_back({offset, header.TotalSize(), "record payload checksum mismatch"});
         }
-        if (header.kind != RecordKind::kAtom) {
-            return;
+        if (header.kind == RecordKind::kAtom) {
+            atoms.emplace(offset, WalkedAtom{header.key, payloadValid});
+            ++v.atomRecords;
         }
-        ScannedAtom atom;
-        atom.payloadValid = payloadValid;
-        atom.keyValid = PeekAtomKey(data + offset + kRecordHeaderSize, header.payloadSize, atom.key);
-        if (payloadValid && !atom.keyValid) {
-            ++v.damagedRecords;
-            v.damagedBytes += header.TotalSize();
-            v.problems.push_back({offset, header.TotalSize(), "atom record too short"});
-        }
-        atoms.emplace(offset, atom);
-        ++v.atomRecords;
     };
-    visitor.onDamage = [&](std::uint64_t offset, std::uint64_t length) {
+    visitor.onDamage = [&](std::uint64_t offset, std::uint64_t length, std::uint64_t foreign) {
         ++v.damagedRecords;
         v.damagedBytes += length;
-        v.problems.push_back({offset, length, "damaged bytes: no intact record header"});
+        v.foreignRecords += foreign;
+        v.problems.push_back({offset, length,
+                              foreign == 0 ? std::string("damaged bytes: no intact record header")
+                                           : "damaged bytes, among them " + std::to_string(foreign) +
+                                                 " intact records of another file"});
     };
     visitor.onTail = [&](std::uint64_t offset, std::uint64_t length) {
         v.truncatedTailBytes = length;
         v.problems.push_back({offset, length, "incomplete record at the end of the file"});
     };
-    ScanRecords(data, v.fileSize, visitor);
+    WalkRecords(*file, {kFirstRecordOffset, v.fileSize, v.fileId, true}, visitor);
 
-    std::vector<IndexEntry> entries;
-    IndexLocation location;
-    const IndexStatus status = ReadIndex(data, v.fileSize, entries, location, reason);
+    ClosedIndex index;
+    const IndexStatus status = ReadIndex(*file, v.fileSize, v.fileId, index, reason);
     v.indexPresent = status != IndexStatus::kAbsent;
     std::set<std::uint16_t> streams;
     if (status == IndexStatus::kValid) {
         // What a reader using the index returns: the listed records that are intact.
-        bool agrees = true;
-        std::uint64_t listedBeforeIndex = 0;
-        for (const auto& e : entries) {
-            const auto it = atoms.find(e.offset);
-            if (it == atoms.end() || !it->second.keyValid || it->second.key.streamId != e.streamId ||
-                it->second.key.frameNr != e.frameNr) {
-                agrees = false;
-                v.problems.push_back({e.offset, 0,
-                                      "index entry for stream " + std::to_string(e.streamId) + " frame " +
-                                          std::to_string(e.frameNr) + " does not point to that atom record"});
-                continue;
-            }
-            ++listedBeforeIndex;
-            if (it->second.payloadValid) {
-                ++v.recoverableAtoms;
-                streams.insert(e.streamId);
-            }
-        }
+        const std::uint64_t listed = CheckEntries(index.entries, atoms, "index", v, &streams);
         std::uint64_t atomsBeforeIndex = 0;
         for (const auto& [offset, atom] : atoms) {
-            atomsBeforeIndex += offset < location.indexOffset ? 1 : 0;
+            atomsBeforeIndex += offset < index.indexOffset ? 1 : 0;
         }
-        if (atomsBeforeIndex != listedBeforeIndex) {
-            agrees = false;
-            v.problems.push_back({location.indexOffset, 0,
-                                  "index lists " + std::to_string(listedBeforeIndex) + " of " +
-                                      std::to_string(atomsBeforeIndex) + " atom records"});
+        v.indexValid = listed == index.entries.size() && listed == atomsBeforeIndex;
+        if (listed != atomsBeforeIndex) {
+            v.problems.push_back({index.indexOffset, 0,
+                                  "index lists " + std::to_string(listed) + " of " + std::to_string(atomsBeforeIndex) +
+                                      " atom records"});
         }
-        v.indexValid = agrees;
     } else {
-        if (status == IndexStatus::kDamaged) {
-            v.problems.push_back({location.footerOffset, 0, "index unusable: " + reason});
-        } else {
-            v.problems.push_back({v.fileSize, 0, "no index: the file was not closed"});
-        }
+        v.problems.push_back({v.fileSize, 0,
+                              status == IndexStatus::kDamaged ? "index unusable: " + reason
+                                                              : std::string("no index: the file was not closed")});
         for (const auto& [offset, atom] : atoms) {
-            if (atom.payloadValid && atom.keyValid) {
+            if (atom.payloadValid) {
                 ++v.recoverableAtoms;
                 streams.insert(atom.key.streamId);
             }
         }
+    }
+    // The checkpoints are a shortcut for readers of an unclosed file; what
+    // they list must be true even when nobody needs them.
+    CheckpointChain chain;
+    if (!v.headerDamaged && ReadCheckpoints(*file, v.fileSize, v.fileId, identity.slots.data(), chain, reason)) {
+        CheckEntries(chain.entries, atoms, "checkpoint", v, nullptr);
     }
     v.streams = streams.size();
 }

@@ -2,10 +2,12 @@
 #include <fcntl.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <mutex>
 #include <new>
+#include <random>
 #include <set>
 #include <system_error>
 #include <utility>
@@ -84,7 +86,21 @@ private:
 };
 
 // What failed, for logging each kind of failure once.
-enum class Step { kOpen, kWrite, kSync, kRefused, kIndex, kClose, kCompanion, kAtom };
+enum class Step { kOpen, kWrite, kSync, kRefused, kIndex, kClose, kCompanion, kAtom, kCheckpoint };
+
+// A checkpoint of the index is written after this many atoms or bytes of
+// records since the last one, whichever comes first.
+constexpr std::uint64_t kCheckpointAtoms = 1024;
+constexpr std::uint64_t kCheckpointBytes = std::uint64_t{256} << 20;
+
+std::uint64_t NewFileId() {
+    std::random_device device;
+    std::uint64_t id = 0;
+    while (id == 0) {
+        id = (static_cast<std::uint64_t>(device()) << 32) ^ device();
+    }
+    return id;
+}
 
 }  // namespace
 
@@ -106,7 +122,14 @@ struct SerializeToKel::Impl {
     // Close cuts off once the file is complete.
     bool junkPastEnd = false;
     std::uint64_t end = 0;
+    FileHeader header;
     std::vector<IndexEntry> index;
+    // The newest checkpoint, the first index entry it does not list, the
+    // record bytes written since, and how many checkpoints there are.
+    std::uint64_t lastCheckpoint = 0;
+    std::size_t uncheckpointed = 0;
+    std::uint64_t bytesSinceCheckpoint = 0;
+    std::uint64_t checkpoints = 0;
     XmlCompanion companion;
     std::uint64_t numAtoms = 0;
     std::string lastError;
@@ -126,6 +149,7 @@ struct SerializeToKel::Impl {
     KelErrorCode WriteAt(std::vector<iovec>& iov, std::uint64_t size, const char* what);
     KelErrorCode Sync(const char* what);
     KelErrorCode Serialize(const Atom& atom);
+    void WriteCheckpoint();
     KelErrorCode Close();
 };
 
@@ -175,11 +199,16 @@ KelErrorCode SerializeToKel::Impl::CreateInPlace(bool overwrite) {
         fd = -1;
         return Failed(Step::kOpen, CodeForOpenErrno(err), "cannot create: " + ErrnoText(err));
     }
-    std::array<std::uint8_t, kFirstRecordOffset> header{};
-    const auto fileHeader = MakeFileHeader(kFormatVersion);
-    std::memcpy(header.data(), fileHeader.data(), fileHeader.size());
-    std::vector<iovec> iov{{header.data(), header.size()}};
-    KelErrorCode code = WriteAt(iov, header.size(), "the file header");
+    header.fileId = NewFileId();
+    header.createdUs =
+        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
+            .count();
+    // The header and two empty checkpoint slots.
+    std::array<std::uint8_t, kFirstRecordOffset> start{};
+    const auto encoded = EncodeFileHeader(header);
+    std::memcpy(start.data(), encoded.data(), encoded.size());
+    std::vector<iovec> iov{{start.data(), start.size()}};
+    KelErrorCode code = WriteAt(iov, start.size(), "the file header");
     if (code == KEL_OK) {
         code = Sync("the new file");
     }
@@ -243,7 +272,7 @@ KelErrorCode SerializeToKel::Impl::Serialize(const Atom& atom) {
     }
     EncodedAtomRecord record;
     std::string error;
-    if (const KelErrorCode code = EncodeAtomRecord(atom, end, record, error); code != KEL_OK) {
+    if (const KelErrorCode code = EncodeAtomRecord(atom, end, header.fileId, record, error); code != KEL_OK) {
         return Failed(Step::kAtom, code,
                       "cannot store atom of stream " + std::to_string(atom.GetStreamId()) + ": " + error);
     }
@@ -261,12 +290,41 @@ KelErrorCode SerializeToKel::Impl::Serialize(const Atom& atom) {
             return code;
         }
     }
-    index.push_back({offset, atom.GetFrameNr(), atom.GetStreamId()});
+    index.push_back({offset, atom.GetTimeStamp(), atom.GetFrameNr(), atom.GetStreamId()});
     if (writeXml) {
         companion.AddAtom(atom);
     }
     ++numAtoms;
+    bytesSinceCheckpoint += record.totalSize;
+    if (index.size() - uncheckpointed >= kCheckpointAtoms || bytesSinceCheckpoint >= kCheckpointBytes) {
+        WriteCheckpoint();
+    }
     return KEL_OK;
+}
+
+// Appends a checkpoint listing the atoms written since the previous one and
+// points the older of the two slots at it, so that a file whose writer dies
+// is listed from there instead of from its first record. The atom that
+// triggered it is written and acknowledged whatever happens here: a failure
+// is logged, and the next attempt comes after the next interval.
+void SerializeToKel::Impl::WriteCheckpoint() {
+    const std::uint64_t offset = end;
+    auto record = EncodeCheckpoint(index.data() + uncheckpointed, index.size() - uncheckpointed, lastCheckpoint, offset,
+                                   header.fileId);
+    std::vector<iovec> iov{{record.data(), record.size()}};
+    bytesSinceCheckpoint = 0;
+    if (WriteAt(iov, record.size(), "a checkpoint") != KEL_OK) {
+        return;
+    }
+    lastCheckpoint = offset;
+    uncheckpointed = index.size();
+    ++checkpoints;
+    auto slot = EncodeCheckpointSlot({checkpoints, offset, index.size()}, header.fileId);
+    std::vector<iovec> slotIov{{slot.data(), slot.size()}};
+    std::uint64_t written = 0;
+    if (const int err = GatherWrite(*io, fd, kCheckpointSlotOffsets[checkpoints % 2], slotIov, written); err != 0) {
+        Failed(Step::kCheckpoint, CodeForWriteErrno(err), "cannot write a checkpoint slot: " + ErrnoText(err));
+    }
 }
 
 KelErrorCode SerializeToKel::Impl::Close() {
@@ -278,7 +336,7 @@ KelErrorCode SerializeToKel::Impl::Close() {
     if (syncFailed) {
         result = KEL_ERR_IO;
     } else {
-        auto tail = EncodeIndexAndFooter(index, end);
+        auto tail = EncodeIndexAndFooter(index, end, header.fileId);
         std::vector<iovec> iov{{tail.data(), tail.size()}};
         result = WriteAt(iov, tail.size(), "the index");
         if (result == KEL_OK && junkPastEnd) {
@@ -299,7 +357,8 @@ KelErrorCode SerializeToKel::Impl::Close() {
     if (writeXml && result == KEL_OK) {
         std::string what;
         if (const int rc =
-                ReplaceFileAtomically(*io, filePath.str() + ".xml", companion.Render(filePath.str(), end), what);
+                ReplaceFileAtomically(*io, filePath.str() + ".xml",
+                                      companion.Render(filePath.str(), end, header.fileId, header.createdUs), what);
             rc != 0) {
             result = Failed(Step::kCompanion, CodeForOpenErrno(-rc), "XML companion: " + what + ": " + ErrnoText(-rc));
         }

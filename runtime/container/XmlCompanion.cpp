@@ -3,6 +3,7 @@
 #include <KEL/KELPurposeGuids.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <filesystem>
 #include <pugixml.hpp>
 #include <sstream>
@@ -46,13 +47,20 @@ void XmlCompanion::AddAtom(const Atom& atom) {
     }
 }
 
-std::string XmlCompanion::Render(const std::string& containerPath, std::uint64_t fileSize) const {
+std::string XmlCompanion::Render(const std::string& containerPath, std::uint64_t fileSize, std::uint64_t fileId,
+                                 std::int64_t createdUs) const {
     pugi::xml_document doc;
     auto decl = doc.append_child(pugi::node_declaration);
     decl.append_attribute("version") = "1.0";
     decl.append_attribute("encoding") = "UTF-8";
     auto root = doc.append_child("kelContainer");
     root.append_attribute("file") = std::filesystem::path(containerPath).filename().string().c_str();
+    // The identity ties the companion to its container: one left beside a
+    // newer file of the same name is recognised as stale.
+    char id[17];
+    std::snprintf(id, sizeof id, "%016llx", static_cast<unsigned long long>(fileId));
+    root.append_attribute("fileId") = id;
+    root.append_attribute("created") = static_cast<long long>(createdUs);
     root.append_attribute("formatVersion") = static_cast<unsigned>(kFormatVersion);
     root.append_attribute("fileSize") = static_cast<unsigned long long>(fileSize);
     root.append_attribute("atoms") = static_cast<unsigned long long>(atoms_);

@@ -21,8 +21,9 @@ public:
     void AddAtom(const Atom& atom);
 
     // The companion's text for the container file `containerPath` of
-    // `fileSize` bytes.
-    std::string Render(const std::string& containerPath, std::uint64_t fileSize) const;
+    // `fileSize` bytes, whose header carries `fileId` and `createdUs`.
+    std::string Render(const std::string& containerPath, std::uint64_t fileSize, std::uint64_t fileId,
+                       std::int64_t createdUs) const;
 
 private:
     struct LayerKind {

@@ -27,7 +27,8 @@ void WriteAt(int fd, std::uint64_t offset, std::vector<iovec> iov, std::uint64_t
 TEST_F(ContainerLargeFile, RecordsBeyondFourGiBAreReadThroughTheIndex) {
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     ASSERT_GE(fd, 0);
-    auto header = MakeFileHeader(kFormatVersion);
+    constexpr std::uint64_t kFileId = 0x1234;
+    auto header = EncodeFileHeader({kFormatVersion, kLayoutRevision, kFileId, 0});
     WriteAt(fd, 0, {{header.data(), header.size()}}, header.size());
 
     const std::vector<KEL::AtomPtr> atoms{MakeFrameAtom(1, 0, 8, 8), MakeFrameAtom(1, 1, 8, 8)};
@@ -36,12 +37,12 @@ TEST_F(ContainerLargeFile, RecordsBeyondFourGiBAreReadThroughTheIndex) {
     for (const auto& atom : atoms) {
         EncodedAtomRecord record;
         std::string error;
-        ASSERT_EQ(EncodeAtomRecord(*atom, offset, record, error), KEL::KEL_OK) << error;
+        ASSERT_EQ(EncodeAtomRecord(*atom, offset, kFileId, record, error), KEL::KEL_OK) << error;
         WriteAt(fd, offset, record.iov, record.totalSize);
-        index.push_back({offset, atom->GetFrameNr(), atom->GetStreamId()});
+        index.push_back({offset, atom->GetTimeStamp(), atom->GetFrameNr(), atom->GetStreamId()});
         offset += record.totalSize;
     }
-    auto tail = EncodeIndexAndFooter(index, offset);
+    auto tail = EncodeIndexAndFooter(index, offset, kFileId);
     WriteAt(fd, offset, {{tail.data(), tail.size()}}, tail.size());
     ::close(fd);
 

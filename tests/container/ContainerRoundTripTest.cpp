@@ -61,54 +61,7 @@ TEST_F(ContainerRoundTrip, AtomWithMoreBlobsThanOneSystemCallTakesRoundTrips) {
     EXPECT_EQ(back->GetNumDataLayers(), 1501U);
 }
 
-TEST_F(ContainerRoundTrip, InterleavedStreamsKeepTheirOrderAndStoredFrameNumbers) {
-    // Stream 7 has every frame, 3 lacks frames 2 and 4, 5 is numbered in tens;
-    // stream 7 appears first, then 3, then 5.
-    std::vector<AtomPtr> atoms;
-    for (std::uint32_t f = 0; f < 6; ++f) {
-        atoms.push_back(MakeFrameAtom(7, f));
-        if (f != 2 && f != 4) {
-            atoms.push_back(MakeFrameAtom(3, f));
-        }
-        if (f % 2 == 0) {
-            atoms.push_back(MakeFrameAtom(5, f * 10));
-        }
-    }
-    WriteContainer(path, atoms);
-
-    auto reader = OpenContainer(path);
-    EXPECT_EQ(reader->GetNumAtoms(), atoms.size());
-    ASSERT_EQ(reader->GetNumStreams(), 3);
-    EXPECT_EQ(reader->GetFirstStreamId(), 7);
-    EXPECT_EQ((std::vector<int>{reader->GetStreamId(0), reader->GetStreamId(1), reader->GetStreamId(2),
-                                reader->GetStreamId(3), reader->GetStreamId(-1)}),
-              (std::vector<int>{7, 3, 5, 0, 0}));
-    EXPECT_EQ(reader->GetNumFrames(7), 6U);
-    EXPECT_EQ(reader->GetFrameNumbers(3), (std::vector<std::uint32_t>{0, 1, 3, 5}));
-    EXPECT_EQ(reader->GetFrameNumbers(5), (std::vector<std::uint32_t>{0, 20, 40}));
-    EXPECT_EQ(reader->GetNumFrames(8), 0U);
-    for (const auto& [stream, frame] : std::vector<std::pair<int, int>>{{3, 2}, {3, 4}, {5, 1}, {5, 2}, {7, 6}}) {
-        EXPECT_FALSE(reader->GetFrameAtom(stream, frame)) << stream << "/" << frame;
-    }
-    for (const auto& atom : atoms) {
-        ExpectSameAtom(atom, reader->GetFrameAtom(atom->GetStreamId(), atom->GetFrameNr()));
-    }
-}
-
-TEST_F(ContainerRoundTrip, FirstFrameIsTheLowestStoredNumberNotTheFirstWritten) {
-    const std::vector<AtomPtr> atoms{MakeFrameAtom(1, 10), MakeFrameAtom(1, 20), MakeFrameAtom(1, 5)};
-    WriteContainer(path, atoms);
-    auto reader = OpenContainer(path);
-    EXPECT_EQ(reader->GetFrameNumbers(1), (std::vector<std::uint32_t>{5, 10, 20}));
-    for (const auto& atom : atoms) {
-        ExpectSameAtom(atom, reader->GetFrameAtom(1, atom->GetFrameNr()));
-    }
-    ExpectSameAtom(atoms[2], reader->GetFirstFrameAtom(1));
-    EXPECT_FALSE(reader->GetFrameAtom(1, 0));
-    EXPECT_FALSE(reader->GetFirstFrameAtom(8));
-}
-
-TEST_F(ContainerRoundTrip, EveryFetchReturnsANewAtomSharingTheMappedPayloadThatOutlivesTheReader) {
+TEST_F(ContainerRoundTrip, EveryFetchReturnsANewAtomWhosePayloadOutlivesTheReaderAndIsAligned) {
     const auto original = MakeFrameAtom(1, 0, 64, 32);
     WriteContainer(path, {original});
 
@@ -122,17 +75,13 @@ TEST_F(ContainerRoundTrip, EveryFetchReturnsANewAtomSharingTheMappedPayloadThatO
         one->SetFrameNr(77);
         one->RemoveDataLayers(KEL::DataTypeTextureRGBA::TheTypeGuid());
         ExpectSameAtom(original, reader->GetFrameAtom(1, 0));
-        one = reader->GetFrameAtom(1, 0);
     }
     EXPECT_NE(one.get(), two.get());
-    const auto textureGuid = KEL::DataTypeTextureRGBA::TheTypeGuid();
-    auto texOne = KEL::LayerCast<KEL::DataTypeTextureRGBA>(one->GetDataLayerByType(textureGuid, false));
-    auto texTwo = KEL::LayerCast<KEL::DataTypeTextureRGBA>(two->GetDataLayerByType(textureGuid, false));
-    ASSERT_TRUE(texOne && texTwo);
-    EXPECT_NE(texOne.get(), texTwo.get());
-    EXPECT_TRUE(texOne->GetPixels().SharesStorageWith(texTwo->GetPixels()));
-    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(texOne->GetPixels().data()) % 64, 0U);
     ExpectSameAtom(original, two);
+    auto texture = KEL::LayerCast<KEL::DataTypeTextureRGBA>(
+        two->GetDataLayerByType(KEL::DataTypeTextureRGBA::TheTypeGuid(), false));
+    ASSERT_TRUE(texture);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(texture->GetPixels().data()) % 64, 0U);
 }
 
 TEST_F(ContainerRoundTrip, ContainerWithoutAtomsOpensEmptyBehindTheFileHeader) {
@@ -141,6 +90,7 @@ TEST_F(ContainerRoundTrip, ContainerWithoutAtomsOpensEmptyBehindTheFileHeader) {
     ASSERT_GE(bytes.size(), KEL::KEL2HeaderSize);
     EXPECT_EQ(std::string(bytes.begin(), bytes.begin() + 10), KEL::KEL2HeaderString.str());
     EXPECT_EQ(bytes[10] | (bytes[11] << 8), 2000);
+    EXPECT_NE(OpenContainer(path)->GetFileId(), 0U);
 
     auto reader = OpenContainer(path);
     EXPECT_EQ(reader->GetNumStreams(), 0);

@@ -5,6 +5,8 @@
 #include <KEL/DataTypeRecordingInfo.h>
 #include <KEL/DataTypeStaticInfo.h>
 #include <KEL/KELPurposeGuids.h>
+#include <grp.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -31,6 +33,24 @@ TempDir::~TempDir() {
                                      ec);
     }
     std::filesystem::remove_all(path_, ec);
+}
+
+int RunInChild(const std::function<int()>& body, bool unprivileged) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        constexpr uid_t kNobody = 65534;
+        if (unprivileged && geteuid() == 0 &&
+            (setgroups(0, nullptr) != 0 || setresgid(kNobody, kNobody, kNobody) != 0 ||
+             setresuid(kNobody, kNobody, kNobody) != 0)) {
+            _exit(125);
+        }
+        _exit(body());
+    }
+    int status = 0;
+    if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) {
+        return -1;
+    }
+    return WEXITSTATUS(status);
 }
 
 KelCommon::SharedBuffer PatternBuffer(std::size_t size, std::uint32_t seed) {

@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -60,6 +61,13 @@ std::shared_ptr<KEL::Atom> MakeFirstAtom(std::uint16_t stream, std::uint32_t num
 bool AtomsEqual(const KEL::Atom& a, const KEL::Atom& b, std::string* why = nullptr);
 // Layer kinds of an atom as "TypeName/purpose" strings, in order.
 std::vector<std::string> LayerKinds(const KEL::Atom& atom);
+
+// Runs `body` in a forked child and returns its exit code (-1 when the child
+// did not exit normally). Resource limits and identities set there die with
+// the child. With `unprivileged`, the child first drops to the user and group
+// nobody (65534) when the tests run as root, so that file permissions apply
+// to it; its files must then be reachable by everyone.
+int RunInChild(const std::function<int()>& body, bool unprivileged = false);
 
 // File damage helpers.
 std::vector<std::uint8_t> ReadFileBytes(const std::string& path);

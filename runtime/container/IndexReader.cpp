@@ -1,0 +1,168 @@
+#include "container/IndexReader.h"
+
+#include <algorithm>
+#include <array>
+
+namespace KEL::container {
+
+bool ReadWholeRecord(const ReadableFile& file, std::uint64_t offset, std::uint64_t limit, RecordKind kind,
+                     std::uint64_t fileId, RecordHeader& header, std::vector<std::uint8_t>& payload,
+                     std::string& reason) {
+    std::array<std::uint8_t, kRecordHeaderSize> bytes{};
+    if (offset > limit || limit - offset < kRecordHeaderSize || !file.ReadExactly(offset, bytes.data(), bytes.size())) {
+        reason = "record cut short";
+        return false;
+    }
+    if (DecodeRecordHeader(bytes.data(), offset, header) != HeaderStatus::kValid || header.kind != kind ||
+        (fileId != 0 && header.fileId != fileId)) {
+        reason = "damaged record header";
+        return false;
+    }
+    if (header.payloadSize > limit - offset - kRecordHeaderSize) {
+        reason = "record runs past its end";
+        return false;
+    }
+    payload.resize(static_cast<std::size_t>(header.payloadSize));
+    if (!file.ReadExactly(offset + kRecordHeaderSize, payload.data(), payload.size())) {
+        reason = "record cut short";
+        return false;
+    }
+    if (PayloadChecksum(payload.data(), payload.size(), offset + kRecordHeaderSize) != header.payloadChecksum) {
+        reason = "checksum mismatch";
+        return false;
+    }
+    return true;
+}
+
+IndexStatus ReadIndex(const ReadableFile& file, std::uint64_t size, std::uint64_t fileId, ClosedIndex& out,
+                      std::string& reason) {
+    out = {};
+    if (size < kFirstRecordOffset + kRecordHeaderSize + kIndexCountSize + kFooterRecordSize ||
+        size % kRecordAlignment != 0) {
+        return IndexStatus::kAbsent;
+    }
+    const std::uint64_t footerOffset = size - kFooterRecordSize;
+    std::array<std::uint8_t, kRecordHeaderSize> bytes{};
+    if (!file.ReadExactly(footerOffset, bytes.data(), bytes.size())) {
+        return IndexStatus::kAbsent;
+    }
+    RecordHeader footerHeader;
+    const HeaderStatus status = DecodeRecordHeader(bytes.data(), footerOffset, footerHeader);
+    // A record ending exactly at EOF that is not a footer (or not this
+    // file's) is an ordinary record of an unclosed file.
+    if (status == HeaderStatus::kNoMagic || status == HeaderStatus::kMisplaced ||
+        (status == HeaderStatus::kValid &&
+         (footerHeader.kind != RecordKind::kFooter || (fileId != 0 && footerHeader.fileId != fileId)))) {
+        return IndexStatus::kAbsent;
+    }
+    std::vector<std::uint8_t> payload;
+    Footer footer;
+    if (status != HeaderStatus::kValid ||
+        !ReadWholeRecord(file, footerOffset, size, RecordKind::kFooter, fileId, footerHeader, payload, reason) ||
+        !DecodeFooter(payload.data(), payload.size(), footer)) {
+        reason = "damaged footer";
+        return IndexStatus::kDamaged;
+    }
+    out.fileId = footerHeader.fileId;
+    out.footerOffset = footerOffset;
+    out.indexOffset = footer.indexOffset;
+    if (footer.indexOffset < kFirstRecordOffset || footer.indexOffset % kRecordAlignment != 0 ||
+        footer.indexOffset > footerOffset) {
+        reason = "footer points outside the file";
+        return IndexStatus::kDamaged;
+    }
+    RecordHeader indexHeader;
+    if (!ReadWholeRecord(file, footer.indexOffset, footerOffset, RecordKind::kIndex, out.fileId, indexHeader, payload,
+                         reason)) {
+        reason = "index: " + reason;
+        return IndexStatus::kDamaged;
+    }
+    if (indexHeader.TotalSize() != footerOffset - footer.indexOffset || payload.size() < kIndexCountSize) {
+        reason = "index size does not match the footer";
+        return IndexStatus::kDamaged;
+    }
+    const std::uint64_t count = GetU64(payload.data());
+    if (count != footer.atoms || count > (payload.size() - kIndexCountSize) / kIndexEntrySize ||
+        kIndexCountSize + count * kIndexEntrySize != payload.size()) {
+        reason = "index entry count does not match its size";
+        return IndexStatus::kDamaged;
+    }
+    if (!DecodeIndexEntries(payload.data() + kIndexCountSize, count, kFirstRecordOffset, footer.indexOffset,
+                            out.entries, reason)) {
+        reason = "index " + reason;
+        return IndexStatus::kDamaged;
+    }
+    return IndexStatus::kValid;
+}
+
+namespace {
+
+bool ReadChain(const ReadableFile& file, std::uint64_t size, std::uint64_t fileId, const CheckpointSlot& slot,
+               CheckpointChain& out, std::string& reason) {
+    std::vector<std::vector<IndexEntry>> segments;
+    std::uint64_t offset = slot.checkpointOffset;
+    std::uint64_t limit = size;
+    std::uint64_t listed = 0;
+    RecordHeader header;
+    std::vector<std::uint8_t> payload;
+    while (offset != 0) {
+        // Each checkpoint lies before the one that names it, so the walk
+        // back always ends.
+        if (offset >= limit ||
+            !ReadWholeRecord(file, offset, limit, RecordKind::kCheckpoint, fileId, header, payload, reason)) {
+            reason = "checkpoint at " + std::to_string(offset) + ": " + reason;
+            return false;
+        }
+        if (segments.empty()) {
+            out.lastOffset = offset;
+            out.end = offset + header.TotalSize();
+        }
+        CheckpointPrefix prefix;
+        segments.emplace_back();
+        if (!DecodeCheckpointPrefix(payload.data(), payload.size(), prefix) ||
+            !DecodeIndexEntries(payload.data() + kCheckpointPrefixSize, prefix.count,
+                                prefix.previous == 0 ? kFirstRecordOffset : prefix.previous + kRecordHeaderSize, offset,
+                                segments.back(), reason)) {
+            reason = "checkpoint at " + std::to_string(offset) + " is malformed";
+            return false;
+        }
+        listed += prefix.count;
+        limit = offset;
+        offset = prefix.previous;
+    }
+    if (listed != slot.atoms) {
+        reason = "the checkpoints list " + std::to_string(listed) + " atoms, the slot " + std::to_string(slot.atoms);
+        return false;
+    }
+    out.entries.clear();
+    out.entries.reserve(listed);
+    for (auto it = segments.rbegin(); it != segments.rend(); ++it) {
+        out.entries.insert(out.entries.end(), it->begin(), it->end());
+    }
+    return true;
+}
+
+}  // namespace
+
+bool ReadCheckpoints(const ReadableFile& file, std::uint64_t size, std::uint64_t fileId, const std::uint8_t* slots,
+                     CheckpointChain& out, std::string& reason) {
+    std::array<CheckpointSlot, 2> decoded{};
+    std::array<bool, 2> valid{};
+    for (std::size_t i = 0; i < 2; ++i) {
+        valid[i] = DecodeCheckpointSlot(slots + i * kCheckpointSlotSize, fileId, decoded[i]);
+    }
+    std::array<std::size_t, 2> order{0, 1};
+    if (decoded[1].sequence > decoded[0].sequence) {
+        std::swap(order[0], order[1]);
+    }
+    reason = "no checkpoint";
+    for (const std::size_t i : order) {
+        if (valid[i] && ReadChain(file, size, fileId, decoded[i], out, reason)) {
+            return true;
+        }
+    }
+    out = {};
+    return false;
+}
+
+}  // namespace KEL::container
