@@ -57,18 +57,18 @@ struct ReaderOptions {
     // Open a closed file through its index (false: walk the records as for
     // a file that was not closed; for checking one against the other).
     bool useIndex = true;
-    // Read (and verify) the next records on a second thread while atoms are
-    // fetched in file order, as playback does.
+    // While atoms are fetched in file order, as playback does, ask the
+    // kernel to read the records that follow ahead of their use.
     bool readAhead = true;
 };
 
 // The container file reader (the KEL2 container, ".kel").
 //
 // Reading. Records are read with positioned reads into reference-counted
-// memory from a pool; the layer payloads of the atoms returned are views of
-// that memory (no further copy) and keep it alive, so atoms stay valid after
-// the reader is gone. When atoms are fetched in file order, the following
-// records are read and verified ahead on a thread of the reader's own.
+// memory from a pool, in cache-sized chunks each verified as it arrives; the
+// layer payloads of the atoms returned are views of that memory (no further
+// copy) and keep it alive, so atoms stay valid after the reader is gone.
+// While atoms are fetched in file order the kernel reads ahead of them.
 //
 // Opening a closed file reads the header, the footer and the index, nothing
 // in proportion to the payload. A file without a valid index (its writer was

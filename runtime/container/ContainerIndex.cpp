@@ -56,24 +56,28 @@ std::vector<std::uint8_t> EncodeCheckpoint(const IndexEntry* first, std::size_t 
     return SealRecord(RecordKind::kCheckpoint, payload, offset, fileId);
 }
 
-bool DecodeIndexEntries(const std::uint8_t* p, std::uint64_t count, std::uint64_t minOffset, std::uint64_t limit,
-                        std::vector<IndexEntry>& out, std::string& reason) {
-    const std::size_t before = out.size();
-    out.reserve(before + count);
+bool ValidateIndexEntries(const std::uint8_t* p, std::uint64_t count, std::uint64_t minOffset, std::uint64_t limit,
+                          std::string& reason) {
     for (std::uint64_t i = 0; i < count; ++i, p += kIndexEntrySize) {
-        IndexEntry e;
-        e.offset = GetU64(p);
-        e.timeStamp = static_cast<std::int64_t>(GetU64(p + 8));
-        e.frameNr = GetU32(p + 16);
-        e.streamId = GetU16(p + 20);
-        if (e.offset < minOffset || e.offset % kRecordAlignment != 0 || e.offset > limit ||
-            limit - e.offset < kRecordHeaderSize + kAtomMetaSize || GetU16(p + 22) != 0) {
-            out.resize(before);
+        const std::uint64_t offset = GetU64(p);
+        if (offset < minOffset || offset % kRecordAlignment != 0 || offset > limit ||
+            limit - offset < kRecordHeaderSize + kAtomMetaSize || GetU16(p + 22) != 0) {
             reason = "entry " + std::to_string(i) + " points outside the records";
             return false;
         }
-        minOffset = e.offset + kRecordHeaderSize + kAtomMetaSize;
-        out.push_back(e);
+        minOffset = offset + kRecordHeaderSize + kAtomMetaSize;
+    }
+    return true;
+}
+
+bool DecodeIndexEntries(const std::uint8_t* p, std::uint64_t count, std::uint64_t minOffset, std::uint64_t limit,
+                        std::vector<IndexEntry>& out, std::string& reason) {
+    if (!ValidateIndexEntries(p, count, minOffset, limit, reason)) {
+        return false;
+    }
+    out.reserve(out.size() + count);
+    for (std::uint64_t i = 0; i < count; ++i) {
+        out.push_back(EntryAt(p, i));
     }
     return true;
 }

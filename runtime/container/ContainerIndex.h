@@ -32,10 +32,20 @@ std::vector<std::uint8_t> EncodeIndexAndFooter(const std::vector<IndexEntry>& en
 std::vector<std::uint8_t> EncodeCheckpoint(const IndexEntry* first, std::size_t count, std::uint64_t previous,
                                            std::uint64_t offset, std::uint64_t fileId);
 
-// Decodes `count` entries at `p`, checking that they are record-aligned, in
-// increasing file order from `minOffset` on, and leave room for an atom
-// record before `limit`. Appends them to `out`; false with `reason` set
-// otherwise (and `out` unchanged).
+// The entry `i` of the encoded entries at `entries`.
+inline IndexEntry EntryAt(const std::uint8_t* entries, std::size_t i) {
+    const std::uint8_t* p = entries + i * kIndexEntrySize;
+    return {GetU64(p), static_cast<std::int64_t>(GetU64(p + 8)), GetU32(p + 16), GetU16(p + 20)};
+}
+
+// Checks `count` encoded entries at `p`: record-aligned, in increasing file
+// order from `minOffset` on, each leaving room for an atom record before
+// `limit`. False with `reason` set otherwise.
+bool ValidateIndexEntries(const std::uint8_t* p, std::uint64_t count, std::uint64_t minOffset, std::uint64_t limit,
+                          std::string& reason);
+
+// Validates and appends `count` encoded entries at `p` to `out` (unchanged
+// on failure).
 bool DecodeIndexEntries(const std::uint8_t* p, std::uint64_t count, std::uint64_t minOffset, std::uint64_t limit,
                         std::vector<IndexEntry>& out, std::string& reason);
 

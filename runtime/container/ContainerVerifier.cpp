@@ -103,12 +103,17 @@ void Verify(const std::string& path, ContainerVerification& v) {
     std::set<std::uint16_t> streams;
     if (status == IndexStatus::kValid) {
         // What a reader using the index returns: the listed records that are intact.
-        const std::uint64_t listed = CheckEntries(index.entries, atoms, "index", v, &streams);
+        std::vector<IndexEntry> entries;
+        entries.reserve(index.count);
+        for (std::uint64_t i = 0; i < index.count; ++i) {
+            entries.push_back(EntryAt(index.entries, i));
+        }
+        const std::uint64_t listed = CheckEntries(entries, atoms, "index", v, &streams);
         std::uint64_t atomsBeforeIndex = 0;
         for (const auto& [offset, atom] : atoms) {
             atomsBeforeIndex += offset < index.indexOffset ? 1 : 0;
         }
-        v.indexValid = listed == index.entries.size() && listed == atomsBeforeIndex;
+        v.indexValid = listed == entries.size() && listed == atomsBeforeIndex;
         if (listed != atomsBeforeIndex) {
             v.problems.push_back({index.indexOffset, 0,
                                   "index lists " + std::to_string(listed) + " of " + std::to_string(atomsBeforeIndex) +

@@ -3,16 +3,18 @@
 #include <algorithm>
 #include <array>
 
+#include "container/BufferPool.h"
+
 namespace KEL::container {
 
 bool ReadWholeRecord(const ReadableFile& file, std::uint64_t offset, std::uint64_t limit, RecordKind kind,
-                     std::uint64_t fileId, RecordHeader& header, std::vector<std::uint8_t>& payload,
-                     std::string& reason) {
+                     std::uint64_t fileId, WholeRecord& out, std::string& reason) {
     std::array<std::uint8_t, kRecordHeaderSize> bytes{};
     if (offset > limit || limit - offset < kRecordHeaderSize || !file.ReadExactly(offset, bytes.data(), bytes.size())) {
         reason = "record cut short";
         return false;
     }
+    RecordHeader& header = out.header;
     if (DecodeRecordHeader(bytes.data(), offset, header) != HeaderStatus::kValid || header.kind != kind ||
         (fileId != 0 && header.fileId != fileId)) {
         reason = "damaged record header";
@@ -22,12 +24,13 @@ bool ReadWholeRecord(const ReadableFile& file, std::uint64_t offset, std::uint64
         reason = "record runs past its end";
         return false;
     }
-    payload.resize(static_cast<std::size_t>(header.payloadSize));
-    if (!file.ReadExactly(offset + kRecordHeaderSize, payload.data(), payload.size())) {
+    out.memory = BufferPool::Shared()->Get(static_cast<std::size_t>(header.payloadSize));
+    out.payload = out.memory.get();
+    if (!file.ReadExactly(offset + kRecordHeaderSize, out.memory.get(), static_cast<std::size_t>(header.payloadSize))) {
         reason = "record cut short";
         return false;
     }
-    if (PayloadChecksum(payload.data(), payload.size(), offset + kRecordHeaderSize) != header.payloadChecksum) {
+    if (PayloadChecksum(out.payload, header.payloadSize, offset + kRecordHeaderSize) != header.payloadChecksum) {
         reason = "checksum mismatch";
         return false;
     }
@@ -55,15 +58,14 @@ IndexStatus ReadIndex(const ReadableFile& file, std::uint64_t size, std::uint64_
          (footerHeader.kind != RecordKind::kFooter || (fileId != 0 && footerHeader.fileId != fileId)))) {
         return IndexStatus::kAbsent;
     }
-    std::vector<std::uint8_t> payload;
+    WholeRecord record;
     Footer footer;
     if (status != HeaderStatus::kValid ||
-        !ReadWholeRecord(file, footerOffset, size, RecordKind::kFooter, fileId, footerHeader, payload, reason) ||
-        !DecodeFooter(payload.data(), payload.size(), footer)) {
+        !ReadWholeRecord(file, footerOffset, size, RecordKind::kFooter, fileId, record, reason) ||
+        !DecodeFooter(record.payload, record.header.payloadSize, footer)) {
         reason = "damaged footer";
         return IndexStatus::kDamaged;
     }
-    out.fileId = footerHeader.fileId;
     out.footerOffset = footerOffset;
     out.indexOffset = footer.indexOffset;
     if (footer.indexOffset < kFirstRecordOffset || footer.indexOffset % kRecordAlignment != 0 ||
@@ -71,27 +73,30 @@ IndexStatus ReadIndex(const ReadableFile& file, std::uint64_t size, std::uint64_
         reason = "footer points outside the file";
         return IndexStatus::kDamaged;
     }
-    RecordHeader indexHeader;
-    if (!ReadWholeRecord(file, footer.indexOffset, footerOffset, RecordKind::kIndex, out.fileId, indexHeader, payload,
-                         reason)) {
+    out.fileId = record.header.fileId;
+    if (!ReadWholeRecord(file, footer.indexOffset, footerOffset, RecordKind::kIndex, out.fileId, record, reason)) {
         reason = "index: " + reason;
         return IndexStatus::kDamaged;
     }
-    if (indexHeader.TotalSize() != footerOffset - footer.indexOffset || payload.size() < kIndexCountSize) {
+    const std::uint64_t payloadSize = record.header.payloadSize;
+    if (record.header.TotalSize() != footerOffset - footer.indexOffset || payloadSize < kIndexCountSize) {
         reason = "index size does not match the footer";
         return IndexStatus::kDamaged;
     }
-    const std::uint64_t count = GetU64(payload.data());
-    if (count != footer.atoms || count > (payload.size() - kIndexCountSize) / kIndexEntrySize ||
-        kIndexCountSize + count * kIndexEntrySize != payload.size()) {
+    const std::uint64_t count = GetU64(record.payload);
+    if (count != footer.atoms || count > (payloadSize - kIndexCountSize) / kIndexEntrySize ||
+        kIndexCountSize + count * kIndexEntrySize != payloadSize) {
         reason = "index entry count does not match its size";
         return IndexStatus::kDamaged;
     }
-    if (!DecodeIndexEntries(payload.data() + kIndexCountSize, count, kFirstRecordOffset, footer.indexOffset,
-                            out.entries, reason)) {
+    if (!ValidateIndexEntries(record.payload + kIndexCountSize, count, kFirstRecordOffset, footer.indexOffset,
+                              reason)) {
         reason = "index " + reason;
         return IndexStatus::kDamaged;
     }
+    out.entries = record.payload + kIndexCountSize;
+    out.count = count;
+    out.memory = std::move(record.memory);
     return IndexStatus::kValid;
 }
 
@@ -103,24 +108,22 @@ bool ReadChain(const ReadableFile& file, std::uint64_t size, std::uint64_t fileI
     std::uint64_t offset = slot.checkpointOffset;
     std::uint64_t limit = size;
     std::uint64_t listed = 0;
-    RecordHeader header;
-    std::vector<std::uint8_t> payload;
+    WholeRecord record;
     while (offset != 0) {
         // Each checkpoint lies before the one that names it, so the walk
         // back always ends.
-        if (offset >= limit ||
-            !ReadWholeRecord(file, offset, limit, RecordKind::kCheckpoint, fileId, header, payload, reason)) {
+        if (offset >= limit || !ReadWholeRecord(file, offset, limit, RecordKind::kCheckpoint, fileId, record, reason)) {
             reason = "checkpoint at " + std::to_string(offset) + ": " + reason;
             return false;
         }
         if (segments.empty()) {
             out.lastOffset = offset;
-            out.end = offset + header.TotalSize();
+            out.end = offset + record.header.TotalSize();
         }
         CheckpointPrefix prefix;
         segments.emplace_back();
-        if (!DecodeCheckpointPrefix(payload.data(), payload.size(), prefix) ||
-            !DecodeIndexEntries(payload.data() + kCheckpointPrefixSize, prefix.count,
+        if (!DecodeCheckpointPrefix(record.payload, record.header.payloadSize, prefix) ||
+            !DecodeIndexEntries(record.payload + kCheckpointPrefixSize, prefix.count,
                                 prefix.previous == 0 ? kFirstRecordOffset : prefix.previous + kRecordHeaderSize, offset,
                                 segments.back(), reason)) {
             reason = "checkpoint at " + std::to_string(offset) + " is malformed";

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -10,12 +11,18 @@
 
 namespace KEL::container {
 
+// A record read whole, its payload in memory from the shared buffer pool.
+struct WholeRecord {
+    RecordHeader header;
+    std::shared_ptr<std::uint8_t> memory;
+    const std::uint8_t* payload = nullptr;
+};
+
 // Reads the whole record of `kind` at `offset` (header and payload, its
 // checksum verified) of the file `fileId` (0: any file). The record must end
 // by `limit`. False with `reason` set when it cannot be read or is not intact.
 bool ReadWholeRecord(const ReadableFile& file, std::uint64_t offset, std::uint64_t limit, RecordKind kind,
-                     std::uint64_t fileId, RecordHeader& header, std::vector<std::uint8_t>& payload,
-                     std::string& reason);
+                     std::uint64_t fileId, WholeRecord& out, std::string& reason);
 
 enum class IndexStatus {
     kValid,
@@ -23,12 +30,15 @@ enum class IndexStatus {
     kDamaged,  // a footer, but it or the index fails its checks
 };
 
-// The index of a closed file.
+// The index of a closed file. The entries stay encoded in the memory they
+// were read into (EntryAt decodes one): a large index is not copied again.
 struct ClosedIndex {
     std::uint64_t fileId = 0;
     std::uint64_t indexOffset = 0;
     std::uint64_t footerOffset = 0;
-    std::vector<IndexEntry> entries;
+    std::shared_ptr<std::uint8_t> memory;
+    const std::uint8_t* entries = nullptr;
+    std::uint64_t count = 0;
 };
 
 // Reads the footer at the end of a file of `size` bytes and the index it

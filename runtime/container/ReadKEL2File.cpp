@@ -11,7 +11,7 @@
 #include "container/FileIdentity.h"
 #include "container/IndexReader.h"
 #include "container/ReadableFile.h"
-#include "container/RecordLoader.h"
+#include "container/RecordReader.h"
 #include "container/RecordWalker.h"
 
 namespace KEL {
@@ -22,25 +22,46 @@ namespace {
 
 enum class RecordState : std::uint8_t { kUnchecked, kGood, kBad };
 
-// One atom record as listed by the index, a checkpoint or a walk.
-struct Record {
-    std::uint64_t offset = 0;
-    // Bytes from `offset` that hold the record: exact when walked, the
-    // distance to the next listed record when listed by an index.
-    std::uint64_t size = 0;
-    std::int64_t timeStamp = 0;
-    std::uint32_t frameNr = 0;
-    std::uint16_t streamId = 0;
-    RecordState state = RecordState::kUnchecked;
+// The atom records in file order. Those that the index lists stay encoded in
+// the memory the index was read into (a large index is neither copied nor
+// turned into objects: opening 100,000 atoms touches little more than the
+// index's own bytes); those found by a checkpoint or a walk are appended.
+class RecordTable {
+public:
+    void SetListed(std::shared_ptr<std::uint8_t> memory, const std::uint8_t* entries, std::size_t count) {
+        listedMemory_ = std::move(memory);
+        listed_ = entries;
+        listedCount_ = count;
+        state_.assign(count, RecordState::kUnchecked);
+    }
+    void Append(const IndexEntry& e) {
+        appended_.push_back(e);
+        state_.push_back(RecordState::kUnchecked);
+    }
+    std::size_t Size() const { return state_.size(); }
+    IndexEntry operator[](std::size_t i) const {
+        return i < listedCount_ ? EntryAt(listed_, i) : appended_[i - listedCount_];
+    }
+    RecordState& State(std::size_t i) { return state_[i]; }
+    void Clear() {
+        listedMemory_.reset();
+        listed_ = nullptr;
+        listedCount_ = 0;
+        appended_.clear();
+        state_.clear();
+    }
+
+private:
+    std::shared_ptr<std::uint8_t> listedMemory_;
+    const std::uint8_t* listed_ = nullptr;
+    std::size_t listedCount_ = 0;
+    std::vector<IndexEntry> appended_;
+    std::vector<RecordState> state_;
 };
 
-// Read-ahead keeps this many bytes of records in flight at most, and looks
-// this far ahead in file order for records of the streams being played.
+// How far past the atom just fetched sequential playback asks the kernel to
+// read ahead; the advice is renewed each time a quarter of it was consumed.
 constexpr std::uint64_t kReadAheadBytes = std::uint64_t{32} << 20;
-constexpr std::size_t kReadAheadRecords = 64;
-// A stream counts as being played while one of its atoms was fetched within
-// this many fetches.
-constexpr std::uint64_t kActiveStreamWindow = 64;
 
 }  // namespace
 
@@ -49,7 +70,6 @@ struct ReadKEL2File::Impl {
     ReaderOptions options;
     std::shared_ptr<const ReadableFile> file;
     std::shared_ptr<BufferPool> pool = BufferPool::Shared();
-    std::unique_ptr<ReadAhead> readAhead;
     FileHeader header;
     ContainerDamageReport report;
     bool open = false;
@@ -57,9 +77,13 @@ struct ReadKEL2File::Impl {
     // Atom records in file order; per stream, indices into them sorted by
     // stored frame number (file order among equal numbers, so a lookup finds
     // the first one written).
-    std::vector<Record> records;
+    RecordTable records;
     std::vector<std::uint16_t> streamOrder;
     std::unordered_map<std::uint16_t, std::vector<std::uint32_t>> streams;
+    // The list of the stream met last (most records follow one of the same
+    // stream or cycle through a few).
+    std::uint16_t lastStream = 0;
+    std::vector<std::uint32_t>* lastList = nullptr;
     // Atom records lie before this offset (the index, or the end of what was
     // walked); Refresh continues walking at `resumeAt`.
     std::uint64_t recordsEnd = 0;
@@ -68,30 +92,26 @@ struct ReadKEL2File::Impl {
     std::string lastError;
 
     // Sequential access: the record fetched last, how many fetches in a row
-    // went forward, the next record to consider for read-ahead, and when
-    // each stream was last fetched.
+    // went forward, and the end of the range the kernel was last asked to
+    // read ahead.
     std::size_t lastFetched = SIZE_MAX;
     int forwardRun = 0;
-    std::size_t nextAhead = 0;
-    std::uint64_t fetches = 0;
-    std::unordered_map<std::uint16_t, std::uint64_t> lastFetchOfStream;
+    std::uint64_t adviseEnd = 0;
 
     void Reset() {
-        readAhead.reset();
         file.reset();
         header = {};
         report = {};
         open = closed = false;
-        records.clear();
+        records.Clear();
         streamOrder.clear();
         streams.clear();
+        lastList = nullptr;
         recordsEnd = resumeAt = fileSize = 0;
         lastError.clear();
         lastFetched = SIZE_MAX;
         forwardRun = 0;
-        nextAhead = 0;
-        fetches = 0;
-        lastFetchOfStream.clear();
+        adviseEnd = 0;
     }
 
     KelErrorCode Fail(KelErrorCode code, const std::string& reason) {
@@ -102,18 +122,21 @@ struct ReadKEL2File::Impl {
         return code;
     }
 
-    void Add(const IndexEntry& e, std::uint64_t size, RecordState state) {
-        auto [it, inserted] = streams.try_emplace(e.streamId);
-        if (inserted) {
-            streamOrder.push_back(e.streamId);
+    // Files the record `index` (already in `records`) under its stream.
+    void File(std::uint32_t index, std::uint16_t stream, std::uint32_t frameNr) {
+        if (lastList == nullptr || stream != lastStream) {
+            auto [it, inserted] = streams.try_emplace(stream);
+            if (inserted) {
+                streamOrder.push_back(stream);
+            }
+            lastStream = stream;
+            lastList = &it->second;
         }
-        auto& list = it->second;
-        const auto index = static_cast<std::uint32_t>(records.size());
-        records.push_back({e.offset, size, e.timeStamp, e.frameNr, e.streamId, state});
-        if (!list.empty() && records[list.back()].frameNr > e.frameNr) {
+        auto& list = *lastList;
+        if (!list.empty() && records[list.back()].frameNr > frameNr) {
             // Out of order: insert after every record with a lower or equal number.
             const auto at =
-                std::upper_bound(list.begin(), list.end(), e.frameNr,
+                std::upper_bound(list.begin(), list.end(), frameNr,
                                  [this](std::uint32_t nr, std::uint32_t i) { return nr < records[i].frameNr; });
             list.insert(at, index);
         } else {
@@ -121,21 +144,22 @@ struct ReadKEL2File::Impl {
         }
     }
 
-    // Adds listed entries; each record's size is bounded by the next one's
-    // start (the last one's by `end`).
-    void AddListed(const std::vector<IndexEntry>& entries, std::uint64_t end) {
-        records.reserve(records.size() + entries.size());
-        for (std::size_t i = 0; i < entries.size(); ++i) {
-            const std::uint64_t next = i + 1 < entries.size() ? entries[i + 1].offset : end;
-            Add(entries[i], next - entries[i].offset, RecordState::kUnchecked);
-        }
-        report.validRecords += entries.size();
+    void Append(const IndexEntry& e) {
+        records.Append(e);
+        File(static_cast<std::uint32_t>(records.Size() - 1), e.streamId, e.frameNr);
+        ++report.validRecords;
+    }
+
+    // The bytes from the record's start to the next record's (or the end of
+    // the records): the record and perhaps a checkpoint after it.
+    std::uint64_t SizeHint(std::size_t index) const {
+        return (index + 1 < records.Size() ? records[index + 1].offset : recordsEnd) - records[index].offset;
     }
 
     KelErrorCode Open();
     void Walk(std::uint64_t from, std::uint64_t to);
     std::shared_ptr<Atom> Load(std::size_t index);
-    std::shared_ptr<Atom> MarkBad(Record& record, const std::string& why);
+    std::shared_ptr<Atom> MarkBad(std::size_t index, const std::string& why);
     void ReadAheadAfter(std::size_t index);
 };
 
@@ -175,9 +199,14 @@ KelErrorCode ReadKEL2File::Impl::Open() {
         if (status == IndexStatus::kValid) {
             report.indexUsed = true;
             closed = true;
-            recordsEnd = resumeAt = index.indexOffset;
-            AddListed(index.entries, index.indexOffset);
+            recordsEnd = index.indexOffset;
             resumeAt = fileSize;
+            records.SetListed(std::move(index.memory), index.entries, index.count);
+            for (std::size_t i = 0; i < index.count; ++i) {
+                const IndexEntry e = EntryAt(index.entries, i);
+                File(static_cast<std::uint32_t>(i), e.streamId, e.frameNr);
+            }
+            report.validRecords = index.count;
             return KEL_OK;
         }
         if (status == IndexStatus::kDamaged && options.logDamage) {
@@ -190,7 +219,9 @@ KelErrorCode ReadKEL2File::Impl::Open() {
     if (options.useIndex && !report.headerDamaged &&
         ReadCheckpoints(*file, fileSize, header.fileId, identity.slots.data(), chain, reason)) {
         report.checkpointUsed = true;
-        AddListed(chain.entries, chain.lastOffset);
+        for (const auto& e : chain.entries) {
+            Append(e);
+        }
         walkFrom = chain.end;
     }
     Walk(walkFrom, fileSize);
@@ -210,8 +241,7 @@ void ReadKEL2File::Impl::Walk(std::uint64_t from, std::uint64_t to) {
     WalkVisitor visitor;
     visitor.onRecord = [&](std::uint64_t offset, const RecordHeader& h, bool) {
         if (h.kind == RecordKind::kAtom) {
-            Add({offset, h.key.timeStamp, h.key.frameNr, h.key.streamId}, h.TotalSize(), RecordState::kUnchecked);
-            ++report.validRecords;
+            Append({offset, h.key.timeStamp, h.key.frameNr, h.key.streamId});
         } else if (h.kind == RecordKind::kFooter && offset + h.TotalSize() == to) {
             closed = true;
         }
@@ -227,92 +257,77 @@ void ReadKEL2File::Impl::Walk(std::uint64_t from, std::uint64_t to) {
     recordsEnd = to;
 }
 
-std::shared_ptr<Atom> ReadKEL2File::Impl::MarkBad(Record& record, const std::string& why) {
-    record.state = RecordState::kBad;
+std::shared_ptr<Atom> ReadKEL2File::Impl::MarkBad(std::size_t index, const std::string& why) {
+    records.State(index) = RecordState::kBad;
     ++report.skippedRecords;
     if (report.validRecords > 0) {
         --report.validRecords;
     }
     if (options.logDamage) {
+        const IndexEntry e = records[index];
         LogContainer(3, "Container '%s': atom of stream %u frame %u at offset %llu is damaged (%s); skipped",
-                     path.c_str(), static_cast<unsigned>(record.streamId), static_cast<unsigned>(record.frameNr),
-                     static_cast<unsigned long long>(record.offset), why.c_str());
+                     path.c_str(), static_cast<unsigned>(e.streamId), static_cast<unsigned>(e.frameNr),
+                     static_cast<unsigned long long>(e.offset), why.c_str());
     }
     return nullptr;
 }
 
 std::shared_ptr<Atom> ReadKEL2File::Impl::Load(std::size_t index) {
-    Record& record = records[index];
-    if (record.state == RecordState::kBad) {
+    const RecordState state = records.State(index);
+    if (state == RecordState::kBad) {
         return nullptr;
     }
-    std::unique_ptr<LoadedRecord> loaded = readAhead ? readAhead->Take(record.offset) : nullptr;
-    if (!loaded) {
-        loaded = std::make_unique<LoadedRecord>(
-            ReadAtomRecord(*file, *pool, header.fileId,
-                           {record.offset, record.size, recordsEnd,
-                            options.verifyChecksums && record.state == RecordState::kUnchecked}));
-    }
+    const IndexEntry record = records[index];
     ReadAheadAfter(index);
-    if (!loaded->error.empty()) {
-        return MarkBad(record, loaded->error);
+    const LoadedRecord loaded = ReadAtomRecord(
+        *file, *pool, header.fileId,
+        {record.offset, SizeHint(index), recordsEnd, options.verifyChecksums && state == RecordState::kUnchecked});
+    if (!loaded.error.empty()) {
+        return MarkBad(index, loaded.error);
     }
-    const AtomKey& key = loaded->header.key;
+    const AtomKey& key = loaded.header.key;
     if (key.streamId != record.streamId || key.frameNr != record.frameNr || key.timeStamp != record.timeStamp) {
-        return MarkBad(record, "record does not match the index");
+        return MarkBad(index, "record does not match the index");
     }
-    if (loaded->checksumVerified) {
-        record.state = RecordState::kGood;
+    if (loaded.checksumVerified) {
+        records.State(index) = RecordState::kGood;
     }
     std::string reason;
-    auto atom = DecodeAtomRecord(loaded->memory, loaded->payload, loaded->header.payloadSize, reason);
+    auto atom = DecodeAtomRecord(loaded.memory, loaded.payload, loaded.header.payloadSize, reason);
     if (!atom) {
-        return MarkBad(record, reason);
+        return MarkBad(index, reason);
     }
     if (atom->GetStreamId() != key.streamId || atom->GetFrameNr() != key.frameNr ||
         atom->GetTimeStamp() != key.timeStamp) {
-        return MarkBad(record, "record header and payload disagree");
+        return MarkBad(index, "record header and payload disagree");
     }
     return atom;
 }
 
 // Playback fetches atoms in file order (a frame's atoms of every stream, then
-// the next frame's): once two fetches in a row went forward, the records of
-// the streams being played that follow are scheduled for reading ahead, up to
-// a byte budget. Any other pattern (random access) reads only what is asked.
+// the next frame's): once two fetches in a row went forward, the kernel is
+// asked to read the file range of the records that follow, up to a byte
+// budget ahead of the one just fetched, so that reading from disk overlaps
+// with the use of the current atom. The atoms themselves are read on the
+// caller's thread: measured, a second thread that reads and verifies ahead
+// is slower (the caller then finds the bytes out of its cache) than reading
+// each record in cache-sized chunks and hashing each chunk at once.
 void ReadKEL2File::Impl::ReadAheadAfter(std::size_t index) {
     if (!options.readAhead) {
         return;
     }
-    ++fetches;
-    lastFetchOfStream[records[index].streamId] = fetches;
     const bool forward = lastFetched != SIZE_MAX && index > lastFetched && index - lastFetched <= 16;
     forwardRun = forward ? forwardRun + 1 : 0;
     lastFetched = index;
     if (forwardRun < 2) {
-        nextAhead = 0;
-        if (readAhead) {
-            readAhead->DiscardBefore(UINT64_MAX);
-        }
         return;
     }
-    if (!readAhead) {
-        readAhead = std::make_unique<ReadAhead>(file, pool, header.fileId);
+    const std::uint64_t from = std::max(records[index].offset + SizeHint(index), adviseEnd);
+    const std::uint64_t to = std::min(recordsEnd, records[index].offset + kReadAheadBytes);
+    if (to > from + kReadAheadBytes / 4) {
+        file->WillNeed(from, to - from);
+        adviseEnd = to;
     }
-    readAhead->DiscardBefore(records[index].offset);
-    std::size_t next = std::max(nextAhead, index + 1);
-    const std::size_t stop = std::min(records.size(), index + 1 + kReadAheadRecords);
-    for (; next < stop && readAhead->PendingBytes() < kReadAheadBytes; ++next) {
-        const Record& r = records[next];
-        const auto last = lastFetchOfStream.find(r.streamId);
-        if (r.state == RecordState::kBad || last == lastFetchOfStream.end() ||
-            fetches - last->second > kActiveStreamWindow) {
-            continue;
-        }
-        readAhead->Schedule(
-            {r.offset, r.size, recordsEnd, options.verifyChecksums && r.state == RecordState::kUnchecked}, r.size);
-    }
-    nextAhead = next;
 }
 
 ReadKEL2File::ReadKEL2File(const char* path, ReaderOptions options) : impl_(std::make_unique<Impl>()) {
@@ -428,7 +443,7 @@ std::vector<std::int64_t> ReadKEL2File::GetTimeStamps(std::uint16_t stream) cons
     return stamps;
 }
 
-std::uint64_t ReadKEL2File::GetNumAtoms() const noexcept { return impl_->records.size(); }
+std::uint64_t ReadKEL2File::GetNumAtoms() const noexcept { return impl_->records.Size(); }
 
 std::uint64_t ReadKEL2File::GetFileSize() const noexcept { return impl_->fileSize; }
 

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "container/BufferPool.h"
+#include "container/ContainerFormat.h"
+#include "container/ReadableFile.h"
+
+namespace KEL::container {
+
+// Where an atom record is and how much of the file may belong to it.
+struct RecordRequest {
+    std::uint64_t offset = 0;
+    // Bytes from `offset` that hold the record and perhaps more (the distance
+    // to the next listed record); 0 when unknown.
+    std::uint64_t sizeHint = 0;
+    // The record must end at or before this offset.
+    std::uint64_t limit = 0;
+    bool verify = true;
+};
+
+// An atom record read into memory.
+struct LoadedRecord {
+    // Owns the memory `payload` points into (a pool block).
+    std::shared_ptr<std::uint8_t> memory;
+    const std::uint8_t* payload = nullptr;
+    RecordHeader header;
+    bool checksumVerified = false;
+    // Why the record cannot be used ("" when it can).
+    std::string error;
+};
+
+// Reads one atom record: header and payload with positioned reads into a
+// pool block, in chunks, each chunk hashed while it is still in the cache
+// when `verify` is set. The block keeps the file offsets' alignment modulo
+// kBlobAlignment, so blobs come out 64-byte aligned. Never throws for damage
+// or short reads (the error says what was wrong); throws std::bad_alloc.
+LoadedRecord ReadAtomRecord(const ReadableFile& file, BufferPool& pool, std::uint64_t fileId,
+                            const RecordRequest& request);
+
+}  // namespace KEL::container
