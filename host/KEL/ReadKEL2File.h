@@ -126,6 +126,9 @@ public:
     // headers, without reading payloads.
     std::vector<std::uint32_t> GetFrameNumbers(std::uint16_t stream) const;
     std::vector<std::int64_t> GetTimeStamps(std::uint16_t stream) const;
+    // The bytes the stream's records take in the file (headers and padding
+    // included), without reading them.
+    std::uint64_t GetStoredBytes(std::uint16_t stream) const;
     // Total number of atom records.
     std::uint64_t GetNumAtoms() const noexcept;
     std::uint64_t GetFileSize() const noexcept;

@@ -443,6 +443,16 @@ std::vector<std::int64_t> ReadKEL2File::GetTimeStamps(std::uint16_t stream) cons
     return stamps;
 }
 
+std::uint64_t ReadKEL2File::GetStoredBytes(std::uint16_t stream) const {
+    std::uint64_t bytes = 0;
+    if (const auto it = impl_->streams.find(stream); it != impl_->streams.end()) {
+        for (const std::uint32_t i : it->second) {
+            bytes += impl_->SizeHint(i);
+        }
+    }
+    return bytes;
+}
+
 std::uint64_t ReadKEL2File::GetNumAtoms() const noexcept { return impl_->records.Size(); }
 
 std::uint64_t ReadKEL2File::GetFileSize() const noexcept { return impl_->fileSize; }

@@ -135,7 +135,7 @@ TEST_F(KelVerify, TruncatedFileReportsWhatScanningRecovers) {
     RecordSynthetic(File("rec.kel"), 1, 6, false, 64, 64);
     // Cut into the last atom record: the index and the last atom are lost.
     const auto info = nlohmann::json::parse(Kel({"info", "--json", "rec.kel"}).out);
-    const std::uint64_t perAtom = info["streams"][0]["payloadBytes"].get<std::uint64_t>() / 6;
+    const std::uint64_t perAtom = info["streams"][0]["storedBytes"].get<std::uint64_t>() / 6;
     kel_test::TruncateFile(File("rec.kel"), kel_test::FileSize(File("rec.kel")) - perAtom);
     const auto run = Kel({"verify", "--json", "rec.kel"});
     EXPECT_EQ(run.exitCode, 1);

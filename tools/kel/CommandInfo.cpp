@@ -1,5 +1,11 @@
+#include <KEL/ReadKEL2File.h>
+
+#include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <iostream>
+#include <map>
+#include <thread>
 
 #include "Command.h"
 #include "ContainerSummary.h"
@@ -11,9 +17,61 @@ namespace {
 struct InfoOptions {
     std::string path;
     bool json = false;
+    bool follow = false;
+    double interval = 0.5;
 };
 
+volatile std::sig_atomic_t gStopFollowing = 0;
+extern "C" void OnFollowInterrupt(int /*signal*/) { gStopFollowing = 1; }
+
+// Prints the atoms of a recording that is still being written as they
+// arrive, one line per stream that grew, until the writer closes the file
+// (exit 0) or Ctrl-C (exit 130).
+int Follow(const InfoOptions& options) {
+    KEL::ReadKEL2File reader(options.path.c_str());
+    if (const KEL::KelErrorCode code = reader.Initialize(); code != KEL::KEL_OK) {
+        return Fail("cannot open '" + options.path + "': " + reader.GetLastError());
+    }
+    struct sigaction action {};
+    action.sa_handler = OnFollowInterrupt;
+    struct sigaction previous {};
+    sigaction(SIGINT, &action, &previous);
+    std::map<std::uint16_t, std::uint32_t> known;
+    auto report = [&] {
+        for (int i = 0; i < reader.GetNumStreams(); ++i) {
+            const std::uint16_t id = reader.GetStreamId(i);
+            const std::uint32_t frames = reader.GetNumFrames(id);
+            std::uint32_t& before = known[id];
+            if (frames == before) {
+                continue;
+            }
+            const auto numbers = reader.GetFrameNumbers(id);
+            const auto stamps = reader.GetTimeStamps(id);
+            std::cout << "stream " << id << ": " << frames << " frame(s) (+" << (frames - before) << "), last frame "
+                      << numbers.back() << " at " << FormatDuration(stamps.back() - stamps.front()) << std::endl;
+            before = frames;
+        }
+    };
+    std::cout << options.path << ": following" << (reader.IsClosed() ? " (already closed)" : "") << std::endl;
+    report();
+    while (!reader.IsClosed() && gStopFollowing == 0) {
+        std::this_thread::sleep_for(std::chrono::duration<double>(options.interval));
+        if (reader.Refresh() != KEL::KEL_OK) {
+            sigaction(SIGINT, &previous, nullptr);
+            return Fail("cannot read '" + options.path + "': " + reader.GetLastError());
+        }
+        report();
+    }
+    sigaction(SIGINT, &previous, nullptr);
+    std::cout << options.path << ": " << reader.GetNumAtoms() << " atom(s), "
+              << (reader.IsClosed() ? "closed by its writer" : "still open") << std::endl;
+    return gStopFollowing != 0 ? kExitInterrupted : kExitOk;
+}
+
 int RunInfo(const InfoOptions& options) {
+    if (options.follow) {
+        return Follow(options);
+    }
     std::error_code ec;
     if (std::filesystem::is_directory(options.path, ec)) {
         std::vector<ContainerSummary> summaries;
@@ -59,6 +117,10 @@ Command AddInfoCommand(CLI::App& root, const GlobalOptions& /*global*/) {
     CLI::App* app = root.add_subcommand("info", "Describe a container file, or every .kel file of a directory");
     app->add_option("PATH", options->path, "A .kel file or a directory")->required();
     app->add_flag("--json", options->json, "Print JSON");
+    app->add_flag("-f,--follow", options->follow,
+                  "Follow a recording being written: print its new atoms until its writer closes it (or Ctrl-C)");
+    app->add_option("--interval", options->interval, "Seconds between looks at a followed file (default 0.5)")
+        ->check(CLI::PositiveNumber);
     return {app, [options] { return RunInfo(*options); }};
 }
 

@@ -40,11 +40,13 @@ nlohmann::ordered_json ToJson(const std::string& path, const KEL::ContainerVerif
     }
     j["formatVersion"] = v.formatVersion;
     j["fileSize"] = v.fileSize;
+    j["headerDamaged"] = v.headerDamaged;
     j["indexPresent"] = v.indexPresent;
     j["indexValid"] = v.indexValid;
     j["atomRecords"] = v.atomRecords;
     j["damagedRecords"] = v.damagedRecords;
     j["damagedBytes"] = v.damagedBytes;
+    j["foreignRecords"] = v.foreignRecords;
     j["truncatedTailBytes"] = v.truncatedTailBytes;
     j["recoverableAtoms"] = v.recoverableAtoms;
     j["streams"] = v.streams;
@@ -69,8 +71,15 @@ void PrintReport(std::ostream& out, const std::string& path, const KEL::Containe
             : v.indexValid  ? "valid"
                             : "damaged")
         << "\n";
+    if (v.headerDamaged) {
+        out << "  file header damaged: the file's identity was taken from its records\n";
+    }
     if (v.damagedRecords > 0) {
-        out << "  damaged: " << v.damagedRecords << " record(s) or region(s), " << v.damagedBytes << " byte(s)\n";
+        out << "  damaged: " << v.damagedRecords << " record(s) or region(s), " << v.damagedBytes << " byte(s)";
+        if (v.foreignRecords > 0) {
+            out << ", among them " << v.foreignRecords << " record(s) of another file";
+        }
+        out << "\n";
     }
     if (v.truncatedTailBytes > 0) {
         out << "  incomplete last record: " << v.truncatedTailBytes << " byte(s) (the writer stopped mid-record)\n";
@@ -89,7 +98,7 @@ void PrintReport(std::ostream& out, const std::string& path, const KEL::Containe
     }
     if (!v.IsIntact() && v.openResult == KEL::KEL_OK) {
         out << "  a reader would recover " << v.recoverableAtoms << " atom(s)"
-            << (v.indexValid ? " through the index" : " by scanning the records") << "\n";
+            << (v.indexValid ? " through the index" : " by walking the records") << "\n";
     }
 }
 

@@ -38,42 +38,42 @@ LayerSummary SummarizeLayer(const std::shared_ptr<KEL::DataLayer>& layer) {
     return s;
 }
 
+// Frame numbers, time stamps and sizes come from the index (or the record
+// headers); only the first atom is read, for its layers.
 void SummarizeStream(KEL::ReadKEL2File& reader, std::uint16_t id, StreamSummary* s) {
     s->id = id;
     s->frames = reader.GetNumFrames(id);
+    s->storedBytes = reader.GetStoredBytes(id);
     const auto numbers = reader.GetFrameNumbers(id);
     if (!numbers.empty()) {
         s->firstFrameNr = numbers.front();
         s->lastFrameNr = numbers.back();
     }
-    bool first = true;
+    const auto stamps = reader.GetTimeStamps(id);
+    if (!stamps.empty()) {
+        s->firstTimeStamp = *std::min_element(stamps.begin(), stamps.end());
+        s->lastTimeStamp = *std::max_element(stamps.begin(), stamps.end());
+    }
     for (const std::uint32_t nr : numbers) {
         const auto atom = reader.GetFrameAtom(id, nr);
         if (!atom) {
-            continue;
+            continue;  // damaged: the next one describes the stream
         }
-        s->payloadBytes += atom->PayloadSize();
-        if (first) {
-            first = false;
-            s->firstTimeStamp = atom->GetTimeStamp();
-            s->lastTimeStamp = atom->GetTimeStamp();
-            for (const auto& layer : atom->GetAllDataLayers()) {
-                s->firstAtomLayers.push_back(SummarizeLayer(layer));
-                if (auto info = KEL::LayerCast<KEL::DataTypeStreamInfo>(layer); info && s->name.empty()) {
-                    s->name = info->GetName();
-                    s->frameRate = info->GetFrameRate();
-                }
-            }
-            auto thumb = KEL::LayerCast<KEL::DataTypeTextureRGBA>(
-                atom->GetDataLayer(KEL::PurposeGuid_THUMBNAIL, KEL::DataTypeTextureRGBA::TheTypeGuid(), false));
-            if (thumb) {
-                s->hasThumbnail = true;
-                s->thumbnailWidth = thumb->GetWidth();
-                s->thumbnailHeight = thumb->GetHeight();
+        for (const auto& layer : atom->GetAllDataLayers()) {
+            s->firstAtomLayers.push_back(SummarizeLayer(layer));
+            if (auto info = KEL::LayerCast<KEL::DataTypeStreamInfo>(layer); info && s->name.empty()) {
+                s->name = info->GetName();
+                s->frameRate = info->GetFrameRate();
             }
         }
-        s->firstTimeStamp = std::min(s->firstTimeStamp, atom->GetTimeStamp());
-        s->lastTimeStamp = std::max(s->lastTimeStamp, atom->GetTimeStamp());
+        auto thumb = KEL::LayerCast<KEL::DataTypeTextureRGBA>(
+            atom->GetDataLayer(KEL::PurposeGuid_THUMBNAIL, KEL::DataTypeTextureRGBA::TheTypeGuid(), false));
+        if (thumb) {
+            s->hasThumbnail = true;
+            s->thumbnailWidth = thumb->GetWidth();
+            s->thumbnailHeight = thumb->GetHeight();
+        }
+        break;
     }
 }
 
@@ -97,6 +97,9 @@ ContainerSummary SummarizeContainer(const std::string& path) {
     summary.formatVersion = reader.GetFormatVersion();
     summary.atoms = reader.GetNumAtoms();
     summary.damage = reader.GetDamageReport();
+    summary.closed = reader.IsClosed();
+    summary.fileId = reader.GetFileId();
+    summary.createdUs = reader.GetCreationTime();
     std::uint32_t shortest = std::numeric_limits<std::uint32_t>::max();
     for (int i = 0; i < reader.GetNumStreams(); ++i) {
         StreamSummary s;
@@ -123,10 +126,20 @@ nlohmann::ordered_json ToJson(const ContainerSummary& summary) {
     j["atoms"] = summary.atoms;
     j["frames"] = summary.frames;
     j["hasThumbnail"] = summary.HasThumbnail();
-    j["damage"] = {
-        {"indexUsed", summary.damage.indexUsed},       {"recovered", summary.damage.recovered},
-        {"skippedBytes", summary.damage.skippedBytes}, {"skippedRecords", summary.damage.skippedRecords},
-        {"validRecords", summary.damage.validRecords}, {"truncatedTailBytes", summary.damage.truncatedTailBytes}};
+    j["closed"] = summary.closed;
+    char id[17];
+    std::snprintf(id, sizeof id, "%016llx", static_cast<unsigned long long>(summary.fileId));
+    j["fileId"] = id;
+    j["created"] = summary.createdUs;
+    j["damage"] = {{"indexUsed", summary.damage.indexUsed},
+                   {"recovered", summary.damage.recovered},
+                   {"checkpointUsed", summary.damage.checkpointUsed},
+                   {"headerDamaged", summary.damage.headerDamaged},
+                   {"skippedBytes", summary.damage.skippedBytes},
+                   {"skippedRecords", summary.damage.skippedRecords},
+                   {"foreignRecords", summary.damage.foreignRecords},
+                   {"validRecords", summary.damage.validRecords},
+                   {"truncatedTailBytes", summary.damage.truncatedTailBytes}};
     auto streams = nlohmann::ordered_json::array();
     for (const auto& s : summary.streams) {
         nlohmann::ordered_json js;
@@ -139,7 +152,7 @@ nlohmann::ordered_json ToJson(const ContainerSummary& summary) {
         js["firstTimeStamp"] = s.firstTimeStamp;
         js["lastTimeStamp"] = s.lastTimeStamp;
         js["durationSeconds"] = static_cast<double>(s.lastTimeStamp - s.firstTimeStamp) / 1e6;
-        js["payloadBytes"] = s.payloadBytes;
+        js["storedBytes"] = s.storedBytes;
         js["hasThumbnail"] = s.hasThumbnail;
         if (s.hasThumbnail) {
             js["thumbnail"] = {{"width", s.thumbnailWidth}, {"height", s.thumbnailHeight}};
@@ -193,18 +206,25 @@ void PrintContainerSummary(std::ostream& out, const ContainerSummary& summary) {
     out << "  atoms:     " << summary.atoms << " in " << summary.streams.size() << " stream(s), " << summary.frames
         << " playable frame(s)\n";
     out << "  thumbnail: " << (summary.HasThumbnail() ? "yes" : "no") << "\n";
-    if (summary.damage.recovered || summary.damage.skippedRecords > 0 || summary.damage.truncatedTailBytes > 0) {
-        out << "  damage:    recovered by scanning; " << summary.damage.skippedRecords << " record(s) and "
-            << summary.damage.skippedBytes << " byte(s) skipped, " << summary.damage.truncatedTailBytes
-            << " byte(s) of an incomplete tail (run `kel verify`)\n";
+    out << "  closed:    "
+        << (summary.closed ? "yes" : "no (its writer is still writing, or died: listed from the record headers)")
+        << "\n";
+    const auto& d = summary.damage;
+    if (d.headerDamaged || d.skippedRecords > 0 || d.truncatedTailBytes > 0) {
+        out << "  damage:    " << (d.headerDamaged ? "file header damaged (the records name their file); " : "")
+            << d.skippedRecords << " record(s) and " << d.skippedBytes << " byte(s) skipped";
+        if (d.foreignRecords > 0) {
+            out << " (" << d.foreignRecords << " record(s) of another file among them)";
+        }
+        out << ", " << d.truncatedTailBytes << " byte(s) of an incomplete tail (run `kel verify`)\n";
     }
     out << "\n  " << std::left << std::setw(7) << "stream" << std::setw(8) << "frames" << std::setw(14) << "numbers"
-        << std::setw(12) << "duration" << std::setw(12) << "payload"
+        << std::setw(12) << "duration" << std::setw(12) << "stored"
         << "name\n";
     for (const auto& s : summary.streams) {
         out << "  " << std::setw(7) << s.id << std::setw(8) << s.frames << std::setw(14)
             << (std::to_string(s.firstFrameNr) + ".." + std::to_string(s.lastFrameNr)) << std::setw(12)
-            << FormatDuration(s.lastTimeStamp - s.firstTimeStamp) << std::setw(12) << FormatBytes(s.payloadBytes)
+            << FormatDuration(s.lastTimeStamp - s.firstTimeStamp) << std::setw(12) << FormatBytes(s.storedBytes)
             << s.name << "\n";
     }
     for (const auto& s : summary.streams) {

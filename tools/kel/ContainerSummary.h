@@ -27,8 +27,8 @@ struct StreamSummary {
     std::uint32_t lastFrameNr = 0;
     std::int64_t firstTimeStamp = 0;  // microseconds
     std::int64_t lastTimeStamp = 0;
-    std::uint64_t payloadBytes = 0;  // all atoms of the stream
-    std::string name;                // from the stream information, when present
+    std::uint64_t storedBytes = 0;  // what the stream's records take in the file
+    std::string name;               // from the stream information, when present
     double frameRate = 0.0;
     std::vector<LayerSummary> firstAtomLayers;
     bool hasThumbnail = false;
@@ -46,6 +46,9 @@ struct ContainerSummary {
     std::uint64_t atoms = 0;
     std::uint32_t frames = 0;  // frames a source plays: the shortest stream's count
     KEL::ContainerDamageReport damage;
+    bool closed = false;       // the file ends with its index
+    std::uint64_t fileId = 0;  // the identity its writer gave it
+    std::int64_t createdUs = 0;
     std::vector<StreamSummary> streams;
 
     bool Ok() const noexcept { return openResult == KEL::KEL_OK; }
