@@ -50,7 +50,7 @@ run_suite() {
 }
 
 # The test executables whose cases carry the "concurrency" label.
-concurrency_targets=(queue_tests async_target_tests target_stress_tests host_filter_tests)
+concurrency_targets=(queue_tests async_target_tests target_stress_tests host_filter_tests kelcommon_tests)
 
 for stage in "${stages[@]}"; do
   case "$stage" in

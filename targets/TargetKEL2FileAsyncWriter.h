@@ -58,16 +58,22 @@ namespace Kel2File {
 // and signal, the status parameters (the host's parameters accept SetValue
 // from any thread), and what the strategy keeps atomic. The frame being
 // collected belongs to the graph thread.
-template <class W>
+//
+// `QueueHooks` lets a test stop a thread inside the queue's operations (see
+// KelCommon::NoQueueHooks); the filters use the default.
+template <class W, class QueueHooks = KelCommon::NoQueueHooks>
 class TargetKEL2FileAsyncWriter : public TargetKEL2FileWriterBase<W>, public KEL::IFrameOrderResetListener {
 public:
     using Frame = std::vector<std::shared_ptr<KEL::Atom>>;
-    using FrameQueue = KelCommon::BlockingBoundedQueue<Frame>;
+    using FrameQueue = KelCommon::BlockingBoundedQueue<Frame, QueueHooks>;
 
     TargetKEL2FileAsyncWriter() = default;
     // The host stops a filter before destroying it; a filter destroyed while
-    // still playing is stopped here, so that no thread outlives it.
+    // still playing is stopped here, so that no thread outlives it. Parameter
+    // callbacks are detached first (waiting for any in flight): they use the
+    // members destroyed below.
     ~TargetKEL2FileAsyncWriter() override {
+        this->DetachParameters();
         if (writingThread.joinable()) {
             onStop();
         }
@@ -215,6 +221,12 @@ protected:
             }
             Frame frame = queue->Pull();
             bufferedCountParam->SetValue(static_cast<std::uint32_t>(queue->Size()));
+            // A stop that began while this frame was being taken discarded
+            // the frames queued behind it; this one is discarded with them,
+            // so that nothing reaches the file after the stop began.
+            if (stopFlag.load()) {
+                return;
+            }
             // An empty frame (exit token, drain marker) must not touch the
             // strategy: the graph thread may be applying changes to it.
             if (!frame.empty() && W::ProcessingAllowed()) {

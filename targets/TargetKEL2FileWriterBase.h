@@ -26,7 +26,9 @@ template <class W>
 class TargetKEL2FileWriterBase : public KEL::Target, public W {
 public:
     TargetKEL2FileWriterBase() : KEL::Target(true), W() {}
-    ~TargetKEL2FileWriterBase() override = default;
+    // Parameter callbacks reach the strategy, which is destroyed before the
+    // Filter base: detach them (waiting for any in flight) first.
+    ~TargetKEL2FileWriterBase() override { this->DetachParameters(); }
 
     void cbiParameterValueChanged(std::shared_ptr<KEL::FilterParam> param, const char* name) override {
         KEL::Filter::cbiParameterValueChanged(param, name);

@@ -101,6 +101,13 @@ public:
     void addParam(std::shared_ptr<FilterParam> param, bool notifyOnChange);
     std::vector<std::shared_ptr<FilterParam>> GetParams() const;
     std::shared_ptr<FilterParam> FindParam(const std::string& name) const;
+    // Stops change notifications to this filter and returns once no other
+    // thread is inside its cbiParameterValueChanged. A filter whose callback
+    // uses members of a derived class calls it first in its destructor,
+    // before those members go; the graph calls it before destroying a filter,
+    // and ~Filter calls it for whatever is left. Not from within a callback
+    // of another thread's parameter change of the same filter.
+    void DetachParameters();
 
     // One of FilterState.
     int GetFilterState() const noexcept { return state_.load(); }

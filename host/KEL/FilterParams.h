@@ -6,7 +6,9 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <condition_variable>
 #include <mutex>
+#include <thread>
 #include <string>
 
 namespace KEL {
@@ -36,9 +38,11 @@ enum class FilterParamType { Bool, UInt32, Int64, String, Callback, ReadFilePath
 // cbiParameterValueChanged(param, name) on the thread that made the change,
 // after the new value is stored; setting a value equal to the current one
 // notifies nobody. The owner is the filter the parameter was added to with
-// addParam(param, true); a filter detaches itself from its parameters when it
-// is destroyed. A filter must not be destroyed while another thread sets one
-// of its parameters.
+// addParam(param, true). Detaching the owner (SetOwner(nullptr), which a
+// filter does for all its parameters when it is destroyed) waits until the
+// callbacks already under way on other threads have returned, so a parameter
+// set on one thread while another destroys the filter either reaches the
+// whole filter or nobody.
 class KEL_API FilterParam : public std::enable_shared_from_this<FilterParam> {
 public:
     virtual ~FilterParam() = default;
@@ -59,9 +63,12 @@ public:
     // out of range, or the parameter is a status value.
     bool SetValueFromString(const std::string& text, std::string* error);
 
-    // Host side: which filter hears about changes.
-    void SetOwner(Filter* owner) noexcept { owner_.store(owner); }
-    Filter* GetOwner() const noexcept { return owner_.load(); }
+    // Host side: which filter hears about changes. Setting nullptr (or
+    // another owner) returns once no other thread is inside a callback to
+    // the previous owner; a callback that detaches its own parameter does not
+    // wait for itself.
+    void SetOwner(Filter* owner);
+    Filter* GetOwner() const;
 
 protected:
     FilterParam(std::string name, std::uint32_t flags, FilterParamType type)
@@ -73,7 +80,11 @@ private:
     std::string name_;
     std::uint32_t flags_;
     FilterParamType type_;
-    std::atomic<Filter*> owner_{nullptr};
+    // The owner and the threads inside a callback to it, under ownerMutex_.
+    mutable std::mutex ownerMutex_;
+    std::condition_variable callbacksDone_;
+    Filter* owner_ = nullptr;
+    std::vector<std::thread::id> callbacksInFlight_;
 };
 
 class KEL_API FilterParamBool : public FilterParam {

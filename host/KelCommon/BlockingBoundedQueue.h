@@ -9,6 +9,16 @@
 
 namespace KelCommon {
 
+// Points inside the queue's operations at which a test can stop a thread to
+// force an interleaving. The queue calls them as static functions of its
+// Hooks parameter; this default does nothing and costs nothing.
+struct NoQueueHooks {
+    // In Pull, after the filled slot is taken and before the element is.
+    static void AfterFilledSlotTaken() {}
+    // At the end of FlushAndPutExitToken, after the token is queued.
+    static void AfterFlush() {}
+};
+
 // A first-in first-out queue with a fixed capacity: Push waits while the queue
 // is full, Pull waits while it is empty.
 //
@@ -24,9 +34,14 @@ namespace KelCommon {
 // can disagree for a moment: after a Pull removed an element and before it
 // returned the free slot, a concurrent Push still waits for that slot.
 //
+// A consumer that has taken a filled slot owns the element at the front of
+// the deque from then on, even before it removes it: the elements nobody has
+// claimed are always the ones at the back.
+//
 // Threads: any number of producers and consumers may call Push, Pull, Size
 // and CapacityAndSize at once. FlushAndPutExitToken is meant for the owner
-// that is the only producer while it flushes; it never waits for elements.
+// that is the only producer while it flushes; it never waits for elements
+// and never takes one that a consumer has claimed.
 //
 // Lifetime: the queue must not be destroyed while a thread waits in Push or
 // Pull; its owner first makes the consumers leave (with an exit token and a
@@ -35,7 +50,7 @@ namespace KelCommon {
 //
 // Errors: none are reported. An exception while copying an element (out of
 // memory) propagates; the slot taken before it is then lost.
-template <class T>
+template <class T, class Hooks = NoQueueHooks>
 class BlockingBoundedQueue {
 public:
     // `capacity` is the number of elements that fit; callers pass at least 1
@@ -63,20 +78,24 @@ public:
             filledSignal_.wait(lock, [this] { return filledSlots_ != 0; });
             --filledSlots_;
         }
-        return TakeFrontAndGiveFreeSlot();
+        Hooks::AfterFilledSlotTaken();
+        return TakeAndGiveFreeSlot(End::kFront);
     }
 
     // Discards every queued element, then pushes `token`. The token is an
     // ordinary element chosen by the caller (for example one that tells a
-    // consumer blocked in Pull to look at its stop flag). Elements are taken
-    // only while a filled slot is available, so a consumer that takes the
-    // last element at the same moment cannot leave the flushing thread
-    // waiting for an element that never comes.
+    // consumer blocked in Pull to look at its stop flag). Only unclaimed
+    // elements are discarded, one per filled slot the flush can take, from
+    // the back: a consumer that has taken its slot but not yet its element
+    // still gets the element it claimed (the oldest), never a later one, and
+    // the flushing thread never waits for an element that another consumer
+    // took at the same moment.
     void FlushAndPutExitToken(T token) {
         while (TryTakeFilledSlot()) {
-            (void)TakeFrontAndGiveFreeSlot();
+            (void)TakeAndGiveFreeSlot(End::kBack);
         }
         Push(std::move(token));
+        Hooks::AfterFlush();
     }
 
     // Number of queued elements (read under the items lock).
@@ -116,13 +135,20 @@ private:
         return true;
     }
 
+    enum class End { kFront, kBack };
+
     // Called with a filled slot already taken.
-    T TakeFrontAndGiveFreeSlot() {
+    T TakeAndGiveFreeSlot(End end) {
         T result;
         {
             std::lock_guard<std::mutex> lock(itemsLock_);
-            result = std::move(items_.front());
-            items_.pop_front();
+            if (end == End::kFront) {
+                result = std::move(items_.front());
+                items_.pop_front();
+            } else {
+                result = std::move(items_.back());
+                items_.pop_back();
+            }
         }
         {
             std::lock_guard<std::mutex> lock(freeLock_);

@@ -2,10 +2,13 @@
 
 #include <KelCommon/Export.h>
 
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace KelCommon {
@@ -47,15 +50,27 @@ public:
     void SetStderrLevel(int level);
     int GetStderrLevel() const;
 
-    // Adds a sink; returns a handle for RemoveSink.
+    // Adds a sink; returns a handle for RemoveSink. Sinks are called on the
+    // logging thread, outside the logger's lock, possibly from several
+    // threads at once.
     int AddSink(Sink sink);
+    // Removes a sink and returns once no other thread is still calling it, so
+    // whatever the sink refers to may be destroyed right after. A sink that
+    // removes itself does not wait for itself.
     void RemoveSink(int handle);
 
 private:
+    struct SinkEntry {
+        int handle;
+        Sink sink;
+        std::vector<std::thread::id> callers;  // threads about to call or calling it
+    };
+
     mutable std::mutex mutex_;
+    std::condition_variable sinkReturned_;
     int stderrLevel_;
     int nextSinkHandle_ = 1;
-    std::vector<std::pair<int, Sink>> sinks_;
+    std::vector<std::shared_ptr<SinkEntry>> sinks_;
 };
 
 // Captures every log line while it lives. For tests and tools.

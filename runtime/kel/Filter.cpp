@@ -15,8 +15,18 @@ Filter::Filter() = default;
 Filter::~Filter() {
     // Parameters may outlive the filter (callers hold them by shared
     // ownership); they must not call back into a destroyed object.
-    std::lock_guard lock(mutex_);
-    for (const auto& param : params_) {
+    DetachParameters();
+}
+
+void Filter::DetachParameters() {
+    // Detaching waits for callbacks under way, which may themselves look up
+    // parameters: the list lock is not held while waiting.
+    std::vector<std::shared_ptr<FilterParam>> params;
+    {
+        std::lock_guard lock(mutex_);
+        params = params_;
+    }
+    for (const auto& param : params) {
         if (param->GetOwner() == this) {
             param->SetOwner(nullptr);
         }

@@ -102,11 +102,44 @@ bool FilterParam::SetValueFromString(const std::string& text, std::string* error
     return ParseAndSet(text, error);
 }
 
-void FilterParam::NotifyChanged() {
-    Filter* owner = owner_.load();
-    if (owner == nullptr) {
+void FilterParam::SetOwner(Filter* owner) {
+    std::unique_lock lock(ownerMutex_);
+    if (owner_ == owner) {
         return;
     }
+    owner_ = owner;
+    const std::thread::id self = std::this_thread::get_id();
+    callbacksDone_.wait(lock, [&] {
+        return std::all_of(callbacksInFlight_.begin(), callbacksInFlight_.end(),
+                           [&](const std::thread::id& id) { return id == self; });
+    });
+}
+
+Filter* FilterParam::GetOwner() const {
+    std::lock_guard lock(ownerMutex_);
+    return owner_;
+}
+
+void FilterParam::NotifyChanged() {
+    Filter* owner = nullptr;
+    {
+        std::lock_guard lock(ownerMutex_);
+        owner = owner_;
+        if (owner == nullptr) {
+            return;
+        }
+        callbacksInFlight_.push_back(std::this_thread::get_id());
+    }
+    // Whatever way the callback ends, a thread detaching the owner may go on.
+    struct Leave {
+        FilterParam* param;
+        ~Leave() {
+            std::lock_guard lock(param->ownerMutex_);
+            auto& inFlight = param->callbacksInFlight_;
+            inFlight.erase(std::find(inFlight.begin(), inFlight.end(), std::this_thread::get_id()));
+            param->callbacksDone_.notify_all();
+        }
+    } leave{this};
     // The owner's callback runs on the changing thread, which may be a
     // user's or a tool's; an exception must not unwind through their SetValue.
     try {

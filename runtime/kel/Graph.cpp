@@ -167,6 +167,10 @@ Graph::~Graph() {
         impl_->controlCv.wait(lock, [&] { return !running_.load(); });
     }
     DeInitialize();
+    // No parameter change may reach a filter that is partly destroyed.
+    for (auto& owned : impl_->filters) {
+        owned->DetachParameters();
+    }
     // Targets go first: they may refer to their source while they are destroyed.
     for (auto it = impl_->targets.rbegin(); it != impl_->targets.rend(); ++it) {
         for (auto& owned : impl_->filters) {

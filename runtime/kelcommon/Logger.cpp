@@ -67,18 +67,29 @@ void Logger::LogMessage(int level, const char* tag, const char* format, ...) {
     LogRecord record{level, tag != nullptr ? tag : "", format != nullptr ? FormatV(format, args) : std::string()};
     va_end(args);
 
-    std::vector<Sink> sinks;
+    // Sinks run outside the lock (a sink may log or take its own locks);
+    // each is marked as called by this thread until it has returned, which
+    // RemoveSink waits for.
+    const std::thread::id self = std::this_thread::get_id();
+    std::vector<std::shared_ptr<SinkEntry>> sinks;
     int threshold = 0;
     {
         std::lock_guard lock(mutex_);
         threshold = stderrLevel_;
-        sinks.reserve(sinks_.size());
-        for (const auto& entry : sinks_) {
-            sinks.push_back(entry.second);
+        sinks = sinks_;
+        for (const auto& entry : sinks) {
+            entry->callers.push_back(self);
         }
     }
-    for (const auto& sink : sinks) {
-        sink(record);
+    for (const auto& entry : sinks) {
+        try {
+            entry->sink(record);
+        } catch (...) {
+            // A failing sink must not take the logging thread with it.
+        }
+        std::lock_guard lock(mutex_);
+        entry->callers.erase(std::find(entry->callers.begin(), entry->callers.end(), self));
+        sinkReturned_.notify_all();
     }
     if (level > LOG_OFF && level <= threshold) {
         // One fprintf call per line keeps lines from different threads whole.
@@ -99,14 +110,22 @@ int Logger::GetStderrLevel() const {
 int Logger::AddSink(Sink sink) {
     std::lock_guard lock(mutex_);
     const int handle = nextSinkHandle_++;
-    sinks_.emplace_back(handle, std::move(sink));
+    sinks_.push_back(std::make_shared<SinkEntry>(SinkEntry{handle, std::move(sink), {}}));
     return handle;
 }
 
 void Logger::RemoveSink(int handle) {
-    std::lock_guard lock(mutex_);
-    sinks_.erase(std::remove_if(sinks_.begin(), sinks_.end(), [handle](const auto& e) { return e.first == handle; }),
-                 sinks_.end());
+    std::unique_lock lock(mutex_);
+    const auto it = std::find_if(sinks_.begin(), sinks_.end(), [handle](const auto& e) { return e->handle == handle; });
+    if (it == sinks_.end()) {
+        return;
+    }
+    const std::shared_ptr<SinkEntry> entry = *it;
+    sinks_.erase(it);
+    const std::thread::id self = std::this_thread::get_id();
+    sinkReturned_.wait(lock, [&] {
+        return std::all_of(entry->callers.begin(), entry->callers.end(), [&](const auto& id) { return id == self; });
+    });
 }
 
 ScopedLogCapture::ScopedLogCapture() {

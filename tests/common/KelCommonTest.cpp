@@ -7,9 +7,14 @@
 #include <KelCommon/VersionInfo.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <thread>
 #include <unordered_set>
+
+#include "host/Completion.h"
+#include "host/Gate.h"
 
 using KelCommon::Guid;
 
@@ -94,6 +99,28 @@ TEST(Logger, SinksSeeEveryLevelAndCaptureIsScoped) {
     }
     KelCommon::ScopedLogCapture later;
     EXPECT_TRUE(later.Records().empty());
+}
+
+TEST(Logger, RemovingASinkWaitsForACallUnderWayOnAnotherThread) {
+    auto logger = KEL::GetKELLoggerInstance().lock();
+    ASSERT_TRUE(logger);
+    kel_test::Gate gate;
+    std::atomic<bool> returned{false};
+    const int handle = logger->AddSink([&](const KelCommon::LogRecord& record) {
+        if (record.tag == "SinkRace") {
+            gate.Pass();
+            returned = true;
+        }
+    });
+    kel_test::Completion writer([&] { logger->LogMessage(6, "SinkRace", "held in the sink"); });
+    gate.WaitEntered(1);
+    kel_test::Completion remover([&] { logger->RemoveSink(handle); });
+    // Whatever the sink uses may be destroyed once RemoveSink returns.
+    EXPECT_FALSE(remover.WaitFor(std::chrono::milliseconds(200)));
+    gate.Open();
+    remover.Wait();
+    EXPECT_TRUE(returned.load());
+    writer.Wait();
 }
 
 TEST(Logger, RemovedLoggerSilencesCallersWithoutDangling) {

@@ -3,6 +3,7 @@
 // Runs a function on a thread of its own, so that a test can hold a call that
 // blocks and wait, on a condition rather than a clock, for it to return.
 
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -28,6 +29,13 @@ public:
     bool Done() {
         std::lock_guard lock(mutex_);
         return done_;
+    }
+    // Waits at most `timeout` for `body` to return; true when it has. For
+    // checking that a call is held: with the call held the answer is certain
+    // (false); a call that is not held returns long before the time-out.
+    bool WaitFor(std::chrono::milliseconds timeout) {
+        std::unique_lock lock(mutex_);
+        return cv_.wait_for(lock, timeout, [this] { return done_; });
     }
     // Blocks until `body` has returned.
     void Wait() {

@@ -1,10 +1,12 @@
 #include <KEL/Filter.h>
 #include <KEL/FilterParams.h>
+#include <KEL/Graph.h>
 #include <KelCommon/Logger.h>
 #include <KelCommon/VarManager.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <memory>
 #include <mutex>
@@ -12,6 +14,9 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "host/Completion.h"
+#include "host/Gate.h"
 
 namespace {
 
@@ -250,6 +255,55 @@ TEST(FilterParamTest, ParameterOutlivingItsFilterNoLongerCallsIt) {
     EXPECT_EQ(flag->GetOwner(), nullptr);
     flag->SetValue(true);  // would touch the destroyed filter if still attached
     EXPECT_TRUE(flag->GetValue());
+}
+
+// A filter whose change callback stops at a gate and then checks that the
+// derived part of the filter is still there.
+class GatedListener : public KEL::Filter {
+public:
+    GatedListener(kel_test::Gate* gate, std::atomic<bool>* destroyed, std::atomic<bool>* sawDestroyed)
+        : gate_(gate), destroyed_(destroyed), sawDestroyed_(sawDestroyed) {}
+    ~GatedListener() override { *destroyed_ = true; }
+    KelCommon::Guid TypeGuid() const override { return {}; }
+    KEL::FilterClassInfo GetFilterClassInfo() const override {
+        return {"GatedListener", KEL::FILTER_CATEGORY_UNKNOWN};
+    }
+    void cbiParameterValueChanged(std::shared_ptr<KEL::FilterParam> /*param*/, const char* /*name*/) override {
+        // Copied before the gate: only state outside the filter is used after it.
+        std::atomic<bool>* destroyed = destroyed_;
+        std::atomic<bool>* sawDestroyed = sawDestroyed_;
+        gate_->Pass();
+        *sawDestroyed = destroyed->load();
+    }
+
+private:
+    kel_test::Gate* gate_;
+    std::atomic<bool>* destroyed_;
+    std::atomic<bool>* sawDestroyed_;
+};
+
+TEST(FilterParamTest, GraphDestroyingAFilterWaitsForACallbackUnderWayOnAnotherThread) {
+    kel_test::Gate gate;
+    std::atomic<bool> destroyed{false};
+    std::atomic<bool> sawDestroyed{false};
+    auto flag = std::make_shared<KEL::FilterParamBool>("Enable Recording", 0, false);
+    auto graph = std::make_unique<KEL::Graph>();
+    auto filter = std::make_unique<GatedListener>(&gate, &destroyed, &sawDestroyed);
+    filter->addParam(flag, true);
+    ASSERT_NE(graph->AddFilter(std::move(filter), "listener"), nullptr);
+    kel_test::Completion setter([&] { flag->SetValue(true); });
+    gate.WaitEntered(1);
+    kel_test::Completion destroyer([&] { graph.reset(); });
+    // The callback is held at the gate: the filter must not go meanwhile.
+    EXPECT_FALSE(destroyer.WaitFor(std::chrono::milliseconds(200)));
+    EXPECT_FALSE(destroyed.load());
+    gate.Open();
+    destroyer.Wait();
+    setter.Wait();
+    EXPECT_FALSE(sawDestroyed.load()) << "the callback ran on into a destroyed filter";
+    EXPECT_TRUE(destroyed.load());
+    EXPECT_EQ(flag->GetOwner(), nullptr);
+    flag->SetValue(false);  // reaches nobody now
 }
 
 TEST(FilterParamTest, ThrowingListenerDoesNotEscapeTheSetter) {

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "host/Completion.h"
+#include "host/Gate.h"
 #include "support/TestSupport.h"
 #include "targets/TargetKEL2FileAsyncWriter.h"
 #include "targets/TargetKEL2FileWriterAsync.h"
@@ -21,41 +22,9 @@ namespace {
 
 using kel_test::Completion;
 using kel_test::Frames;
+using kel_test::Gate;
 using kel_test::SetParam;
 using kel_test::TempDir;
-
-// Holds every atom that reaches a writer's serializer until opened, and
-// records which threads came by.
-class Gate {
-public:
-    void Pass() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        ++entered_;
-        names_.push_back(KelCommon::concurrency::Thread::getCurrentThreadName());
-        cv_.notify_all();
-        cv_.wait(lock, [this] { return open_; });
-    }
-    void WaitEntered(int count) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        cv_.wait(lock, [&] { return entered_ >= count; });
-    }
-    void Open() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        open_ = true;
-        cv_.notify_all();
-    }
-    std::vector<std::string> Names() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return names_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    bool open_ = false;
-    int entered_ = 0;
-    std::vector<std::string> names_;
-};
 
 // A real writer strategy whose serialization first passes the gate.
 template <class W>
@@ -243,6 +212,67 @@ TEST(AsyncTargets, StopDiscardsQueuedFramesAndFinishesTheFrameBeingWritten) {
     stop.Wait();
     EXPECT_EQ(f.Buffered(), 0U);
     f.ExpectFileHolds("rec.kel", {0});
+}
+
+// Holds the writing thread when it has claimed its second frame in the queue
+// and not yet taken it; tells when a flush is done.
+struct SecondClaimHooks {
+    static inline std::atomic<int> claims{0};
+    static inline std::atomic<Gate*> claimGate{nullptr};
+    static inline std::atomic<Gate*> flushed{nullptr};
+    static void AfterFilledSlotTaken() {
+        Gate* gate = claimGate.load();
+        if (++claims == 2 && gate != nullptr) {
+            gate->Pass();
+        }
+    }
+    static void AfterFlush() {
+        if (Gate* gate = flushed.load()) {
+            gate->Pass();
+        }
+    }
+};
+
+class HookedAsyncWriter final : public Kel2File::TargetKEL2FileAsyncWriter<Kel2File::BasicWriter, SecondClaimHooks> {
+public:
+    KelCommon::Guid TypeGuid() const override {
+        return KelCommon::Guid::FromHexString("3B1E7A52-6C0D-4E8F-A1B2-C3D4E5F60718");
+    }
+    KEL::FilterClassInfo GetFilterClassInfo() const override {
+        return KEL::FilterClassInfo("HookedAsyncWriter", KEL::FILTER_CATEGORY_TARGET);
+    }
+};
+
+TEST(AsyncTargets, StopLandingWhileTheWriterTakesAFrameWritesNothingAfterIt) {
+    TempDir dir;
+    HookedAsyncWriter target;
+    kel_test::DirectDriver driver(target, {1, 2});
+    const Frames frames = kel_test::MakeCompleteFrames({1, 2}, 3);
+    SetParam(target, "KEL File Path", dir.File("rec.kel"));
+    SetParam(target, "Enable Recording", "true");
+    SetParam(target, "Buffer size", "4");
+    SetParam(target, "Drop frames when full", "false");
+    Gate claim;
+    Gate flushed;
+    SecondClaimHooks::claims = 0;
+    SecondClaimHooks::claimGate = &claim;
+    driver.Initialize();
+    driver.Play();
+    driver.Deliver(frames[0]);
+    driver.Deliver(frames[1]);
+    claim.WaitEntered(1);  // frame 0 is written; the writer has claimed frame 1
+    driver.Deliver(frames[2]);
+    SecondClaimHooks::flushed = &flushed;
+    Completion stop([&] { driver.Stop(); });
+    flushed.WaitEntered(1);  // the stop has begun and discarded what nobody claimed
+    flushed.Open();
+    SecondClaimHooks::flushed = nullptr;
+    claim.Open();
+    stop.Wait();
+    SecondClaimHooks::claimGate = nullptr;
+    // Frame 1 was taken after the stop began: it goes with the discarded
+    // frames, and frame 2 never takes its place.
+    kel_test::ExpectFileHoldsFrames(dir.File("rec.kel"), {frames[0]});
 }
 
 TEST(AsyncTargets, FrameOrderResetDiscardsQueuedAndPartialFrames) {

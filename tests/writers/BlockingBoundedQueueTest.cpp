@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "host/Completion.h"
+#include "host/Gate.h"
 
 namespace {
 
@@ -79,6 +80,36 @@ TEST(BlockingBoundedQueue, FlushWakesAConsumerBlockedInPull) {
     queue.FlushAndPutExitToken(-7);
     consumer.Wait();
     EXPECT_EQ(pulled, -7);
+}
+
+// Holds a consumer between taking its filled slot and taking the element.
+struct ClaimHooks {
+    static inline std::atomic<kel_test::Gate*> gate{nullptr};
+    static void AfterFilledSlotTaken() {
+        if (kel_test::Gate* g = gate.load()) {
+            g->Pass();
+        }
+    }
+    static void AfterFlush() {}
+};
+
+TEST(BlockingBoundedQueue, FlushLeavesTheOldestElementToTheConsumerThatClaimedIt) {
+    KelCommon::BlockingBoundedQueue<int, ClaimHooks> queue(4);
+    queue.Push(1);
+    queue.Push(2);
+    kel_test::Gate gate;
+    ClaimHooks::gate = &gate;
+    int pulled = 0;
+    Completion consumer([&] { pulled = queue.Pull(); });
+    gate.WaitEntered(1);  // the consumer owns a slot, element 1 is still queued
+    ClaimHooks::gate = nullptr;
+    queue.FlushAndPutExitToken(-1);
+    gate.Open();
+    consumer.Wait();
+    // The consumer gets what it claimed, the oldest; the flush took the later one.
+    EXPECT_EQ(pulled, 1);
+    ASSERT_EQ(queue.Size(), 1U);
+    EXPECT_EQ(queue.Pull(), -1);
 }
 
 TEST(BlockingBoundedQueue, CapacityAndSizeAreReadTogether) {
