@@ -4,12 +4,12 @@
 #include <KelCommon/String.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <condition_variable>
 #include <mutex>
-#include <thread>
 #include <string>
+#include <thread>
 
 namespace KEL {
 

@@ -1,6 +1,7 @@
 #include <KEL/KELPurposeGuids.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <pugixml.hpp>
 
@@ -67,6 +68,39 @@ TEST_F(XmlCompanion, DescribesStreamsFramesLayersAndTimeStamps) {
 TEST_F(XmlCompanion, NotWrittenWithoutTheSuffix) {
     WriteContainer(path, {MakeFrameAtom(1, 0)});
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.Path()), std::filesystem::directory_iterator()), 1);
+}
+
+TEST_F(XmlCompanion, OverwriteRemovesTheOldOneAndTheNewOneNamesItsFile) {
+    WriteContainer(path + "+xml", {MakeFrameAtom(1, 0)});
+    const std::string xmlPath = path + ".xml";
+    pugi::xml_document first;
+    ASSERT_TRUE(first.load_file(xmlPath.c_str()));
+    const std::string firstId = first.child("kelContainer").attribute("fileId").value();
+
+    // Rewritten without a companion: the old one would describe a file that
+    // no longer exists.
+    WriteContainer(path, {MakeFrameAtom(2, 0)});
+    EXPECT_FALSE(std::filesystem::exists(xmlPath));
+
+    WriteContainer(path + "+xml", {MakeFrameAtom(3, 0)});
+    pugi::xml_document second;
+    ASSERT_TRUE(second.load_file(xmlPath.c_str()));
+    const std::string secondId = second.child("kelContainer").attribute("fileId").value();
+    auto reader = OpenContainer(path);
+    char id[17];
+    std::snprintf(id, sizeof id, "%016llx", static_cast<unsigned long long>(reader->GetFileId()));
+    EXPECT_EQ(secondId, id);
+    EXPECT_NE(secondId, firstId);
+}
+
+TEST_F(XmlCompanion, ALeftoverCompanionIsRefusedWithoutOverwrite) {
+    const std::string xmlPath = path + ".xml";
+    WriteFileBytes(xmlPath, {'<', 'x', '/', '>'});
+    KEL::SerializeToKel writer((path + "+xml").c_str(), false, KEL::CURRENT_VERSION, false);
+    EXPECT_EQ(writer.GetOpenResult(), KEL::KEL_ERR_ALREADY_EXISTS);
+    writer.Close();
+    EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_EQ(ReadFileBytes(xmlPath).size(), 4U);
 }
 
 }  // namespace

@@ -265,9 +265,7 @@ public:
         : gate_(gate), destroyed_(destroyed), sawDestroyed_(sawDestroyed) {}
     ~GatedListener() override { *destroyed_ = true; }
     KelCommon::Guid TypeGuid() const override { return {}; }
-    KEL::FilterClassInfo GetFilterClassInfo() const override {
-        return {"GatedListener", KEL::FILTER_CATEGORY_UNKNOWN};
-    }
+    KEL::FilterClassInfo GetFilterClassInfo() const override { return {"GatedListener", KEL::FILTER_CATEGORY_UNKNOWN}; }
     void cbiParameterValueChanged(std::shared_ptr<KEL::FilterParam> /*param*/, const char* /*name*/) override {
         // Copied before the gate: only state outside the filter is used after it.
         std::atomic<bool>* destroyed = destroyed_;

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <png.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -104,6 +105,42 @@ TEST_F(KelInfo, FileThatIsNotAContainerFails) {
 }
 
 TEST_F(KelInfo, MissingFileFails) { KelFails({"info", "absent.kel"}, 1, "absent.kel"); }
+
+TEST_F(KelInfo, SpecialFilesAreRefusedAtOnceByEveryCommand) {
+    // A FIFO would block an open that waits for a writer; a directory named
+    // like a file is not a container either.
+    ASSERT_EQ(::mkfifo(File("take.kel").c_str(), 0600), 0);
+    for (const std::vector<std::string>& args : {std::vector<std::string>{"info", "take.kel"},
+                                                 {"verify", "take.kel"},
+                                                 {"copy", "take.kel", "out.kel"},
+                                                 {"info", "/dev/zero"}}) {
+        SCOPED_TRACE(args[0] + " " + args[1]);
+        const auto run = Kel(args);
+        EXPECT_EQ(run.exitCode, 1) << run.out << run.err;
+    }
+    EXPECT_FALSE(Exists("out.kel"));
+}
+
+TEST_F(KelInfo, LostFileHeaderCostsNoAtomInInfoVerifyAndCopy) {
+    RecordSynthetic(File("rec.kel"), 2, 8, false, 64, 64);
+    kel_test::ZeroRange(File("rec.kel"), 0, 128);  // the file header and the checkpoint slots
+    const auto info = nlohmann::json::parse(Kel({"info", "--json", "rec.kel"}).out);
+    EXPECT_EQ(info["damage"]["headerDamaged"], true);
+    EXPECT_EQ(info["atoms"], 16);
+
+    const auto verify = Kel({"verify", "--json", "rec.kel"});
+    EXPECT_EQ(verify.exitCode, 1);
+    const auto report = nlohmann::json::parse(verify.out);
+    EXPECT_EQ(report["headerDamaged"], true);
+    EXPECT_EQ(report["recoverableAtoms"], 16);
+
+    const auto copy = Kel({"copy", "rec.kel", "copy.kel"});
+    ASSERT_EQ(copy.exitCode, 0) << copy.err;
+    const auto copied = nlohmann::json::parse(Kel({"info", "--json", "copy.kel"}).out);
+    EXPECT_EQ(copied["damage"]["headerDamaged"], false);
+    EXPECT_EQ(copied["atoms"], 16);
+    EXPECT_EQ(Kel({"verify", "copy.kel"}).exitCode, 0);
+}
 
 TEST_F(KelVerify, IntactFileExitsZero) {
     RecordSynthetic(File("rec.kel"), 2, 4);
