@@ -30,7 +30,7 @@ for name in os.listdir(out):
     with open(os.path.join(out, name)) as f:
         for b in json.load(f)["benchmarks"]:
             if b.get("aggregate_name") == "median":
-                medians[b["run_name"]] = b
+                medians[b["run_name"].removesuffix("/real_time")] = b
 pairs = [
     ("BM_WriteTextureAtoms", "BM_WritePlainBaseline", "container write, 32 x 4 MiB textures", "rate"),
     ("BM_SyncWriter4MiBTextures", "BM_PlainWriteLoop4MiBTextures", "TargetKEL2FileWriter, 4 streams x 4 MiB", "rate"),
