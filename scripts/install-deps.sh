@@ -8,6 +8,8 @@ packages=(
   libboost-filesystem-dev libboost-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libxxhash-dev libpugixml-dev libpng-dev nlohmann-json3-dev libcli11-dev librapidcheck-dev
+  python3 python3-dev pybind11-dev python3-numpy python3-pytest python3-hypothesis
+  python3-html5lib python3-pil chromium
 )
 
 missing=()

@@ -17,29 +17,8 @@ using kel_tool_test::RecordSynthetic;
 using KelInfo = kel_tool_test::KelToolTest;
 using KelVerify = kel_tool_test::KelToolTest;
 using KelThumbnail = kel_tool_test::KelToolTest;
-
-// The image in a PNG file as RGBA, decoded by libpng (empty when the file
-// is not a valid PNG).
-struct PngImage {
-    std::uint32_t width = 0;
-    std::uint32_t height = 0;
-    std::vector<std::uint8_t> rgba;
-};
-
-PngImage ReadPng(const std::string& path) {
-    png_image image{};
-    image.version = PNG_IMAGE_VERSION;
-    PngImage png;
-    if (png_image_begin_read_from_file(&image, path.c_str()) != 0) {
-        image.format = PNG_FORMAT_RGBA;
-        png.rgba.resize(PNG_IMAGE_SIZE(image));
-        if (png_image_finish_read(&image, nullptr, png.rgba.data(), 0, nullptr) != 0) {
-            png.width = image.width;
-            png.height = image.height;
-        }
-    }
-    return png;
-}
+using kel_tool_test::PngImage;
+using kel_tool_test::ReadPng;
 
 TEST_F(KelInfo, JsonDescribesStreamsFramesLayersAndThumbnail) {
     RecordSynthetic(File("rec.kel"), 2, 5, /*thumbnail=*/true, 64, 32);

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <png.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,6 +13,21 @@
 #include <sstream>
 
 namespace kel_tool_test {
+
+PngImage ReadPng(const std::string& path) {
+    png_image image{};
+    image.version = PNG_IMAGE_VERSION;
+    PngImage png;
+    if (png_image_begin_read_from_file(&image, path.c_str()) != 0) {
+        image.format = PNG_FORMAT_RGBA;
+        png.rgba.resize(PNG_IMAGE_SIZE(image));
+        if (png_image_finish_read(&image, nullptr, png.rgba.data(), 0, nullptr) != 0) {
+            png.width = image.width;
+            png.height = image.height;
+        }
+    }
+    return png;
+}
 
 namespace {
 

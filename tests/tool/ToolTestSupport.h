@@ -39,6 +39,15 @@ int WaitKel(int pid);
 void RecordSynthetic(const std::string& path, std::uint32_t streams, std::uint32_t frames, bool thumbnail = false,
                      std::uint32_t width = 32, std::uint32_t height = 24);
 
+// The image in a PNG file as RGBA, decoded by libpng (empty when the file
+// is not a valid PNG).
+struct PngImage {
+    std::uint32_t width = 0;
+    std::uint32_t height = 0;
+    std::vector<std::uint8_t> rgba;
+};
+PngImage ReadPng(const std::string& path);
+
 // Writes `text` to `path`.
 void WriteText(const std::string& path, const std::string& text);
 

@@ -44,6 +44,8 @@ Command AddSplitCommand(CLI::App& root, const GlobalOptions& global);
 Command AddConcatCommand(CLI::App& root, const GlobalOptions& global);
 Command AddMergeCommand(CLI::App& root, const GlobalOptions& global);
 Command AddThumbnailCommand(CLI::App& root, const GlobalOptions& global);
+Command AddReportCommand(CLI::App& root, const GlobalOptions& global);
+Command AddExportCommand(CLI::App& root, const GlobalOptions& global);
 Command AddDemoCommand(CLI::App& root, const GlobalOptions& global);
 
 }  // namespace KelTool

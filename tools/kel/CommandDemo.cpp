@@ -7,6 +7,7 @@
 #include "ContainerSummary.h"
 #include "GraphBuilder.h"
 #include "GraphRunner.h"
+#include "HtmlReport.h"
 #include "PluginSetup.h"
 #include "ThumbnailExport.h"
 
@@ -156,6 +157,17 @@ int RunDemo(const GlobalOptions& global, const DemoOptions& options) {
                   << (result->stored ? ", stored in capture.kel" : ", made from the first frame") << ")\n";
     }
 
+    std::cout << "==> Report\n";
+    const std::string report = (out / "report.html").string();
+    ReportContents contents;
+    if (WriteHtmlReport({out.string(), (out / "per-camera").string()}, report, {}, &contents, &error)) {
+        std::cout << "    report.html: " << contents.files << " file(s), " << contents.images << " frame image(s), "
+                  << contents.timelines << " time line(s)\n";
+    } else {
+        std::cout << "    " << error << "\n";
+        allGood = false;
+    }
+
     std::cout << "\nDemo files are in " << out.string() << "\n"
               << "  capture.kel      all cameras, thumbnails, XML companion capture.kel.xml\n"
               << "  per-camera/      one file per camera (camera_<id>.kel)\n"
@@ -163,7 +175,9 @@ int RunDemo(const GlobalOptions& global, const DemoOptions& options) {
               << "\n"
               << "  merged.kel       the per-camera files merged back into one\n"
               << "  thumbnails/      PNG previews\n"
-              << "Try: kel info " << (out / "capture.kel").string() << "\n";
+              << "  report.html      contact sheets, time lines and damage of every file\n"
+              << "Try: kel info " << (out / "capture.kel").string() << "\n"
+              << "Report: " << report << "\n";
     return allGood ? kExitOk : Fail("the demo's files are not all as expected (see above)");
 }
 

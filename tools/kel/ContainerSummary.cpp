@@ -84,15 +84,21 @@ bool ContainerSummary::HasThumbnail() const noexcept {
 }
 
 ContainerSummary SummarizeContainer(const std::string& path) {
-    ContainerSummary summary;
-    summary.path = path;
     KEL::ReadKEL2File reader(path.c_str());
-    summary.openResult = reader.Initialize();
-    if (summary.openResult != KEL::KEL_OK) {
-        summary.error =
-            reader.GetLastError().empty() ? KEL::KelErrorCodeName(summary.openResult) : reader.GetLastError();
+    const KEL::KelErrorCode code = reader.Initialize();
+    if (code != KEL::KEL_OK) {
+        ContainerSummary summary;
+        summary.path = path;
+        summary.openResult = code;
+        summary.error = reader.GetLastError().empty() ? KEL::KelErrorCodeName(code) : reader.GetLastError();
         return summary;
     }
+    return SummarizeOpenContainer(reader);
+}
+
+ContainerSummary SummarizeOpenContainer(KEL::ReadKEL2File& reader) {
+    ContainerSummary summary;
+    summary.path = reader.GetFilePath();
     summary.fileSize = reader.GetFileSize();
     summary.formatVersion = reader.GetFormatVersion();
     summary.atoms = reader.GetNumAtoms();

@@ -55,10 +55,13 @@ struct ContainerSummary {
     bool HasThumbnail() const noexcept;
 };
 
-// Opens `path` with the container reader and reads every atom once (for the
-// time range and sizes). Never throws; a file that cannot be opened gives a
+// Opens `path` with the container reader and summarises it from its index
+// (or record headers); of the payloads only each stream's first atom is
+// read, for its layers. Never throws; a file that cannot be opened gives a
 // summary with `openResult` and `error` set.
 ContainerSummary SummarizeContainer(const std::string& path);
+// The same for a reader that is already open.
+ContainerSummary SummarizeOpenContainer(KEL::ReadKEL2File& reader);
 
 nlohmann::ordered_json ToJson(const ContainerSummary& summary);
 

@@ -47,10 +47,9 @@ bool RunPngWrite(PngWriteJob& job, std::uint32_t width, std::uint32_t height) {
     return true;
 }
 
-}  // namespace
-
-bool WritePngRgba(const std::string& path, std::uint32_t width, std::uint32_t height, const std::uint8_t* pixels,
-                  std::size_t size, std::string* error) {
+// Checks the image's size against its pixel buffer.
+bool ValidImage(std::uint32_t width, std::uint32_t height, const std::uint8_t* pixels, std::size_t size,
+                std::string* error) {
     if (width == 0 || height == 0 || width > 0x7FFFFFFFU || height > 0x7FFFFFFFU) {
         *error = "cannot write an image of " + std::to_string(width) + "x" + std::to_string(height) + " pixels";
         return false;
@@ -58,6 +57,43 @@ bool WritePngRgba(const std::string& path, std::uint32_t width, std::uint32_t he
     if (pixels == nullptr || size != static_cast<std::size_t>(width) * height * 4) {
         *error = "pixel buffer holds " + std::to_string(size) + " bytes, expected " +
                  std::to_string(static_cast<std::size_t>(width) * height * 4);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+std::vector<std::uint8_t> EncodePngRgba(std::uint32_t width, std::uint32_t height, const std::uint8_t* pixels,
+                                        std::size_t size, std::string* error) {
+    if (!ValidImage(width, height, pixels, size, error)) {
+        return {};
+    }
+    png_image image{};
+    image.version = PNG_IMAGE_VERSION;
+    image.width = width;
+    image.height = height;
+    image.format = PNG_FORMAT_RGBA;
+    // The first call only measures.
+    png_alloc_size_t bytes = 0;
+    if (png_image_write_get_memory_size(image, bytes, 0, pixels, 0, nullptr) == 0) {
+        *error = std::string("cannot encode a PNG image: ") + image.message;
+        png_image_free(&image);
+        return {};
+    }
+    std::vector<std::uint8_t> png(bytes);
+    if (png_image_write_to_memory(&image, png.data(), &bytes, 0, pixels, 0, nullptr) == 0) {
+        *error = std::string("cannot encode a PNG image: ") + image.message;
+        png_image_free(&image);
+        return {};
+    }
+    png.resize(bytes);
+    return png;
+}
+
+bool WritePngRgba(const std::string& path, std::uint32_t width, std::uint32_t height, const std::uint8_t* pixels,
+                  std::size_t size, std::string* error) {
+    if (!ValidImage(width, height, pixels, size, error)) {
         return false;
     }
     PngWriteJob job;

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace KelTool {
 
@@ -11,5 +12,10 @@ namespace KelTool {
 // file cannot be written; a partly written file is removed.
 bool WritePngRgba(const std::string& path, std::uint32_t width, std::uint32_t height, const std::uint8_t* pixels,
                   std::size_t size, std::string* error);
+
+// The same image as the bytes of a PNG file in memory; empty with `error`
+// set when the size is invalid or libpng fails.
+std::vector<std::uint8_t> EncodePngRgba(std::uint32_t width, std::uint32_t height, const std::uint8_t* pixels,
+                                        std::size_t size, std::string* error);
 
 }  // namespace KelTool

@@ -52,10 +52,10 @@ int main(int argc, char** argv) {
     app.add_option("--plugin", global.pluginPaths, "Load this plugin library (repeatable)")->type_name("PATH");
 
     std::vector<Command> commands{
-        AddFiltersCommand(app, global), AddInfoCommand(app, global),  AddVerifyCommand(app, global),
-        AddRunCommand(app, global),     AddCopyCommand(app, global),  AddSplitCommand(app, global),
-        AddConcatCommand(app, global),  AddMergeCommand(app, global), AddThumbnailCommand(app, global),
-        AddDemoCommand(app, global),
+        AddFiltersCommand(app, global), AddInfoCommand(app, global),   AddVerifyCommand(app, global),
+        AddRunCommand(app, global),     AddCopyCommand(app, global),   AddSplitCommand(app, global),
+        AddConcatCommand(app, global),  AddMergeCommand(app, global),  AddThumbnailCommand(app, global),
+        AddReportCommand(app, global),  AddExportCommand(app, global), AddDemoCommand(app, global),
     };
 
     try {

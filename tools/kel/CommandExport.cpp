@@ -1,0 +1,130 @@
+#include <KEL/ReadKEL2File.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+#include <optional>
+
+#include "Command.h"
+#include "FrameImage.h"
+#include "PngWriter.h"
+#include "ProgressBar.h"
+
+namespace KelTool {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct ExportOptions {
+    std::string path;
+    std::uint32_t stream = 0;
+    std::string output;
+    std::uint32_t every = 1;
+    std::optional<std::uint32_t> from;
+    std::optional<std::uint32_t> to;
+};
+
+std::string FrameFileName(std::uint32_t frameNr) {
+    char name[32];
+    std::snprintf(name, sizeof name, "frame_%06u.png", frameNr);
+    return name;
+}
+
+int RunExport(const ExportOptions& options) {
+    KEL::ReadKEL2File reader(options.path.c_str());
+    if (const auto code = reader.Initialize(); code != KEL::KEL_OK) {
+        return Fail("cannot open '" + options.path +
+                    "': " + (reader.GetLastError().empty() ? KEL::KelErrorCodeName(code) : reader.GetLastError()));
+    }
+    if (reader.GetNumFrames(static_cast<std::uint16_t>(options.stream)) == 0) {
+        return Fail("'" + options.path + "' has no stream " + std::to_string(options.stream));
+    }
+    const auto id = static_cast<std::uint16_t>(options.stream);
+    std::vector<std::uint32_t> selected;
+    std::size_t position = 0;
+    for (const std::uint32_t nr : reader.GetFrameNumbers(id)) {
+        if ((options.from && nr < *options.from) || (options.to && nr > *options.to)) {
+            continue;
+        }
+        if (position++ % options.every == 0) {
+            selected.push_back(nr);
+        }
+    }
+    if (selected.empty()) {
+        return Fail("stream " + std::to_string(id) + " of '" + options.path + "' has no frame in the range asked for");
+    }
+    // A stream without pictures is refused before anything is written.
+    if (const auto first = reader.GetFrameAtom(id, selected.front()); first && !FindFrameImage(*first)) {
+        return Fail("stream " + std::to_string(id) + " of '" + options.path + "' holds no images");
+    }
+    std::error_code ec;
+    fs::create_directories(options.output, ec);
+    if (ec) {
+        return Fail("cannot create '" + options.output + "': " + ec.message());
+    }
+
+    ProgressBar progress(stderr, true);
+    std::size_t written = 0;
+    std::vector<std::uint32_t> damaged;
+    std::vector<std::uint32_t> withoutImage;
+    for (std::size_t i = 0; i < selected.size(); ++i) {
+        const std::uint32_t nr = selected[i];
+        progress.Update(i, selected.size(), "frame " + std::to_string(nr));
+        const auto atom = reader.GetFrameAtom(id, nr);
+        if (!atom) {
+            damaged.push_back(nr);
+            continue;
+        }
+        const auto image = FindFrameImage(*atom);
+        if (!image) {
+            withoutImage.push_back(nr);
+            continue;
+        }
+        std::string error;
+        const std::string file = (fs::path(options.output) / FrameFileName(nr)).string();
+        if (!WritePngRgba(file, image->GetWidth(), image->GetHeight(), image->GetPixels().data(),
+                          image->GetPixels().size(), &error)) {
+            progress.Finish();
+            return Fail(error);
+        }
+        ++written;
+    }
+    progress.Finish();
+    std::cout << options.output << ": " << written << " PNG image(s) of stream " << id << "\n";
+    if (!withoutImage.empty() && written == 0) {
+        return Fail("stream " + std::to_string(id) + " of '" + options.path + "' holds no images");
+    }
+    if (!withoutImage.empty()) {
+        std::cout << "  " << withoutImage.size() << " frame(s) without an image skipped\n";
+    }
+    if (!damaged.empty()) {
+        std::string list;
+        for (std::size_t i = 0; i < damaged.size() && i < 10; ++i) {
+            list += (i == 0 ? "" : ", ") + std::to_string(damaged[i]);
+        }
+        return Fail(std::to_string(damaged.size()) + " damaged frame(s) could not be exported: " + list +
+                    (damaged.size() > 10 ? ", ..." : ""));
+    }
+    return kExitOk;
+}
+
+}  // namespace
+
+Command AddExportCommand(CLI::App& root, const GlobalOptions& /*global*/) {
+    auto options = std::make_shared<ExportOptions>();
+    CLI::App* app =
+        root.add_subcommand("export", "Write the images of one stream as numbered PNG files (frame_000123.png)");
+    app->add_option("FILE", options->path, "The .kel file")->required();
+    app->add_option("--stream", options->stream, "Stream id")->required()->type_name("N")->check(CLI::Range(0, 65535));
+    app->add_option("-o,--output", options->output, "The directory to write into")->required()->type_name("DIR");
+    app->add_option("--every", options->every, "Export every K-th frame of the selection (default 1)")
+        ->type_name("K")
+        ->check(CLI::PositiveNumber);
+    app->add_option("--from", options->from, "First frame number to export")->type_name("F");
+    app->add_option("--to", options->to, "Last frame number to export")->type_name("G");
+    return {app, [options] { return RunExport(*options); }};
+}
+
+}  // namespace KelTool
