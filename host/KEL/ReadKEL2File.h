@@ -62,6 +62,13 @@ struct ReaderOptions {
     bool readAhead = true;
 };
 
+// One atom record as the index or its header lists it.
+struct AtomListing {
+    std::uint16_t streamId = 0;
+    std::uint32_t frameNr = 0;
+    std::int64_t timeStamp = 0;
+};
+
 // The container file reader (the KEL2 container, ".kel").
 //
 // Reading. Records are read with positioned reads into reference-counted
@@ -131,6 +138,13 @@ public:
     std::uint64_t GetStoredBytes(std::uint16_t stream) const;
     // Total number of atom records.
     std::uint64_t GetNumAtoms() const noexcept;
+    // The key of every atom record, in file order, without reading payloads.
+    std::vector<AtomListing> ListAtoms() const;
+    // The atom of the `position`-th record in file order (0 to GetNumAtoms()
+    // - 1), or empty when there is none or it is damaged. Reaches records
+    // that share a stream and frame number with an earlier one, which
+    // GetFrameAtom never returns.
+    std::shared_ptr<Atom> GetAtomAt(std::uint64_t position);
     std::uint64_t GetFileSize() const noexcept;
     // The error text of the last failure ("" when none).
     const std::string& GetLastError() const noexcept;

@@ -455,6 +455,28 @@ std::uint64_t ReadKEL2File::GetStoredBytes(std::uint16_t stream) const {
 
 std::uint64_t ReadKEL2File::GetNumAtoms() const noexcept { return impl_->records.Size(); }
 
+std::vector<AtomListing> ReadKEL2File::ListAtoms() const {
+    std::vector<AtomListing> atoms;
+    atoms.reserve(impl_->records.Size());
+    for (std::size_t i = 0; i < impl_->records.Size(); ++i) {
+        const IndexEntry e = impl_->records[i];
+        atoms.push_back({e.streamId, e.frameNr, e.timeStamp});
+    }
+    return atoms;
+}
+
+std::shared_ptr<Atom> ReadKEL2File::GetAtomAt(std::uint64_t position) {
+    if (position >= impl_->records.Size()) {
+        return nullptr;
+    }
+    try {
+        return impl_->Load(static_cast<std::size_t>(position));
+    } catch (const std::exception& e) {
+        impl_->lastError = e.what();
+        return nullptr;
+    }
+}
+
 std::uint64_t ReadKEL2File::GetFileSize() const noexcept { return impl_->fileSize; }
 
 const std::string& ReadKEL2File::GetLastError() const noexcept { return impl_->lastError; }

@@ -1,0 +1,50 @@
+#pragma once
+
+// Pieces shared by the bindings of the `kel` Python module: numpy views of
+// the runtime's reference-counted buffers, purposes as text, and the
+// KelError exception.
+
+#include <KEL/KelErrorCode.h>
+#include <KelCommon/Guid.h>
+#include <KelCommon/SharedBuffer.h>
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+
+#include <string>
+#include <vector>
+
+namespace kel_python {
+
+namespace py = pybind11;
+
+// A read-only numpy array over the bytes of `buffer`, without copying them.
+// The array keeps the buffer's owner (the reader's memory block, or the
+// memory a layer was built from) alive for as long as it or any view of it
+// exists. `shape` must describe exactly buffer.size() bytes of `dtype`.
+py::array ViewOf(const KelCommon::SharedBuffer& buffer, const py::dtype& dtype, std::vector<py::ssize_t> shape);
+
+// The bytes of a numpy array (converted to C order and to `T` if needed),
+// copied into a new buffer.
+template <class T>
+KelCommon::SharedBuffer BufferFrom(const py::array_t<T, py::array::c_style | py::array::forcecast>& array) {
+    return KelCommon::SharedBuffer::Copy(array.data(), static_cast<std::size_t>(array.nbytes()));
+}
+
+// "PRIMARY_COLOR" for a registered purpose, else the GUID's text.
+std::string PurposeText(const KelCommon::Guid& purpose);
+// A registered alias or a GUID text; an empty text or None is the null GUID.
+// Raises ValueError for anything else.
+KelCommon::Guid PurposeFrom(const py::object& purpose);
+
+// Raises kel.KelError(message) with `code` and `name` ("not found")
+// attributes.
+[[noreturn]] void RaiseKelError(KEL::KelErrorCode code, const std::string& message);
+// Creates kel.KelError in module `m`.
+void DefineKelError(py::module_& m);
+
+void BindLayers(py::module_& m);
+void BindAtom(py::module_& m);
+void BindRecording(py::module_& m);
+void BindWriter(py::module_& m);
+
+}  // namespace kel_python

@@ -1,0 +1,259 @@
+"""The `kel` Python module against the real runtime and real files: generated
+round trips of every layer type, the C++ demo's recordings, zero-copy views,
+damage, errors, and playback through the plugin."""
+
+import gc
+import os
+import resource
+
+import numpy as np
+import pytest
+from hypothesis import HealthCheck, given, settings
+from hypothesis import strategies as st
+
+import kel
+
+PURPOSES = [None, "PRIMARY_COLOR", "THUMBNAIL", "CAMERA_PRIMARY", "STATIC", "Network",
+            "0F7A4F52-D13A-4B77-B7A2-23636E4DB3F9", "12345678-9ABC-4DEF-8123-456789ABCDEF"]
+text = st.text(st.characters(blacklist_categories=("Cs",)), max_size=40)
+finite = st.floats(allow_nan=False, allow_infinity=False, width=64)
+u32 = st.integers(0, 2**32 - 1)
+small_bytes = st.binary(max_size=300) | st.integers(0, 70_000).map(lambda n: bytes(range(256)) * (n // 256))
+
+
+@st.composite
+def textures(draw):
+    h, w = draw(st.integers(1, 40)), draw(st.integers(1, 40))
+    seed = draw(st.integers(0, 2**32 - 1))
+    pixels = np.random.default_rng(seed).integers(0, 256, (h, w, 4), dtype=np.uint8)
+    return kel.TextureRGBA(pixels, purpose=draw(st.sampled_from(PURPOSES)))
+
+
+@st.composite
+def meshes(draw):
+    n, m = draw(st.integers(0, 50)), draw(st.integers(0, 50))
+    rng = np.random.default_rng(draw(st.integers(0, 2**32 - 1)))
+    vertices = rng.standard_normal((n, 3)).astype(np.float32)
+    indices = rng.integers(0, max(n, 1), (m, 3), dtype=np.uint32)
+    tex = rng.random((n, 2), dtype=np.float32) if draw(st.booleans()) and n > 0 else None
+    return kel.Mesh(vertices, indices, tex, purpose=draw(st.sampled_from(PURPOSES)))
+
+
+@st.composite
+def cameras(draw):
+    return kel.CameraParams(width=draw(u32), height=draw(u32), fx=draw(finite), fy=draw(finite), cx=draw(finite),
+                            cy=draw(finite), distortion=draw(st.lists(finite, max_size=8)),
+                            pose=np.array(draw(st.lists(finite, min_size=16, max_size=16))).reshape(4, 4),
+                            version=draw(st.sampled_from([1, 2])), purpose=draw(st.sampled_from(PURPOSES)))
+
+
+layers = st.one_of(
+    textures(), meshes(), cameras(),
+    st.builds(kel.StreamInfo, num_frames=u32, frame_rate=finite, name=text, purpose=st.sampled_from(PURPOSES)),
+    st.builds(kel.RecordingInfo, start_time=st.integers(-2**63, 2**63 - 1), device=text, description=text),
+    st.builds(kel.StaticInfo, entries=st.dictionaries(text, text, max_size=5)),
+    st.builds(kel.Binary, name=text, data=small_bytes, purpose=st.sampled_from(PURPOSES)),
+    st.builds(kel.CylinderCrop, center_x=finite, center_z=finite, radius=finite, min_y=finite, max_y=finite),
+    st.builds(kel.Opaque, type_guid=st.just("5C0FFEE0-1234-4321-ABCD-0123456789AB"), fields=st.binary(max_size=64),
+              blobs=st.lists(small_bytes, max_size=3)),
+)
+atoms = st.builds(lambda s, f, t, ls: kel.Atom(stream=s, frame=f, time_stamp=t, layers=ls),
+                  st.integers(0, 65535), u32, st.integers(-2**63, 2**63 - 1), st.lists(layers, max_size=12))
+
+
+def fields(layer):
+    """What a layer holds, as plain values (arrays as bytes and shapes), read
+    through the module's properties."""
+    common = (layer.type, layer.type_guid, layer.purpose, layer.version)
+    if isinstance(layer, kel.TextureRGBA):
+        return common + (layer.pixels.shape, layer.pixels.tobytes())
+    if isinstance(layer, kel.Mesh):
+        return common + tuple((a.shape, a.tobytes()) for a in (layer.vertices, layer.indices, layer.tex_coords))
+    if isinstance(layer, kel.CameraParams):
+        return common + (layer.width, layer.height, layer.fx, layer.fy, layer.cx, layer.cy,
+                         layer.distortion.tobytes(), layer.pose.tobytes())
+    if isinstance(layer, kel.StreamInfo):
+        return common + (layer.num_frames, layer.frame_rate, layer.name)
+    if isinstance(layer, kel.RecordingInfo):
+        return common + (layer.start_time, layer.device, layer.description)
+    if isinstance(layer, kel.StaticInfo):
+        return common + (layer.entries,)
+    if isinstance(layer, kel.Binary):
+        return common + (layer.name, layer.data.tobytes())
+    if isinstance(layer, kel.CylinderCrop):
+        return common + (layer.center_x, layer.center_z, layer.radius, layer.min_y, layer.max_y)
+    if isinstance(layer, kel.Opaque):
+        return common + (layer.fields, tuple(b.tobytes() for b in layer.blobs))
+    raise AssertionError(f"unexpected layer {layer!r}")
+
+
+def atom_fields(atom):
+    return (atom.stream, atom.frame, atom.time_stamp, [fields(layer) for layer in atom.layers])
+
+
+@settings(max_examples=int(os.environ.get("KEL_PY_EXAMPLES", "200")), deadline=None,
+          suppress_health_check=[HealthCheck.function_scoped_fixture, HealthCheck.too_slow])
+@given(written=st.lists(atoms, min_size=1, max_size=6), close=st.booleans())
+def test_generated_atoms_read_back_field_by_field(tmp_path, written, close):
+    path = str(tmp_path / "gen.kel")
+    writer = kel.create(path)
+    for atom in written:
+        writer.write(atom)
+    expected = [atom_fields(a) for a in written]
+    if close:
+        writer.close()
+    with kel.open(path) as rec:  # an unclosed file is listed from its record headers
+        assert rec.num_atoms == len(written)
+        assert [atom_fields(a) for a in rec.atoms()] == expected
+        for i, atom in enumerate(written):
+            first = next(j for j, other in enumerate(written) if (other.stream, other.frame) == (atom.stream, atom.frame))
+            assert atom_fields(rec.atom(atom.stream, atom.frame)) == expected[first]
+    if not close:
+        writer.close()
+
+
+def test_the_demo_recordings_read_as_the_cpp_side_wrote_them(demo_dir):
+    with kel.open(str(demo_dir / "capture.kel")) as rec:
+        assert rec.streams == [0, 1, 2]
+        assert rec.writer_closed and rec.verify()["intact"]
+        assert list(rec.frame_numbers(1)) == list(range(12))
+        stamps = rec.time_stamps(0)
+        assert stamps.dtype == np.int64 and np.all(np.diff(stamps) > 0)
+        first = rec.atom(0, 0)
+        assert first.layer("StreamInfo").name == "Camera 0"
+        assert first.layer("TextureRGBA", "THUMBNAIL") is not None
+        image = rec.atom(2, 7).layer("TextureRGBA", "PRIMARY_COLOR")
+        assert image.pixels.shape == (48, 64, 4)
+        # The per-camera file of camera 2 holds the same pixels.
+        with kel.open(str(demo_dir / "per-camera" / "camera_2.kel")) as single:
+            assert np.array_equal(single.atom(2, 7).layer("TextureRGBA", "PRIMARY_COLOR").pixels, image.pixels)
+
+
+def test_playback_restores_stream_level_layers_as_the_source_does(demo_dir):
+    with kel.open(str(demo_dir / "capture.kel")) as rec:
+        assert rec.atom(1, 5).layer("StreamInfo") is None  # writers keep it in the first atom only
+        playback = rec.playback(included_streams=[2, 0])
+        frames = list(playback)
+        assert len(frames) == len(playback) == 12
+        for number, frame in enumerate(frames):
+            assert [a.stream for a in frame] == [0, 2]
+            assert all(a.frame == number for a in frame)
+            info = frame[0].layer("StreamInfo")
+            assert info is not None and info.num_frames == 12
+            assert np.array_equal(frame[1].layer("TextureRGBA", "PRIMARY_COLOR").pixels,
+                                  rec.atom(2, number).layer("TextureRGBA", "PRIMARY_COLOR").pixels)
+
+
+def test_arrays_are_read_only_views_that_keep_the_readers_memory_alive(demo_dir):
+    rec = kel.open(str(demo_dir / "capture.kel"))
+    texture = rec.atom(0, 3).layer("TextureRGBA", "PRIMARY_COLOR")
+    pixels = texture.pixels
+    assert not pixels.flags.writeable and not pixels.flags.owndata
+    assert np.shares_memory(pixels, texture.pixels)  # a view of the layer's buffer, not a copy per access
+    assert pixels.ctypes.data % 64 == 0  # blobs lie 64-byte aligned in the reader's memory
+    with pytest.raises(ValueError):
+        pixels[0, 0, 0] = 1
+    copy = pixels.copy()
+    rec.close()
+    del texture
+    gc.collect()
+    assert np.array_equal(pixels, copy)  # still valid after the recording and the layer are gone
+
+
+def rss_kib():
+    with open("/proc/self/statm") as f:
+        return int(f.read().split()[1]) * os.sysconf("SC_PAGE_SIZE") // 1024
+
+
+def test_reading_a_large_file_frame_by_frame_does_not_grow_memory(tmp_path):
+    # 1 GiB where the disk has room for it, else 256 MiB.
+    stat = os.statvfs(tmp_path)
+    frames = 256 if stat.f_bavail * stat.f_frsize > 4 * 2**30 else 64
+    path = str(tmp_path / "big.kel")
+    pixels = np.random.default_rng(1).integers(0, 256, (1024, 1024, 4), dtype=np.uint8)
+    with kel.create(path) as writer:
+        for f in range(frames):
+            writer.write(kel.Atom(stream=0, frame=f, time_stamp=f * 40_000, layers=[kel.TextureRGBA(pixels)]))
+    size = os.path.getsize(path)
+    before = rss_kib()
+    peak = before
+    total = 0
+    with kel.open(path) as rec:
+        for atom in rec.atoms():
+            view = atom.layer("TextureRGBA").pixels.reshape(-1)
+            total += int(view[::4096].sum())
+            del atom, view
+            peak = max(peak, rss_kib())
+    assert total == frames * int(pixels.reshape(-1)[::4096].sum())
+    assert (peak - before) * 1024 < size / 8, f"memory grew by {(peak - before) // 1024} MiB over a {size >> 20} MiB file"
+    os.remove(path)
+
+
+def test_damage_is_reported_and_costs_only_the_damaged_atoms(demo_dir, tmp_path):
+    path = tmp_path / "damaged.kel"
+    data = bytearray((demo_dir / "per-camera" / "camera_1.kel").read_bytes())
+    with kel.open(str(demo_dir / "per-camera" / "camera_1.kel")) as rec:
+        n = rec.num_atoms
+    middle = len(data) // 2
+    data[middle:middle + 16] = bytes(16)
+    path.write_bytes(bytes(data[:-100]))  # the index goes too
+    with kel.open(str(path)) as rec:
+        assert not rec.writer_closed
+        got = list(rec.atoms())
+        assert n - 2 <= len(got) < n
+        missing = sorted(set(range(n)) - {a.frame for a in got})
+        with pytest.raises(kel.KelError) as error:
+            rec.atom(1, missing[0])
+        assert error.value.code == kel.KEL_ERR_CORRUPT
+        assert rec.damage["skipped_records"] >= 1
+        report = rec.verify()
+        assert not report["intact"] and report["problems"]
+
+
+def test_errors_are_exceptions_with_the_hosts_codes(tmp_path):
+    with pytest.raises(kel.KelError) as missing:
+        kel.open(str(tmp_path / "absent.kel"))
+    assert missing.value.code == kel.KEL_ERR_NOT_FOUND and "absent.kel" in str(missing.value)
+    (tmp_path / "text.kel").write_text("not a container at all")
+    with pytest.raises(kel.KelError) as foreign:
+        kel.open(str(tmp_path / "text.kel"))
+    assert foreign.value.code == kel.KEL_ERR_NOT_A_CONTAINER
+    with pytest.raises(kel.KelError) as exists:
+        kel.create(str(tmp_path / "text.kel"), overwrite=False)
+    assert exists.value.code == kel.KEL_ERR_ALREADY_EXISTS
+    writer = kel.create(str(tmp_path / "w.kel"))
+    writer.close()
+    with pytest.raises(ValueError):
+        writer.write(kel.Atom())
+    with pytest.raises(ValueError):
+        kel.TextureRGBA(np.zeros((4, 4, 3), np.uint8))
+    with pytest.raises(ValueError):
+        kel.Binary("x", b"", purpose="NO_SUCH_PURPOSE")
+    with kel.open(str(tmp_path / "w.kel")) as rec:
+        with pytest.raises(KeyError):
+            rec.atom(0, 0)
+    with pytest.raises(ValueError):
+        rec.streams  # closed
+
+
+def test_a_full_disk_fails_the_write_and_keeps_what_was_acknowledged(tmp_path):
+    path = str(tmp_path / "limited.kel")
+    pixels = np.zeros((256, 256, 4), np.uint8)
+    soft, hard = resource.getrlimit(resource.RLIMIT_FSIZE)
+    import signal
+    previous = signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+    written = 0
+    try:
+        resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 20, hard))
+        with pytest.raises(kel.KelError) as full:
+            with kel.create(path) as writer:
+                for f in range(100):
+                    writer.write(kel.Atom(frame=f, layers=[kel.TextureRGBA(pixels)]))
+                    written += 1
+        assert full.value.code == kel.KEL_ERR_FILE_TOO_LARGE
+    finally:
+        resource.setrlimit(resource.RLIMIT_FSIZE, (soft, hard))
+        signal.signal(signal.SIGXFSZ, previous)
+    assert 0 < written < 100
+    with kel.open(path) as rec:
+        assert [a.frame for a in rec.atoms()] == list(range(written))
