@@ -29,6 +29,9 @@ PYBIND11_MODULE(kel, m) {
         "Read and write KEL containers (.kel). kel.open(path) gives a Recording of atoms whose image, mesh and blob "
         "payloads are read-only numpy views of the reader's memory (no copy); kel.create(path) writes one.";
     QuietLogUnlessAsked();
+    // Arrays are numpy's: load it with the module rather than at the first
+    // array a user asks for.
+    pybind11::module_::import("numpy");
     kel_python::DefineKelError(m);
     m.def(
         "set_log_level",

@@ -4,6 +4,7 @@
 #
 #   scripts/run-benchmarks.sh BUILD_DIR
 set -euo pipefail
+cd "$(dirname "$0")/.."
 
 build="${1:-build/release}"
 bench="$build/bench"
@@ -14,6 +15,10 @@ echo "== machine: $(nproc) cores, $(awk '/MemTotal/ {printf "%.0f GiB", $2 / 104
 echo
 echo "== reading (fresh processes)"
 "$bench/kel_read_bench" --runs "${KEL_BENCH_RUNS:-5}"
+echo
+echo "== reading from Python (fresh processes)"
+PYTHONPATH="$build/python" /usr/bin/python3 bench/python_read_bench.py --cxx "$bench/kel_read_bench" \
+  --runs "${KEL_BENCH_RUNS:-5}"
 echo
 for b in container_bench targets_bench sources_bench; do
   echo "== $b"
