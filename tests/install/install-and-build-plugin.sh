@@ -23,4 +23,11 @@ for class in FrameCounter SourceKEL2FileReader TargetKEL2FilePerStreamSnapshotWr
     exit 1
   fi
 done
+# The installed Python module finds the installed libraries by itself.
+site=$(echo "$work"/prefix/lib/python3*/dist-packages)
+if [ -d "$site" ]; then
+  env -u LD_LIBRARY_PATH PYTHONPATH="$site" /usr/bin/python3 -c \
+    "import kel, sys; w = kel.create(sys.argv[1]); w.write(kel.Atom(stream=2)); w.close(); assert kel.open(sys.argv[1]).streams == [2]" \
+    "$work/check.kel"
+fi
 echo "external plugin built against the installed package and loaded"
