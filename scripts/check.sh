@@ -1,11 +1,15 @@
 #!/usr/bin/env bash
 # The project's test command. With no argument it runs every stage:
-#   release  build and run the whole suite (ctest)
-#   asan     the whole suite under AddressSanitizer + UndefinedBehaviorSanitizer
+#   release  build and run the whole suite (ctest: C++ and Python tests)
+#   asan     the whole C++ suite under AddressSanitizer + UndefinedBehaviorSanitizer
 #   tsan     the concurrency tests under ThreadSanitizer
-#   fuzz     a short libFuzzer run of the container reader (clang)
+#   fuzz     a short libFuzzer run of the container reader and of the writer
 # With arguments, only the named stages run.
-set -euo pipefail
+#
+# Every stage runs even when an earlier one failed, so that the closing line
+# counts what really passed, failed and was skipped; a stage that runs no test
+# at all fails. The exit code is 0 only when every stage passed.
+set -uo pipefail
 cd "$(dirname "$0")/.."
 
 stages=("$@")
@@ -15,11 +19,34 @@ fi
 
 jobs=$(nproc)
 
-# Totals over every ctest run, printed as the closing line.
 total_passed=0
 total_failed=0
-summary_file=$(mktemp)
-trap 'rm -f "$summary_file"' EXIT
+total_skipped=0
+failed_stages=()
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+
+# Adds the counts of the ctest run in $log to the totals; fails when it ran
+# no test.
+count_ctest() {
+  local line failed total skipped
+  line=$(grep -E "tests passed, [0-9]+ tests failed out of [0-9]+" "$log" | tail -n 1 || true)
+  if [ -z "$line" ]; then
+    echo "check: the stage ran no test" >&2
+    return 1
+  fi
+  failed=$(sed -E 's/.* ([0-9]+) tests failed out of ([0-9]+).*/\1/' <<<"$line")
+  total=$(sed -E 's/.* ([0-9]+) tests failed out of ([0-9]+).*/\2/' <<<"$line")
+  skipped=$(grep -c -E '\((Skipped|Not Run|Disabled)\)' "$log" || true)
+  if [ "$total" -eq 0 ]; then
+    echo "check: the stage ran no test" >&2
+    return 1
+  fi
+  total_passed=$((total_passed + total - failed - skipped))
+  total_failed=$((total_failed + failed))
+  total_skipped=$((total_skipped + skipped))
+  return 0
+}
 
 # run_suite PRESET [build targets...] -- [ctest arguments...]
 run_suite() {
@@ -32,40 +59,53 @@ run_suite() {
   done
   [ $# -gt 0 ] && shift
   echo "== $preset: configure and build"
-  cmake --preset "$preset" >/dev/null
-  cmake --build --preset "$preset" -j "$jobs" "${targets[@]}"
+  cmake --preset "$preset" >/dev/null || return 1
+  cmake --build --preset "$preset" -j "$jobs" "${targets[@]}" || return 1
   echo "== $preset: tests"
   local status=0
-  ctest --preset "$preset" "$@" 2>&1 | tee "$summary_file" || status=$?
-  local line
-  line=$(grep -E "tests passed, [0-9]+ tests failed out of [0-9]+" "$summary_file" | tail -n 1 || true)
-  if [ -n "$line" ]; then
-    local failed total
-    failed=$(sed -E 's/.* ([0-9]+) tests failed out of ([0-9]+).*/\1/' <<<"$line")
-    total=$(sed -E 's/.* ([0-9]+) tests failed out of ([0-9]+).*/\2/' <<<"$line")
-    total_passed=$((total_passed + total - failed))
-    total_failed=$((total_failed + failed))
-  fi
+  ctest --preset "$preset" --no-tests=error "$@" 2>&1 | tee "$log" || status=$?
+  count_ctest || status=1
   return "$status"
 }
 
-# The test executables whose cases carry the "concurrency" label.
-concurrency_targets=(queue_tests async_target_tests target_stress_tests host_filter_tests kelcommon_tests)
+# The ThreadSanitizer stage builds the executables that CMake lists as
+# holding "concurrency" cases, then runs those cases.
+run_tsan() {
+  cmake --preset tsan >/dev/null || return 1
+  local list=build/tsan/concurrency-test-targets.txt
+  local targets=()
+  mapfile -t targets < <(grep -v '^$' "$list")
+  if [ ${#targets[@]} -eq 0 ]; then
+    echo "check: no test executable is labelled concurrency" >&2
+    return 1
+  fi
+  TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_suite tsan "${targets[@]}" -- -L concurrency
+}
 
-for stage in "${stages[@]}"; do
-  case "$stage" in
+run_stage() {
+  case "$1" in
     release) run_suite release ;;
     asan) ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 run_suite asan ;;
-    tsan) TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_suite tsan "${concurrency_targets[@]}" -- -L concurrency ;;
-    fuzz)
-      if [ -x scripts/fuzz-smoke.sh ]; then
-        ./scripts/fuzz-smoke.sh
-      else
-        echo "== fuzz: no fuzz targets yet"
-      fi
+    tsan) run_tsan ;;
+    fuzz) ./scripts/fuzz-smoke.sh ;;
+    *)
+      echo "unknown stage: $1" >&2
+      return 2
       ;;
-    *) echo "unknown stage: $stage" >&2; exit 2 ;;
   esac
+}
+
+if ! ./scripts/install-deps.sh; then
+  echo "check: installing the dependencies failed" >&2
+  exit 1
+fi
+
+for stage in "${stages[@]}"; do
+  if ! run_stage "$stage"; then
+    failed_stages+=("$stage")
+  fi
 done
 
-echo "check: $total_passed passed, $total_failed failed"
+echo "check: $total_passed passed, $total_failed failed, $total_skipped skipped" \
+  "${failed_stages[*]:+(failed stages: ${failed_stages[*]})}"
+[ ${#failed_stages[@]} -eq 0 ]

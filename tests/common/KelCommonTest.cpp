@@ -1,69 +1,66 @@
 #include <KEL/KELLogger.h>
 #include <KelCommon/Guid.h>
 #include <KelCommon/Logger.h>
-#include <KelCommon/StringHelper.h>
 #include <KelCommon/Thread.h>
 #include <KelCommon/VarManager.h>
-#include <KelCommon/VersionInfo.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <cstdlib>
+#include <random>
+#include <regex>
+#include <string>
 #include <thread>
-#include <unordered_set>
 
 #include "host/Completion.h"
 #include "host/Gate.h"
 
 using KelCommon::Guid;
 
-TEST(Guid, ParsesTextFormInEitherCaseAndWithBraces) {
-    const Guid upper = Guid::FromHexString("B74863F3-13CF-47A0-9F90-07718FC52AB6");
-    EXPECT_EQ(upper.ToString(), "B74863F3-13CF-47A0-9F90-07718FC52AB6");
-    EXPECT_EQ(Guid::FromHexString("b74863f3-13cf-47a0-9f90-07718fc52ab6"), upper);
-    EXPECT_EQ(Guid::FromHexString("{B74863F3-13CF-47A0-9F90-07718FC52AB6}"), upper);
-    EXPECT_EQ(upper.Bytes()[0], 0xB7);
-    EXPECT_EQ(upper.Bytes()[15], 0xB6);
-    EXPECT_FALSE(upper.IsNull());
-    EXPECT_TRUE(Guid().IsNull());
-}
+// Random GUIDs, written out by hand, and those texts with one character
+// deleted, inserted or replaced. The model of a valid text: 8-4-4-4-12
+// hexadecimal digits in either case, optionally in braces.
+TEST(Guid, GeneratedTextsParseExactlyWhenTheyAreWellFormed) {
+    const std::regex form("\\{?[0-9A-Fa-f]{8}(-[0-9A-Fa-f]{4}){3}-[0-9A-Fa-f]{12}\\}?");
+    auto cased = [](std::string t, int (*to)(int)) {
+        std::transform(t.begin(), t.end(), t.begin(), [&](unsigned char c) { return static_cast<char>(to(c)); });
+        return t;
+    };
+    std::mt19937 rng(17);
+    for (int round = 0; round < 500; ++round) {
+        std::array<std::uint8_t, Guid::kSize> bytes{};
+        std::string text;
+        for (std::size_t i = 0; i < bytes.size(); ++i) {
+            bytes[i] = static_cast<std::uint8_t>(rng() % (round < 8 ? 2 : 256));  // a few near the null GUID
+            text += std::string(i == 4 || i == 6 || i == 8 || i == 10 ? "-" : "") + "0123456789ABCDEF"[bytes[i] >> 4] +
+                    "0123456789ABCDEF"[bytes[i] & 15];
+        }
+        const Guid guid(bytes);
+        EXPECT_EQ(guid.ToString(), text);
+        EXPECT_EQ(guid.IsNull(), std::all_of(bytes.begin(), bytes.end(), [](std::uint8_t b) { return b == 0; }));
+        EXPECT_EQ(Guid::FromHexString("{" + text + "}"), guid);
 
-TEST(Guid, BadTextIsAClearError) {
-    for (const char* bad :
-         {"", "B74863F3", "B74863F3-13CF-47A0-9F90-07718FC52AB", "B74863F3-13CF-47A0-9F90-07718FC52AB67",
-          "B74863F3x13CF-47A0-9F90-07718FC52AB6", "G74863F3-13CF-47A0-9F90-07718FC52AB6",
-          "B74863F-313CF-47A0-9F90-07718FC52AB6", "{B74863F3-13CF-47A0-9F90-07718FC52AB6"}) {
-        EXPECT_FALSE(Guid::TryParse(bad).has_value()) << bad;
+        const std::string whole = round % 2 == 0 ? text : "{" + cased(text, std::tolower) + "}";
+        const std::size_t at = rng() % whole.size();
+        const std::string c(1, "0123456789abcdefABCDEFgG-{} "[rng() % 28]);
+        const auto how = rng() % 3;  // delete, insert or replace
+        const std::string mutated = whole.substr(0, at) + (how == 0 ? "" : c) + whole.substr(at + (how == 1 ? 0 : 1));
+        const bool valid = std::regex_match(mutated, form) && (mutated.front() == '{') == (mutated.back() == '}');
+        EXPECT_EQ(Guid::TryParse(mutated).has_value(), valid) << mutated;
         try {
-            (void)Guid::FromHexString(bad);
-            ADD_FAILURE() << "accepted " << bad;
+            std::string bare = cased(mutated, std::toupper);
+            std::erase_if(bare, [](char ch) { return ch == '{' || ch == '}'; });
+            EXPECT_EQ(Guid::FromHexString(mutated).ToString(), bare);
+            EXPECT_TRUE(valid) << "accepted " << mutated;
         } catch (const KelCommon::GuidParseError& e) {
-            EXPECT_NE(std::string(e.what()).find("not a GUID"), std::string::npos);
+            EXPECT_FALSE(valid) << "refused " << mutated;
+            EXPECT_NE(std::string(e.what()).find("not a GUID: '" + mutated + "'"), std::string::npos) << e.what();
         }
     }
-}
-
-TEST(Guid, HashSeparatesDistinctGuids) {
-    std::unordered_set<Guid> set;
-    set.insert(Guid::FromHexString("B74863F3-13CF-47A0-9F90-07718FC52AB6"));
-    set.insert(Guid::FromHexString("B74863F3-13CF-47A0-9F90-07718FC52AB7"));
-    set.insert(Guid::FromHexString("b74863f3-13cf-47a0-9f90-07718fc52ab6"));
-    EXPECT_EQ(set.size(), 2U);
-}
-
-TEST(VersionInfo, PrintsDottedTriple) {
-    EXPECT_EQ(KelCommon::VersionInfo(3, 3, 1).ToString(), "3.3.1");
-    EXPECT_LT(KelCommon::VersionInfo(6, 2, 9), KelCommon::VersionInfo(6, 3, 0));
-}
-
-TEST(StringHelper, EndsWithComparesBytesExactly) {
-    using KelCommon::StringHelper;
-    EXPECT_TRUE(StringHelper::endsWith_CaseSensitive("take.kel", ".kel"));
-    EXPECT_TRUE(StringHelper::endsWith_CaseSensitive(".kel", ".kel"));
-    EXPECT_FALSE(StringHelper::endsWith_CaseSensitive("take.KEL", ".kel"));
-    EXPECT_FALSE(StringHelper::endsWith_CaseSensitive("kel", ".kel"));
-    EXPECT_FALSE(StringHelper::endsWith_CaseSensitive("take.kel.bak", ".kel"));
 }
 
 TEST(VarManager, ExpandsKnownVariablesAndKeepsUnknownOnesVerbatim) {
@@ -88,14 +85,12 @@ TEST(Logger, SinksSeeEveryLevelAndCaptureIsScoped) {
     {
         KelCommon::ScopedLogCapture capture;
         logger->LogMessage(6, "T", "detail %d of '%s'", 7, "x");
-        logger->LogMessage(2, "T", "failure");
-        const auto records = capture.Records();
-        ASSERT_EQ(records.size(), 2U);
-        EXPECT_EQ(records[0].level, 6);
-        EXPECT_EQ(records[0].tag, "T");
-        EXPECT_EQ(records[0].message, "detail 7 of 'x'");
-        EXPECT_EQ(capture.Count("failure"), 1U);
-        EXPECT_EQ(capture.CountContaining("detail"), 1U);
+        logger->LogMessage(2, "U", "failure");
+        std::vector<std::string> seen;
+        for (const auto& r : capture.Records()) {
+            seen.push_back(std::to_string(r.level) + " " + r.tag + ": " + r.message);
+        }
+        EXPECT_EQ(seen, (std::vector<std::string>{"6 T: detail 7 of 'x'", "2 U: failure"}));
     }
     KelCommon::ScopedLogCapture later;
     EXPECT_TRUE(later.Records().empty());
@@ -123,25 +118,16 @@ TEST(Logger, RemovingASinkWaitsForACallUnderWayOnAnotherThread) {
     writer.Wait();
 }
 
-TEST(Logger, RemovedLoggerSilencesCallersWithoutDangling) {
-    auto original = KEL::GetKELLoggerInstance().lock();
-    KEL::SetKELLoggerInstance(nullptr);
-    EXPECT_FALSE(KEL::GetKELLoggerInstance().lock());
-    KEL::SetKELLoggerInstance(original);
-    EXPECT_EQ(KEL::GetKELLoggerInstance().lock(), original);
-}
-
-TEST(Thread, KeepsTheFullNameAndGivesTheKernelACutOne) {
-    std::string seen;
+// The full name is the runtime's own (the writer tests check it); the kernel
+// takes at most 15 characters and would refuse a longer name altogether.
+TEST(Thread, GivesTheKernelTheNameCutToFifteenCharacters) {
     std::string kernel;
     std::thread t([&] {
         KelCommon::concurrency::Thread::setCurrentThreadName("KEL2File_AsyncWriter");
-        seen = KelCommon::concurrency::Thread::getCurrentThreadName();
         char buf[32] = {};
         pthread_getname_np(pthread_self(), buf, sizeof(buf));
         kernel = buf;
     });
     t.join();
-    EXPECT_EQ(seen, "KEL2File_AsyncWriter");
     EXPECT_EQ(kernel, "KEL2File_AsyncW");
 }

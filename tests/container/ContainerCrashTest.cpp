@@ -11,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <pugixml.hpp>
@@ -22,17 +21,6 @@
 namespace {
 
 using namespace kel_harness;
-
-int Sequences(int fallback) {
-    const char* env = std::getenv("KEL_CRASH_SEQUENCES");  // NOLINT(concurrency-mt-unsafe): read once, no writers
-    return env != nullptr ? std::atoi(env) : fallback;
-}
-
-// The first generated sequence (KEL_HARNESS_SEED; 0 unless a soak run sets it).
-std::uint64_t FirstSeed() {
-    const char* env = std::getenv("KEL_HARNESS_SEED");  // NOLINT(concurrency-mt-unsafe): read once, no writers
-    return env != nullptr ? std::strtoull(env, nullptr, 10) : 0;
-}
 
 // Problems with the files `files` left by a crash, given what the writer had
 // been told (`expected`).
@@ -61,12 +49,12 @@ std::vector<std::string> CheckCrash(const Files& files, const std::string& name,
 }
 
 TEST(ContainerCrash, AcknowledgedAtomsSurviveACrashAfterEveryFileOperation) {
-    const int sequences = Sequences(40);
+    const auto sequences = static_cast<int>(kel_test::EnvNumber("KEL_CRASH_SEQUENCES", 40));
     std::size_t processCrashes = 0;
     std::size_t powerLosses = 0;
     std::size_t acknowledged = 0;
     for (int n = 0; n < sequences; ++n) {
-        const std::uint64_t seed = FirstSeed() + static_cast<std::uint64_t>(n);
+        const std::uint64_t seed = kel_test::EnvNumber("KEL_HARNESS_SEED", 0) + static_cast<std::uint64_t>(n);
         SeededEntropy entropy(seed);
         const auto atoms =
             GenerateAtoms(entropy, {.maxAtoms = 12, .maxLayers = 5, .largeBlobOneIn = 60, .maxLargeBlob = 300000});

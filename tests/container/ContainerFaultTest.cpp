@@ -14,7 +14,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <iostream>
 
@@ -25,17 +25,6 @@ namespace {
 
 using namespace kel_harness;
 using Mode = Fault::Mode;
-
-int Sequences(int fallback) {
-    const char* env = std::getenv("KEL_FAULT_SEQUENCES");  // NOLINT(concurrency-mt-unsafe): read once, no writers
-    return env != nullptr ? std::atoi(env) : fallback;
-}
-
-// The first generated sequence (KEL_HARNESS_SEED; 0 unless a soak run sets it).
-std::uint64_t FirstSeed() {
-    const char* env = std::getenv("KEL_HARNESS_SEED");  // NOLINT(concurrency-mt-unsafe): read once, no writers
-    return env != nullptr ? std::strtoull(env, nullptr, 10) : 0;
-}
 
 // The operation that closes the container (the companion's file may get the
 // same descriptor number afterwards).
@@ -83,7 +72,7 @@ std::string Describe(const std::vector<Op>& ops, const std::vector<Fault>& plan)
 }
 
 TEST(ContainerFaults, EveryFailingFileOperationIsReportedAndLosesNothingAcknowledged) {
-    const int sequences = Sequences(30);
+    const auto sequences = static_cast<int>(kel_test::EnvNumber("KEL_FAULT_SEQUENCES", 30));
     // Thousands of expected failures: keep them off the terminal (the
     // captured log is checked where it matters).
     const auto logger = KEL::GetKELLoggerInstance().lock();
@@ -91,7 +80,7 @@ TEST(ContainerFaults, EveryFailingFileOperationIsReportedAndLosesNothingAcknowle
     logger->SetStderrLevel(KelCommon::LOG_OFF);
     std::size_t failedCalls = 0;
     for (int n = 0; n < sequences; ++n) {
-        const std::uint64_t seed = FirstSeed() + static_cast<std::uint64_t>(n);
+        const std::uint64_t seed = kel_test::EnvNumber("KEL_HARNESS_SEED", 0) + static_cast<std::uint64_t>(n);
         SeededEntropy entropy(seed + 7777);
         const auto atoms =
             GenerateAtoms(entropy, {.maxAtoms = 8, .maxLayers = 5, .largeBlobOneIn = 60, .maxLargeBlob = 200000});

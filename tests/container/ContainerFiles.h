@@ -1,8 +1,8 @@
 #pragma once
 
 // Helpers of the container tests: writing containers whole or "unclosed"
-// (as a writer that was killed leaves them), reading every atom back, and a
-// fixture that gives each test a scratch file.
+// (as a writer that was killed leaves them), checking which atoms a reader
+// returns, and a fixture that gives each test a scratch file.
 
 #include <KEL/ReadKEL2File.h>
 #include <KEL/SerializeToKel.h>
@@ -32,9 +32,7 @@ inline std::vector<std::uint64_t> WriteContainer(const std::string& path, const 
             EXPECT_EQ(writer.SerializeAtom(atom), KEL::KEL_OK);
             ends.push_back(writer.GetBytesWritten());
         }
-        if (!close) {
-            unclosed = ReadFileBytes(path);
-        }
+        unclosed = close ? std::vector<std::uint8_t>{} : ReadFileBytes(path);
         EXPECT_EQ(writer.Close(), KEL::KEL_OK);
     }
     if (!close) {
@@ -43,32 +41,20 @@ inline std::vector<std::uint64_t> WriteContainer(const std::string& path, const 
     return ends;
 }
 
-// Stream s, frames 0..n-1, small textures: a file of a few kilobytes.
-inline std::vector<KEL::AtomPtr> SmallAtoms(std::uint16_t stream, std::uint32_t n) {
+// Stream s, frames 0..n-1, textures of w x w pixels.
+inline std::vector<KEL::AtomPtr> SmallAtoms(std::uint16_t stream, std::uint32_t n, std::uint32_t w = 2) {
     std::vector<KEL::AtomPtr> atoms;
     for (std::uint32_t f = 0; f < n; ++f) {
-        atoms.push_back(MakeFrameAtom(stream, f, 2, 2));
+        atoms.push_back(MakeFrameAtom(stream, f, w, w));
     }
     return atoms;
 }
 
-inline std::unique_ptr<KEL::ReadKEL2File> OpenContainer(const std::string& path, KEL::KelErrorCode expected = 0) {
-    auto reader = std::make_unique<KEL::ReadKEL2File>(path.c_str());
+inline std::unique_ptr<KEL::ReadKEL2File> OpenContainer(const std::string& path, KEL::KelErrorCode expected = 0,
+                                                        KEL::ReaderOptions options = {}) {
+    auto reader = std::make_unique<KEL::ReadKEL2File>(path.c_str(), options);
     EXPECT_EQ(reader->Initialize(), expected) << reader->GetLastError();
     return reader;
-}
-
-// Fetches every atom the reader lists, in stream order then frame order;
-// atoms that cannot be read come back empty.
-inline std::vector<KEL::AtomPtr> ReadAll(KEL::ReadKEL2File& reader) {
-    std::vector<KEL::AtomPtr> out;
-    for (int s = 0; s < reader.GetNumStreams(); ++s) {
-        const std::uint16_t stream = reader.GetStreamId(s);
-        for (std::uint32_t frame : reader.GetFrameNumbers(stream)) {
-            out.push_back(reader.GetFrameAtom(stream, frame));
-        }
-    }
-    return out;
 }
 
 // `actual` was read and equals `expected` (ids, time stamp, every layer).
@@ -76,6 +62,19 @@ inline void ExpectSameAtom(const KEL::AtomPtr& expected, const KEL::AtomPtr& act
     ASSERT_TRUE(actual) << "stream " << expected->GetStreamId() << " frame " << expected->GetFrameNr();
     std::string why;
     EXPECT_TRUE(AtomsEqual(*expected, *actual, &why)) << why;
+}
+
+// Which of `atoms` the reader returns identical (true) or not at all
+// (false). An atom returned different from what was written fails the test.
+inline std::vector<bool> Survivors(KEL::ReadKEL2File& reader, const std::vector<KEL::AtomPtr>& atoms) {
+    std::vector<bool> back;
+    for (const auto& atom : atoms) {
+        const auto read = reader.GetFrameAtom(atom->GetStreamId(), atom->GetFrameNr());
+        std::string why;
+        EXPECT_TRUE(!read || AtomsEqual(*atom, *read, &why)) << "an altered atom came back: " << why;
+        back.push_back(read != nullptr);
+    }
+    return back;
 }
 
 // Captured lines logged at `level` whose message contains `fragment`.

@@ -2,6 +2,13 @@
 #include <KEL/ThumbnailHelper.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <random>
+#include <string>
+#include <vector>
+
 #include "support/TestSupport.h"
 
 namespace {
@@ -15,76 +22,77 @@ std::shared_ptr<KEL::Atom> AtomWithImage(std::uint32_t w, std::uint32_t h, std::
 
 }  // namespace
 
-TEST(ThumbnailHelper, LongestSideBecomes256WithAspectKept) {
-    auto wide = AtomWithImage(1024, 512, std::vector<std::uint8_t>(1024 * 512 * 4, 7));
-    auto thumb = KEL::ThumbnailHelper::getThumbnail({wide}, false, false);
-    ASSERT_TRUE(thumb);
-    EXPECT_EQ(thumb->GetWidth(), 256U);
-    EXPECT_EQ(thumb->GetHeight(), 128U);
-    EXPECT_EQ(thumb->GetPurposeGuid(), KEL::PurposeGuid_THUMBNAIL);
-    EXPECT_EQ(thumb->GetPixels().size(), 256U * 128 * 4);
-    EXPECT_EQ(thumb->GetPixels().data()[100], 7);
-
-    auto tall = AtomWithImage(3, 2000, std::vector<std::uint8_t>(3 * 2000 * 4, 1));
-    auto t2 = KEL::ThumbnailHelper::getThumbnail({tall}, false, false);
-    ASSERT_TRUE(t2);
-    EXPECT_EQ(t2->GetHeight(), 256U);
-    EXPECT_EQ(t2->GetWidth(), 1U);
+// Random sizes, from thin strips to large squares, in one random colour each.
+// Model: an image with no side above the limit, or kept at full size, keeps
+// its size and shares its pixels; a larger one gets the limit as its longest
+// side and the other side scaled to match (rounded, at least 1). Averaging
+// one colour gives that colour.
+TEST(ThumbnailHelper, GeneratedImagesScaleToTheLimitWithTheirAspectKept) {
+    constexpr std::uint32_t kLimit = KEL::ThumbnailHelper::kMaxSide;
+    std::mt19937 rng(29);
+    auto side = [&] { return std::uniform_int_distribution<std::uint32_t>(1, rng() % 4 == 0 ? 2000 : 700)(rng); };
+    for (int round = 0; round < 40; ++round) {
+        const std::uint32_t w = round % 5 == 1 ? 1 : side();
+        const std::uint32_t h = round % 5 == 0 ? 1 : side();
+        const bool keepFullSize = rng() % 4 == 0;
+        const std::array<std::uint8_t, 4> colour = {static_cast<std::uint8_t>(rng()), static_cast<std::uint8_t>(rng()),
+                                                    static_cast<std::uint8_t>(rng()), static_cast<std::uint8_t>(rng())};
+        std::vector<std::uint8_t> px(static_cast<std::size_t>(w) * h * 4);
+        for (std::size_t i = 0; i < px.size(); ++i) {
+            px[i] = colour[i % 4];
+        }
+        auto atom = AtomWithImage(w, h, std::move(px));
+        const auto source = KEL::LayerCast<KEL::DataTypeTextureRGBA>(atom->GetAllDataLayers()[0]);
+        SCOPED_TRACE(std::to_string(w) + "x" + std::to_string(h) + (keepFullSize ? " kept" : ""));
+        auto thumb = KEL::ThumbnailHelper::getThumbnail({atom}, false, keepFullSize);
+        ASSERT_TRUE(thumb);
+        EXPECT_EQ(thumb->GetPurposeGuid(), KEL::PurposeGuid_THUMBNAIL);
+        const std::uint32_t longest = std::max(w, h);
+        if (keepFullSize || longest <= kLimit) {
+            EXPECT_EQ(thumb->GetWidth(), w);
+            EXPECT_EQ(thumb->GetHeight(), h);
+            EXPECT_TRUE(thumb->GetPixels().SharesStorageWith(source->GetPixels()));
+            continue;
+        }
+        EXPECT_EQ(std::max(thumb->GetWidth(), thumb->GetHeight()), kLimit);
+        EXPECT_LE(std::abs(thumb->GetWidth() - std::max(1.0, static_cast<double>(w) * kLimit / longest)), 0.5);
+        EXPECT_LE(std::abs(thumb->GetHeight() - std::max(1.0, static_cast<double>(h) * kLimit / longest)), 0.5);
+        ASSERT_EQ(thumb->GetPixels().size(), std::size_t{thumb->GetWidth()} * thumb->GetHeight() * 4);
+        for (std::size_t i = 0; i < thumb->GetPixels().size(); ++i) {
+            ASSERT_EQ(thumb->GetPixels().data()[i], colour[i % 4]) << i;
+        }
+    }
 }
 
 TEST(ThumbnailHelper, AveragesEachBlockRatherThanPickingAPixel) {
-    // 512x2 image: columns alternate black and white, so every 2x2 block
-    // averages to mid grey; nearest-pixel sampling would give pure black or white.
+    // 512x2 pixels whose columns alternate black and white: every 2x2 block
+    // averages to mid grey, where picking a pixel would give black or white.
     std::vector<std::uint8_t> px(512 * 2 * 4);
-    for (std::uint32_t y = 0; y < 2; ++y) {
-        for (std::uint32_t x = 0; x < 512; ++x) {
-            const std::uint8_t v = (x % 2 == 0) ? 0 : 200;
-            for (int c = 0; c < 4; ++c) {
-                px[(y * 512 + x) * 4 + c] = v;
-            }
-        }
+    for (std::size_t i = 0; i < px.size(); ++i) {
+        px[i] = (i / 4) % 2 == 0 ? 0 : 200;
     }
     auto thumb = KEL::ThumbnailHelper::getThumbnail({AtomWithImage(512, 2, px)}, false, false);
     ASSERT_TRUE(thumb);
-    EXPECT_EQ(thumb->GetWidth(), 256U);
-    EXPECT_EQ(thumb->GetHeight(), 1U);
-    for (std::size_t i = 0; i < thumb->GetPixels().size(); ++i) {
-        EXPECT_EQ(thumb->GetPixels().data()[i], 100) << i;
-    }
+    EXPECT_EQ(
+        std::vector<std::uint8_t>(thumb->GetPixels().data(), thumb->GetPixels().data() + thumb->GetPixels().size()),
+        std::vector<std::uint8_t>(256 * 4, 100));
 }
 
-TEST(ThumbnailHelper, SmallImagesKeepTheirSizeAndShareTheirPixels) {
-    auto atom = AtomWithImage(4, 4, std::vector<std::uint8_t>(64, 9));
-    auto thumb = KEL::ThumbnailHelper::getThumbnail({atom}, false, false);
-    ASSERT_TRUE(thumb);
-    EXPECT_EQ(thumb->GetWidth(), 4U);
-    auto src = KEL::LayerCast<KEL::DataTypeTextureRGBA>(atom->GetAllDataLayers()[0]);
-    EXPECT_TRUE(thumb->GetPixels().SharesStorageWith(src->GetPixels()));
-}
-
-TEST(ThumbnailHelper, NoImageGivesNothingAndExistingThumbnailsAreNotSources) {
+TEST(ThumbnailHelper, OnlyAUsableImageThatIsNotAThumbnailIsASource) {
     auto noImage = kel_test::MakeFrameAtom(0, 0);
     noImage->RemoveDataLayers(KEL::DataTypeTextureRGBA::TheTypeGuid());
-    EXPECT_FALSE(KEL::ThumbnailHelper::getThumbnail({noImage}, false, false));
-    EXPECT_FALSE(KEL::ThumbnailHelper::getThumbnail({}, false, false));
-    EXPECT_FALSE(KEL::ThumbnailHelper::getThumbnail({nullptr}, false, false));
-
     auto onlyThumb = std::make_shared<KEL::Atom>();
     onlyThumb->AddDataLayer(kel_test::MakeTexture(8, 8, 1, KEL::PurposeGuid_THUMBNAIL), true);
-    EXPECT_FALSE(KEL::ThumbnailHelper::getThumbnail({onlyThumb}, false, false));
-    auto reused = KEL::ThumbnailHelper::getThumbnail({onlyThumb}, true, false);
-    ASSERT_TRUE(reused);
-    EXPECT_EQ(reused, onlyThumb->GetAllDataLayers()[0]);
-
     // A texture whose buffer does not match its size is not an image.
-    auto broken = std::make_shared<KEL::Atom>();
-    broken->AddDataLayer(std::make_shared<KEL::DataTypeTextureRGBA>(100, 100, kel_test::PatternBuffer(10, 1)), true);
-    EXPECT_FALSE(KEL::ThumbnailHelper::getThumbnail({broken}, false, false));
-}
-
-TEST(ThumbnailHelper, KeepFullSizeSkipsScaling) {
-    auto atom = AtomWithImage(600, 300, std::vector<std::uint8_t>(600 * 300 * 4, 1));
-    auto thumb = KEL::ThumbnailHelper::getThumbnail({atom}, false, true);
-    ASSERT_TRUE(thumb);
-    EXPECT_EQ(thumb->GetWidth(), 600U);
+    auto broken = AtomWithImage(100, 100, std::vector<std::uint8_t>(10));
+    EXPECT_FALSE(KEL::ThumbnailHelper::getThumbnail({noImage, nullptr, onlyThumb, broken}, false, false));
+    EXPECT_FALSE(KEL::ThumbnailHelper::getThumbnail({}, false, false));
+    // The first image in order is the source.
+    const auto first = KEL::ThumbnailHelper::getThumbnail(
+        {noImage, onlyThumb, broken, AtomWithImage(1, 1, {1, 2, 3, 4}), AtomWithImage(1, 1, {5, 6, 7, 8})}, false,
+        false);
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->GetPixels().data()[0], 1);
+    // An existing thumbnail is handed back as it is when asked for.
+    EXPECT_EQ(KEL::ThumbnailHelper::getThumbnail({noImage, onlyThumb}, true, false), onlyThumb->GetAllDataLayers()[0]);
 }

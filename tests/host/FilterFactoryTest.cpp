@@ -3,20 +3,19 @@
 #include <KelCommon/Logger.h>
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <stdexcept>
-#include <string>
 
 namespace {
 
 const KelCommon::Guid kProbeGuid = KelCommon::Guid::FromHexString("11111111-2222-4333-8444-555555555555");
 const KelCommon::Guid kThrowerGuid = KelCommon::Guid::FromHexString("11111111-2222-4333-8444-666666666666");
+const KEL::FilterClassInfo kProbeInfo("Probe", KEL::FILTER_CATEGORY_TARGET);
 
 class Probe : public KEL::Target {
 public:
     Probe() : KEL::Target(true) {}
     KelCommon::Guid TypeGuid() const override { return kProbeGuid; }
-    KEL::FilterClassInfo GetFilterClassInfo() const override { return {"Probe", KEL::FILTER_CATEGORY_TARGET}; }
+    KEL::FilterClassInfo GetFilterClassInfo() const override { return kProbeInfo; }
 };
 
 KEL::Filter* CreateProbe() { return new Probe(); }
@@ -29,46 +28,19 @@ protected:
         KEL::FilterFactory::UnregisterFilterClass(kProbeGuid);
         KEL::FilterFactory::UnregisterFilterClass(kThrowerGuid);
     }
-    static KEL::FilterClassInfo ProbeInfo() { return {"Probe", KEL::FILTER_CATEGORY_TARGET}; }
+    KelCommon::ScopedLogCapture capture;
 };
 
-TEST_F(FilterFactoryTest, RegisteredClassIsCreatedByNameAndByGuidText) {
-    const int id = KEL::FilterFactory::RegisterFilterClass(kProbeGuid, ProbeInfo(), &CreateProbe);
-    ASSERT_GT(id, 0);
-    auto byName = KEL::FilterFactory::CreateFilter("Probe");
-    ASSERT_NE(byName, nullptr);
-    EXPECT_EQ(byName->TypeGuid(), kProbeGuid);
-    auto byGuid = KEL::FilterFactory::CreateFilter("{11111111-2222-4333-8444-555555555555}");
-    ASSERT_NE(byGuid, nullptr);
-    std::unique_ptr<KEL::Filter> again(byGuid->Instantiate());
-    ASSERT_NE(again, nullptr);
-    EXPECT_EQ(again->GetFilterClassInfo().GetName(), "Probe");
-    const auto found = KEL::FilterFactory::Find(kProbeGuid);
-    ASSERT_TRUE(found.has_value());
-    EXPECT_EQ(found->registrationId, id);
-    EXPECT_EQ(found->info.GetProvider(), "");
-}
-
-TEST_F(FilterFactoryTest, RepeatedIdenticalRegistrationReturnsTheSameId) {
-    const int id = KEL::FilterFactory::RegisterFilterClass(kProbeGuid, ProbeInfo(), &CreateProbe);
-    EXPECT_EQ(KEL::FilterFactory::RegisterFilterClass(kProbeGuid, ProbeInfo(), &CreateProbe), id);
-}
-
-TEST_F(FilterFactoryTest, ConflictingRegistrationIsRefusedAndLogged) {
-    KelCommon::ScopedLogCapture capture;
-    ASSERT_GT(KEL::FilterFactory::RegisterFilterClass(kProbeGuid, ProbeInfo(), &CreateProbe), 0);
-    EXPECT_EQ(KEL::FilterFactory::RegisterFilterClass(kProbeGuid, {"Impostor", KEL::FILTER_CATEGORY_SOURCE},
-                                                      &CreateOtherProbe),
-              0);
-    EXPECT_EQ(capture.CountContaining("registration refused"), 1U);
-    EXPECT_EQ(KEL::FilterFactory::Find(kProbeGuid)->info.GetName(), "Probe");
-    EXPECT_EQ(KEL::FilterFactory::RegisterFilterClass(kThrowerGuid, ProbeInfo(), nullptr), 0);
-}
-
-TEST_F(FilterFactoryTest, UnknownClassesAndThrowingCreatorsGiveNoFilter) {
-    KelCommon::ScopedLogCapture capture;
+TEST_F(FilterFactoryTest, CreatesRegisteredClassesByNameOrGuidTextAndNothingElse) {
+    ASSERT_GT(KEL::FilterFactory::RegisterFilterClass(kProbeGuid, kProbeInfo, &CreateProbe), 0);
+    for (const char* name :
+         {"Probe", "{11111111-2222-4333-8444-555555555555}", "11111111-2222-4333-8444-555555555555"}) {
+        auto filter = KEL::FilterFactory::CreateFilter(name);
+        ASSERT_NE(filter, nullptr) << name;
+        EXPECT_EQ(std::unique_ptr<KEL::Filter>(filter->Instantiate())->TypeGuid(), kProbeGuid);
+    }
     EXPECT_EQ(KEL::FilterFactory::CreateFilter("NoSuchFilter"), nullptr);
-    EXPECT_EQ(KEL::FilterFactory::CreateFilter(kProbeGuid), nullptr);
+    EXPECT_EQ(KEL::FilterFactory::CreateFilter(kThrowerGuid), nullptr);
     ASSERT_GT(
         KEL::FilterFactory::RegisterFilterClass(kThrowerGuid, {"Thrower", KEL::FILTER_CATEGORY_SOURCE}, &CreateThrower),
         0);
@@ -76,15 +48,18 @@ TEST_F(FilterFactoryTest, UnknownClassesAndThrowingCreatorsGiveNoFilter) {
     EXPECT_EQ(capture.CountContaining("out of handles"), 1U);
 }
 
-TEST_F(FilterFactoryTest, PluginRegistrationsAreAttributedAndReported) {
-    KEL::FilterFactory::BeginPluginRegistration("libprobe.so");
-    ASSERT_GT(KEL::FilterFactory::RegisterFilterClass(kProbeGuid, ProbeInfo(), &CreateProbe), 0);
-    const auto guids = KEL::FilterFactory::EndPluginRegistration();
-    EXPECT_EQ(guids, (std::vector<KelCommon::Guid>{kProbeGuid}));
-    EXPECT_EQ(KEL::FilterFactory::Find(kProbeGuid)->info.GetProvider(), "libprobe.so");
-    EXPECT_TRUE(KEL::FilterFactory::UnregisterFilterClass(kProbeGuid));
-    EXPECT_FALSE(KEL::FilterFactory::UnregisterFilterClass(kProbeGuid));
-    EXPECT_TRUE(KEL::FilterFactory::EndPluginRegistration().empty());
+TEST_F(FilterFactoryTest, RepeatedRegistrationKeepsItsIdAndConflictingOnesAreRefusedAndLogged) {
+    const int id = KEL::FilterFactory::RegisterFilterClass(kProbeGuid, kProbeInfo, &CreateProbe);
+    ASSERT_GT(id, 0);
+    EXPECT_EQ(KEL::FilterFactory::RegisterFilterClass(kProbeGuid, kProbeInfo, &CreateProbe), id);
+    EXPECT_EQ(KEL::FilterFactory::RegisterFilterClass(kProbeGuid, {"Impostor", KEL::FILTER_CATEGORY_SOURCE},
+                                                      &CreateOtherProbe),
+              0);
+    EXPECT_EQ(KEL::FilterFactory::RegisterFilterClass(kThrowerGuid, kProbeInfo, nullptr), 0);
+    EXPECT_EQ(capture.CountContaining("registration refused"), 2U);
+    EXPECT_EQ(KEL::FilterFactory::Find(kProbeGuid)->info.GetName(), "Probe");
+    EXPECT_EQ(KEL::FilterFactory::Find(kProbeGuid)->registrationId, id);
+    EXPECT_FALSE(KEL::FilterFactory::Find(kThrowerGuid));
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include <KEL/KelErrorCode.h>
 #include <KelCommon/Logger.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <boost/filesystem/exception.hpp>
@@ -23,33 +22,20 @@ void Touch(const fs::path& path) { std::ofstream(path) << "x"; }
 
 std::string Canonical(const fs::path& path) { return fs::canonical(path).string(); }
 
-std::vector<std::string> Sorted(std::vector<std::string> paths) {
-    std::sort(paths.begin(), paths.end());
-    return paths;
-}
-
-// Runs the body with the working directory set to `dir`, restoring it after.
-class WorkingDirectory {
-public:
-    explicit WorkingDirectory(const fs::path& dir) : previous_(fs::current_path()) { fs::current_path(dir); }
-    ~WorkingDirectory() { fs::current_path(previous_); }
-    WorkingDirectory(const WorkingDirectory&) = delete;
-    WorkingDirectory& operator=(const WorkingDirectory&) = delete;
-
-private:
-    fs::path previous_;
-};
-
 class DirectoryCandidates : public ::testing::Test {
 protected:
+    // Sorted: the order is the file system's.
     std::vector<std::string> Candidates(const fs::path& dir, bool recursive = false) {
-        return Utils::CollectPotentialKELFilesInDirectory(dir.string(), recursive);
+        auto paths = Utils::CollectPotentialKELFilesInDirectory(dir.string(), recursive);
+        std::ranges::sort(paths);
+        return paths;
     }
     std::vector<std::string> CanonicalPaths(std::initializer_list<fs::path> relative) {
         std::vector<std::string> paths;
         for (const auto& path : relative) {
             paths.push_back(Canonical(root_ / path));
         }
+        std::ranges::sort(paths);
         return paths;
     }
 
@@ -63,7 +49,7 @@ TEST_F(DirectoryCandidates, OnlyRegularFilesEndingInLowerCaseKelAreListed) {
     }
     fs::create_directory(root_ / "folder.kel");
 
-    EXPECT_EQ(Sorted(Candidates(root_)), Sorted(CanonicalPaths({".kel", "take.kel"})));
+    EXPECT_EQ(Candidates(root_), CanonicalPaths({".kel", "take.kel"}));
 }
 
 TEST_F(DirectoryCandidates, SubdirectoriesAreSearchedOnlyWhenRecursive) {
@@ -72,32 +58,25 @@ TEST_F(DirectoryCandidates, SubdirectoriesAreSearchedOnlyWhenRecursive) {
     Touch(root_ / "sub" / "inner.kel");
 
     EXPECT_EQ(Candidates(root_), CanonicalPaths({"top.kel"}));
-    EXPECT_EQ(Sorted(Candidates(root_, true)), Sorted(CanonicalPaths({"top.kel", "sub/inner.kel"})));
+    EXPECT_EQ(Candidates(root_, true), CanonicalPaths({"top.kel", "sub/inner.kel"}));
 }
 
+// Each link is listed under its target's canonical path, so two links to one
+// file give it twice; a relative directory reached through a link gives
+// absolute canonical paths too.
 TEST_F(DirectoryCandidates, LinksAreListedUnderTheirTargetsCanonicalPathOncePerLink) {
     fs::create_directory(root_ / "store");
     fs::create_directory(root_ / "scan");
     Touch(root_ / "store" / "real.data");
     fs::create_symlink(root_ / "store" / "real.data", root_ / "scan" / "link.kel");
-
-    EXPECT_EQ(Candidates(root_ / "scan"), CanonicalPaths({"store/real.data"}));
-
     fs::create_symlink(root_ / "store" / "real.data", root_ / "scan" / "two.kel");
-    EXPECT_EQ(Candidates(root_ / "scan"), CanonicalPaths({"store/real.data", "store/real.data"}));
-}
-
-TEST_F(DirectoryCandidates, RelativeDirectoryThroughALinkGivesCanonicalPaths) {
-    fs::create_directory(root_ / "real");
-    Touch(root_ / "real" / "a.kel");
-    fs::create_directory_symlink(root_ / "real", root_ / "alias");
-    WorkingDirectory cwd(root_);
-
+    fs::create_directory_symlink(root_ / "scan", root_ / "alias");
+    const auto previous = fs::current_path();
+    fs::current_path(root_);
     const auto candidates = Candidates("alias");
+    fs::current_path(previous);
 
-    EXPECT_EQ(candidates, CanonicalPaths({"real/a.kel"}));
-    ASSERT_EQ(candidates.size(), 1U);
-    EXPECT_TRUE(fs::path(candidates[0]).is_absolute());
+    EXPECT_EQ(candidates, CanonicalPaths({"store/real.data", "store/real.data"}));
 }
 
 TEST_F(DirectoryCandidates, DanglingLinkOrMissingDirectoryRaisesAFilesystemError) {
@@ -107,34 +86,60 @@ TEST_F(DirectoryCandidates, DanglingLinkOrMissingDirectoryRaisesAFilesystemError
     EXPECT_THROW(Candidates(root_), boost::filesystem::filesystem_error);
 }
 
-TEST(DirectoryReaders, DirectoryWithoutCandidatesLogsAndGivesFour) {
-    kel_test::TempDir dir;
-    Touch(dir.Path() / "a.KEL");
-    fs::create_directory(dir.Path() / "b.kel");
-    Kel2File::SourceKEL2MultiFileAppend sequential;
-    Kel2File::SourceKEL2MultiFileReader merged;
-    std::vector<std::shared_ptr<KEL::ReadKEL2File>> readers;
-    KelCommon::ScopedLogCapture capture;
+// Failures that both directory sources report the same way, before they
+// look into what the files hold. "%s" stands for the directory.
+class DirectoryOpenFailure : public ::testing::TestWithParam<kel_test::InitFailureCase> {};
 
-    EXPECT_EQ(sequential.CollectReadersForFilesInDirectory(dir.Path().string(), readers), KEL::KEL_ERR_INVALID);
-    EXPECT_EQ(merged.CollectReadersForFilesInDirectory(dir.Path().string(), readers), KEL::KEL_ERR_INVALID);
-
-    EXPECT_TRUE(readers.empty());
-    EXPECT_EQ(capture.Count("Directory '" + dir.Path().string() + "' does not contain a sequence of files"), 2U);
+TEST_P(DirectoryOpenFailure, BothDirectorySourcesReportItAndStayClosed) {
+    for (const auto creator : {&SourceKEL2MultiFileAppendFilterCreator, &SourceKEL2MultiFileReaderFilterCreator}) {
+        SCOPED_TRACE(creator == &SourceKEL2MultiFileAppendFilterCreator ? "sequential" : "merged");
+        kel_test::CheckInitFailure(creator, "KEL files dir", GetParam());
+    }
 }
 
-TEST(DirectoryReaders, CorruptSecondFileStopsTheScanWithItsCode) {
+const std::string kMissing = "Directory '%s' does not exist";
+const std::string kCollectFailed = "Failed to collect kel files from '%s' directory";
+
+INSTANTIATE_TEST_SUITE_P(
+    Directories, DirectoryOpenFailure,
+    ::testing::Values(kel_test::InitFailureCase{"MissingDirectoryFailsWithCodeOne",
+                                                [](const kel_test::TempDir& dir) { return dir.File("absent"); },
+                                                KEL::KEL_ERR_NOT_FOUND, kMissing},
+                      kel_test::InitFailureCase{"FileInsteadOfDirectoryFailsWithCodeOne",
+                                                kel_test::WriteFiles({{"a.kel", {{1, 2}}}}, {}, "a.kel"),
+                                                KEL::KEL_ERR_NOT_FOUND, kMissing},
+                      kel_test::InitFailureCase{"DirectoryWithoutContainersFailsWithCodeFour",
+                                                [](const kel_test::TempDir& dir) {
+                                                    Touch(dir.Path() / "a.KEL");
+                                                    Touch(dir.Path() / "notes.txt");
+                                                    fs::create_directory(dir.Path() / "b.kel");
+                                                    return dir.Path().string();
+                                                },
+                                                KEL::KEL_ERR_INVALID, kCollectFailed,
+                                                "Directory '%s' does not contain a sequence of files"},
+                      kel_test::InitFailureCase{"FileThatDoesNotOpenFailsWithTheReadersCode",
+                                                [](const kel_test::TempDir& dir) {
+                                                    kel_test::WriteRecording(dir.File("a.kel"), {{1, 2}});
+                                                    kel_test::WriteNonContainer(dir.File("b.kel"));
+                                                    return dir.Path().string();
+                                                },
+                                                {},
+                                                kCollectFailed,
+                                                "",
+                                                "b.kel"}),
+    kel_test::CaseName());
+
+TEST(DirectoryReaders, FirstFileThatDoesNotOpenEndsTheScan) {
     kel_test::TempDir dir;
     kel_test::WriteRecording(dir.File("a.kel"), {{1, 2}});
     const KEL::KelErrorCode expected = kel_test::WriteNonContainer(dir.File("b.kel"));
     std::ofstream(dir.File("c.kel")) << "neither is this one, and it must never be opened";
-    Kel2File::SourceKEL2MultiFileAppend sequential;
     std::vector<std::shared_ptr<KEL::ReadKEL2File>> readers;
     KelCommon::ScopedLogCapture capture;
 
-    const KEL::KelErrorCode code = sequential.CollectReadersForFilesInDirectory(dir.Path().string(), readers);
+    EXPECT_EQ(Kel2File::SourceKEL2MultiFileAppend().CollectReadersForFilesInDirectory(dir.Path().string(), readers),
+              expected);
 
-    EXPECT_EQ(code, expected);
     ASSERT_EQ(readers.size(), 1U);
     EXPECT_EQ(readers[0]->GetFilePath(), Canonical(dir.File("a.kel")));
     EXPECT_EQ(capture.CountContaining("c.kel"), 0U);

@@ -11,9 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <fstream>
-#include <stdexcept>
 
 #include "optimization/DataOptimizer.h"
 #include "support/TestSupport.h"
@@ -45,11 +43,9 @@ std::shared_ptr<KEL::Atom> MakeRecordedAtom(std::uint16_t stream, std::uint32_t 
     }
     atom->AddDataLayer(std::make_shared<KEL::DataTypeRecordingInfo>(1'700'000'000'000'000LL, "rig-a", "test take"),
                        true);
-    atom->AddDataLayer(
-        std::make_shared<KEL::DataTypeStaticInfo>(std::map<std::string, std::string>{
-            {"take", options.take},
-            {"marker", options.take + "-" + std::to_string(stream) + "-" + std::to_string(frame) + "-MARK"}}),
-        true);
+    atom->AddDataLayer(std::make_shared<KEL::DataTypeStaticInfo>(std::map<std::string, std::string>{
+                           {"take", options.take}, {"marker", options.take + "-" + std::to_string(stream) + "-MARK"}}),
+                       true);
     atom->AddDataLayer(std::make_shared<KEL::DataTypeBinary>("calib.bin", PatternBuffer(32, stream)), true);
     atom->AddDataLayer(std::make_shared<KEL::DataTypeCylinderCrop>(0.0, 0.0, 1.5, 0.0, 2.2), true);
     atom->AddDataLayer(MakeCamera(1, stream), true);
@@ -69,7 +65,7 @@ void WriteRecording(const std::string& path, const std::vector<StreamSpec>& stre
                 continue;
             }
             auto atom = MakeRecordedAtom(plan.stream, frame, plan.frames, options);
-            if (frame != 0 && options.optimizeLaterAtoms) {
+            if (frame != 0) {
                 Kel2File::DataOptimizer::OptimizeAtomData(atom);
             }
             ASSERT_EQ(serializer.SerializeAtom(atom), 0U) << path;
@@ -78,17 +74,12 @@ void WriteRecording(const std::string& path, const std::vector<StreamSpec>& stre
     ASSERT_EQ(serializer.Close(), 0U) << path;
 }
 
-void CorruptAtMarker(const std::string& path, const std::string& marker) {
-    auto bytes = ReadFileBytes(path);
-    const auto it = std::search(bytes.begin(), bytes.end(), marker.begin(), marker.end());
-    if (it == bytes.end()) {
-        throw std::runtime_error("marker '" + marker + "' not found in " + path);
-    }
-    FlipByte(path, static_cast<std::uint64_t>(it - bytes.begin()), 0x20);
-}
-
 void CorruptFirstAtom(const std::string& path, const std::string& take, std::uint16_t stream, std::uint32_t frames) {
-    CorruptAtMarker(path, take + "-" + std::to_string(stream) + "-0-MARK");
+    const std::string marker = take + "-" + std::to_string(stream) + "-MARK";
+    auto bytes = ReadFileBytes(path);
+    const auto at = std::search(bytes.begin(), bytes.end(), marker.begin(), marker.end());
+    ASSERT_NE(at, bytes.end()) << marker;
+    FlipByte(path, static_cast<std::uint64_t>(at - bytes.begin()), 0x20);
     KEL::ReadKEL2File probe(path.c_str());
     ASSERT_EQ(probe.Initialize(), 0U) << path;
     ASSERT_EQ(probe.GetNumFrames(stream), frames) << path;
@@ -114,20 +105,28 @@ void SetParam(KEL::Filter& filter, const std::string& name, const std::string& v
     ASSERT_TRUE(param->SetValueFromString(value, &error)) << name << ": " << error;
 }
 
-std::string TakeOf(const KEL::Atom& atom) {
-    for (const auto& layer : atom.GetAllDataLayers()) {
-        if (auto info = KEL::LayerCast<KEL::DataTypeStaticInfo>(layer)) {
-            const auto it = info->GetEntries().find("take");
-            return it == info->GetEntries().end() ? std::string() : it->second;
+void ExpectPlayed(const KEL::Atom& played, const KEL::Atom& expected,
+                  const std::shared_ptr<KEL::DataTypeStreamInfo>& streamInfo) {
+    const auto where =
+        "stream " + std::to_string(expected.GetStreamId()) + " frame " + std::to_string(expected.GetFrameNr());
+    EXPECT_EQ(played.GetStreamId(), expected.GetStreamId()) << where;
+    EXPECT_EQ(played.GetFrameNr(), expected.GetFrameNr()) << where;
+    EXPECT_EQ(played.GetTimeStamp(), expected.GetTimeStamp()) << where;
+    auto unmatched = played.GetAllDataLayers();
+    EXPECT_EQ(std::erase(unmatched, std::static_pointer_cast<KEL::DataLayer>(streamInfo)), 1U) << where;
+    for (const auto& layer : expected.GetAllDataLayers()) {
+        if (layer->GetTypeGuid() == KEL::DataTypeStreamInfo::TheTypeGuid()) {
+            continue;
+        }
+        const auto match =
+            std::ranges::find_if(unmatched, [&](const auto& other) { return layer->ContentEquals(*other); });
+        if (match == unmatched.end()) {
+            ADD_FAILURE() << where << ": no " << layer->TypeName() << " alike";
+        } else {
+            unmatched.erase(match);
         }
     }
-    return {};
-}
-
-std::vector<std::string> SortedLayerKinds(const KEL::Atom& atom) {
-    auto kinds = LayerKinds(atom);
-    std::sort(kinds.begin(), kinds.end());
-    return kinds;
+    EXPECT_TRUE(unmatched.empty()) << where << ": " << unmatched.size() << " layers too many";
 }
 
 PushResult PushFrame(KEL::Source& source, std::uint32_t frameNr) {
@@ -196,31 +195,6 @@ std::function<std::string(const TempDir& dir)> WriteFiles(
             CorruptFirstAtom(dir.File(name), file->options.take, stream, planned->frames);
         }
         return result.empty() ? dir.Path().string() : dir.File(result);
-    };
-}
-
-std::vector<InitFailureCase> DirectoryOpenFailureCases() {
-    const std::string missing = "Directory '%s' does not exist";
-    const std::string collectFailed = "Failed to collect kel files from '%s' directory";
-    const auto withoutContainers = [](const TempDir& dir) {
-        std::ofstream(dir.File("a.KEL")) << "x";
-        std::ofstream(dir.File("notes.txt")) << "x";
-        std::filesystem::create_directory(dir.Path() / "b.kel");
-        return dir.Path().string();
-    };
-    const auto corrupt = [](const TempDir& dir) {
-        WriteRecording(dir.File("a.kel"), {{1, 2}});
-        WriteNonContainer(dir.File("b.kel"));
-        return dir.Path().string();
-    };
-    return {
-        {"MissingDirectoryFailsWithCodeOne", [](const TempDir& dir) { return dir.File("absent"); },
-         KEL::KEL_ERR_NOT_FOUND, missing},
-        {"FileInsteadOfDirectoryFailsWithCodeOne", WriteFiles({{"a.kel", {{1, 2}}}}, {}, "a.kel"),
-         KEL::KEL_ERR_NOT_FOUND, missing},
-        {"DirectoryWithoutContainersFailsWithCodeFour", withoutContainers, KEL::KEL_ERR_INVALID, collectFailed,
-         "Directory '%s' does not contain a sequence of files"},
-        {"CorruptFileFailsWithTheReadersCode", corrupt, {}, collectFailed, "", "b.kel"},
     };
 }
 

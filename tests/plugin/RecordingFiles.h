@@ -2,7 +2,8 @@
 
 // Container files for the reading-side tests, written the way the plugin's
 // writers store streams: each stream's first atom whole, every later atom
-// with its stream-level layers optimized away.
+// with its stream-level layers optimized away. The sources are checked
+// against the atoms that went into the files.
 
 #include <KEL/Atom.h>
 #include <KEL/DataTypeStreamInfo.h>
@@ -36,10 +37,8 @@ struct StreamSpec {
 };
 
 struct RecordingOptions {
-    // Later atoms lose their stream-level layers, as the writers store them.
-    bool optimizeLaterAtoms = true;
-    // Text stored in the first atoms' static information under "take", to
-    // tell files apart after loosening.
+    // Text stored in the static information under "take", to tell apart the
+    // files that a loosened atom's stream-level layers came from.
     std::string take = "take";
     // Added to every atom's time stamp, to tell files apart.
     std::int64_t timeStampOffset = 0;
@@ -52,7 +51,8 @@ struct RecordingOptions {
 // The atom a live source would deliver for `frame` of `stream`: a frame's
 // texture and mesh plus the stream-level layers (stream information,
 // recording and static information, binary attachment, cylinder crop and
-// version-1 camera parameters).
+// version-1 camera parameters), which depend only on the stream, `numFrames`
+// and the take.
 std::shared_ptr<KEL::Atom> MakeRecordedAtom(std::uint16_t stream, std::uint32_t frame, std::uint32_t numFrames,
                                             const RecordingOptions& options = {});
 
@@ -60,12 +60,8 @@ std::shared_ptr<KEL::Atom> MakeRecordedAtom(std::uint16_t stream, std::uint32_t 
 void WriteRecording(const std::string& path, const std::vector<StreamSpec>& streams,
                     const RecordingOptions& options = {});
 
-// Flips a byte inside the first occurrence of `marker` in the file; throws
-// when the marker is absent.
-void CorruptAtMarker(const std::string& path, const std::string& marker);
-
-// Flips a byte inside the first atom of `stream` (its marker is
-// take-stream-0-MARK) and checks that a reader still opens the file and
+// Flips a byte inside the first atom of `stream` (inside its static
+// information) and checks that a reader still opens the file and
 // counts `frames` frames for the stream but cannot read its first atom.
 void CorruptFirstAtom(const std::string& path, const std::string& take, std::uint16_t stream, std::uint32_t frames);
 
@@ -79,12 +75,11 @@ KEL::KelErrorCode ReaderOpenCode(const std::string& path);
 // Sets a parameter from text; fails the current test when refused.
 void SetParam(KEL::Filter& filter, const std::string& name, const std::string& value);
 
-// The value of the "take" entry of an atom's static information ("" when it
-// has none).
-std::string TakeOf(const KEL::Atom& atom);
-
-// The layer kinds of an atom, sorted.
-std::vector<std::string> SortedLayerKinds(const KEL::Atom& atom);
+// Checks that a source played `expected` (stream, frame number, time stamp
+// and the content of every layer, in any order) with its stream information
+// replaced by the source's `streamInfo`.
+void ExpectPlayed(const KEL::Atom& played, const KEL::Atom& expected,
+                  const std::shared_ptr<KEL::DataTypeStreamInfo>& streamInfo);
 
 // Asks a source for one frame and takes what it pushed.
 struct PushResult {
@@ -152,11 +147,6 @@ struct FileSpec {
 std::function<std::string(const TempDir& dir)> WriteFiles(
     std::vector<FileSpec> files, std::vector<std::pair<std::string, std::uint16_t>> unreadableFirstAtoms = {},
     std::string result = "");
-
-// The failures that both directory sources report the same way before they
-// look into any file: a missing directory, a file given as the directory, a
-// directory without candidates, a file that does not open.
-std::vector<InitFailureCase> DirectoryOpenFailureCases();
 
 // Names parameterized test cases after their `name` member.
 struct CaseName {

@@ -1,6 +1,5 @@
 #include <KEL/DataTypeStaticInfo.h>
 #include <KEL/DataTypeStreamInfo.h>
-#include <KEL/FilterFactory.h>
 #include <KEL/KelErrorCode.h>
 #include <KelCommon/Logger.h>
 #include <KelCommon/VarManager.h>
@@ -8,6 +7,8 @@
 
 #include "plugin/RecordingFiles.h"
 #include "sources/SourceKEL2FileReader.h"
+#include "sources/SourceKEL2MultiFileAppend.h"
+#include "sources/SourceKEL2MultiFileReader.h"
 #include "support/TestSupport.h"
 
 namespace {
@@ -29,18 +30,15 @@ protected:
     kel_test::SourceUnderTest source_{SourceKEL2FileReaderFilterCreator, "KEL File Path"};
 };
 
-// How one "Included streams" text selects among streams 0 to 3 of a file.
+// How one "Included streams" text selects among streams 0 to 3 of a file,
+// and the pieces it logs as skipped (each once). A text without any valid id
+// includes every stream and says so.
 struct IncludedStreamsCase {
     const char* name;
     const char* text;
     Ids included;
-    // Lines that must each be logged once.
-    std::vector<std::string> logged;
-    // How many "Failed to parse" lines there are in all (unchecked when -1).
-    int parseFailures;
+    std::vector<std::string> skipped;
 };
-
-void PrintTo(const IncludedStreamsCase& entry, std::ostream* os) { *os << entry.name; }
 
 class IncludedStreamsTest : public SingleFileSourceTest, public ::testing::WithParamInterface<IncludedStreamsCase> {};
 
@@ -55,43 +53,31 @@ TEST_P(IncludedStreamsTest, SelectsTheStreamsInFileOrderAndLogsWhatItSkips) {
     KelCommon::VarManager::getInstance().unsetVar("KEL2FILE_TEST_STREAMS");
     EXPECT_EQ(source_->GetStreamIds(), param.included);
     EXPECT_EQ(source_->GetOutputNumStreams(), param.included.size());
-    for (const auto& line : param.logged) {
-        EXPECT_EQ(capture.Count(line), 1U) << line;
+    EXPECT_EQ(capture.CountContaining("Failed to parse"), param.skipped.size());
+    for (const auto& piece : param.skipped) {
+        EXPECT_EQ(capture.Count("Failed to parse 'included stream Id' from string '" + piece + "', skipping"), 1U);
     }
-    if (param.parseFailures >= 0) {
-        EXPECT_EQ(capture.CountContaining("Failed to parse"), static_cast<std::size_t>(param.parseFailures));
-    }
+    const bool all = param.included.size() == kFourStreams.size();
+    EXPECT_EQ(capture.Count("All file streams will be included"), all ? 1U : 0U);
     for (const auto& record : capture.Records()) {
-        if (record.message == "All file streams will be included") {
-            EXPECT_EQ(record.level, 6);
-            EXPECT_EQ(record.tag, "KEL2File");
-        }
+        EXPECT_EQ(record.level, record.message.starts_with("Failed") ? 2 : 6) << record.message;
+        EXPECT_EQ(record.tag, "KEL2File");
     }
-}
-
-std::string SkippedPiece(const std::string& piece) {
-    return "Failed to parse 'included stream Id' from string '" + piece + "', skipping";
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Texts, IncludedStreamsTest,
-    ::testing::Values(
-        IncludedStreamsCase{"ListedStreamsAreIncludedInFileOrder", "3, 1", {1, 3}, {}, 0},
-        IncludedStreamsCase{"PieceThatIsNotANumberIsLoggedAndSkipped", "x,2", {2}, {SkippedPiece("x")}, 1},
-        IncludedStreamsCase{"EmptyPieceBetweenCommasIsLoggedOnce", "1,,2", {1, 2}, {SkippedPiece("")}, 1},
-        IncludedStreamsCase{"NumberFollowedByTextCountsAsTheNumber", "2abc", {2}, {}, 0},
-        IncludedStreamsCase{"NumberOutsideIntRangeIsSkipped", "99999999999,0", {0}, {SkippedPiece("99999999999")}, 1},
-        IncludedStreamsCase{"StreamIdKeepsTheLowSixteenBits", "65537", {1}, {}, -1},
-        IncludedStreamsCase{"SurroundingWhiteSpaceIsTrimmed", "  2,3  ", {2, 3}, {}, 0},
-        IncludedStreamsCase{"VariablesAreExpanded", "${KEL2FILE_TEST_STREAMS}", {0, 2}, {}, -1},
-        IncludedStreamsCase{
-            "NoValidIdIncludesEveryStream", "x", {0, 1, 2, 3}, {"All file streams will be included"}, -1},
-        // An empty text is one empty piece, reported like any other.
-        IncludedStreamsCase{"EmptyValueIncludesEveryStream",
-                            "",
-                            {0, 1, 2, 3},
-                            {SkippedPiece(""), "All file streams will be included"},
-                            1}),
+    ::testing::Values(IncludedStreamsCase{"ListedStreamsAreIncludedInFileOrder", "3, 1", {1, 3}, {}},
+                      IncludedStreamsCase{"PieceThatIsNotANumberIsLoggedAndSkipped", "x,2", {2}, {"x"}},
+                      IncludedStreamsCase{"EmptyPieceBetweenCommasIsLoggedOnce", "1,,2", {1, 2}, {""}},
+                      IncludedStreamsCase{"NumberFollowedByTextCountsAsTheNumber", "2abc", {2}, {}},
+                      IncludedStreamsCase{"NumberOutsideIntRangeIsSkipped", "99999999999,0", {0}, {"99999999999"}},
+                      IncludedStreamsCase{"StreamIdKeepsTheLowSixteenBits", "65537", {1}, {}},
+                      IncludedStreamsCase{"SurroundingWhiteSpaceIsTrimmed", "  2,3  ", {2, 3}, {}},
+                      IncludedStreamsCase{"VariablesAreExpanded", "${KEL2FILE_TEST_STREAMS}", {0, 2}, {}},
+                      IncludedStreamsCase{"NoValidIdIncludesEveryStream", "x", {0, 1, 2, 3}, {"x"}},
+                      // An empty text is one empty piece, reported like any other.
+                      IncludedStreamsCase{"EmptyValueIncludesEveryStream", "", {0, 1, 2, 3}, {""}}),
     kel_test::CaseName());
 
 class SingleFileSourceInitFailureTest : public ::testing::TestWithParam<kel_test::InitFailureCase> {};
@@ -141,16 +127,6 @@ INSTANTIATE_TEST_SUITE_P(
                                   "There is no 'first' atom in the '2' stream, can not setup optimized data loosener"}),
     kel_test::CaseName());
 
-TEST_F(SingleFileSourceTest, StreamInfoAnnouncesTheShortestStreamsFrameCount) {
-    kel_test::WriteRecording(file_, {{1, 6}, {2, 4}});
-
-    ASSERT_EQ(Open(file_), 0U);
-
-    ASSERT_NE(source_->GetStreamInfo(), nullptr);
-    EXPECT_EQ(source_->GetStreamInfo()->GetNumFrames(), 4U);
-    EXPECT_EQ(source_->GetStreamInfo()->GetName(), "camera1");
-}
-
 TEST_F(SingleFileSourceTest, OutputProfileIsANewCopyOfTheFirstAtomsProfile) {
     kel_test::WriteRecording(file_, {{1, 2}});
     ASSERT_EQ(Open(file_), 0U);
@@ -166,47 +142,35 @@ TEST_F(SingleFileSourceTest, OutputProfileIsANewCopyOfTheFirstAtomsProfile) {
     EXPECT_TRUE(b->Describes(a));
 }
 
-TEST_F(SingleFileSourceTest, FrameIsPushedWholeForEveryStreamInFileOrderOrNotAtAll) {
+TEST_F(SingleFileSourceTest, FrameThatOneStreamLacksIsNotPushedAtAll) {
     kel_test::WriteRecording(file_, {{4, 5}, {2, 5, {2}}});
     ASSERT_EQ(Open(file_), 0U);
     KelCommon::ScopedLogCapture capture;
 
-    const auto complete = kel_test::PushFrame(*source_, 1);
     const auto missing = kel_test::PushFrame(*source_, 2);
 
-    EXPECT_EQ(complete.code, 0U);
-    ASSERT_EQ(complete.atoms.size(), 2U);
-    EXPECT_EQ(complete.atoms[0]->GetStreamId(), 4);
-    EXPECT_EQ(complete.atoms[1]->GetStreamId(), 2);
-    EXPECT_EQ(complete.atoms[0]->GetFrameNr(), 1U);
-    EXPECT_EQ(complete.atoms[1]->GetFrameNr(), 1U);
     EXPECT_EQ(missing.code, 1U);
     EXPECT_TRUE(missing.atoms.empty());
     EXPECT_EQ(capture.Count("Stream '2' lacks an atom with frame number '2'"), 1U);
-    const auto next = kel_test::PushFrame(*source_, 3);
-    EXPECT_EQ(next.code, 0U);
-    EXPECT_EQ(next.atoms.size(), 2U);
+    EXPECT_EQ(kel_test::PushFrame(*source_, 3).atoms.size(), 2U);
 }
 
-TEST_F(SingleFileSourceTest, OptimizedLaterAtomsPlayBackComplete) {
-    kel_test::WriteRecording(file_, {{1, 4}, {2, 4}});
+// The file's streams in file order, as many frames as the shortest holds,
+// later atoms restored from their stream's first atom; the stream
+// information is that of the file's first stream.
+TEST_F(SingleFileSourceTest, PlaysTheShortestStreamsFrameCountOfCompleteAtoms) {
+    kel_test::WriteRecording(file_, {{4, 6}, {2, 4}});
 
     const auto played = kel_test::PlayThroughGraph(SourceKEL2FileReaderFilterCreator, "KEL File Path", file_);
 
+    ASSERT_NE(played.streamInfo, nullptr);
+    EXPECT_EQ(played.streamInfo->GetNumFrames(), 4U);
+    EXPECT_EQ(played.streamInfo->GetName(), "camera4");
     ASSERT_EQ(played.atoms.size(), 8U);
     for (std::size_t i = 0; i < played.atoms.size(); ++i) {
-        const auto& atom = played.atoms[i];
-        const auto stream = static_cast<std::uint16_t>(1 + i % 2);
-        const auto frame = static_cast<std::uint32_t>(i / 2);
-        EXPECT_EQ(atom->GetStreamId(), stream);
-        EXPECT_EQ(atom->GetFrameNr(), frame);
-        const auto expected = kel_test::MakeRecordedAtom(stream, frame, 4);
-        EXPECT_EQ(kel_test::SortedLayerKinds(*atom), kel_test::SortedLayerKinds(*expected)) << "atom " << i;
-        EXPECT_EQ(atom->GetTimeStamp(), expected->GetTimeStamp());
-        EXPECT_TRUE(atom->GetDataLayerByType(KEL::DataTypeTextureRGBA::TheTypeGuid(), false)
-                        ->ContentEquals(*expected->GetDataLayerByType(KEL::DataTypeTextureRGBA::TheTypeGuid(), false)));
-        EXPECT_EQ(atom->GetDataLayerByType(KEL::DataTypeStreamInfo::TheTypeGuid(), false), played.streamInfo);
-        EXPECT_EQ(kel_test::TakeOf(*atom), "take");
+        const auto [stream, frames] = i % 2 == 0 ? std::pair(4, 6) : std::pair(2, 4);
+        const auto expected = kel_test::MakeRecordedAtom(stream, static_cast<std::uint32_t>(i / 2), frames);
+        kel_test::ExpectPlayed(*played.atoms[i], *expected, played.streamInfo);
     }
 }
 
@@ -223,57 +187,36 @@ TEST_F(SingleFileSourceTest, ReinitialisesWithOtherValuesAfterDeInitialize) {
     ASSERT_EQ(Open(other, "6,5"), 0U);
     EXPECT_EQ(source_->GetStreamIds(), (Ids{5, 6}));
     EXPECT_EQ(source_->GetStreamInfo()->GetNumFrames(), 2U);
-    const auto result = kel_test::PushFrame(*source_, 1);
-    ASSERT_EQ(result.code, 0U);
-    ASSERT_EQ(result.atoms.size(), 2U);
-    EXPECT_EQ(result.atoms[0]->GetStreamId(), 5);
+    EXPECT_EQ(kel_test::PushFrame(*source_, 1).atoms.size(), 2U);
 }
 
-TEST_F(SingleFileSourceTest, ParametersAreCreatedOnceAndReadAtInitialisation) {
-    ASSERT_EQ(source_->onInitializeParams(nullptr), 0U);
-    const auto path = source_->FindParam("KEL File Path");
-    const auto included = source_->FindParam("Included streams");
-    ASSERT_EQ(source_->onInitializeParams(nullptr), 0U);
-
-    ASSERT_NE(path, nullptr);
-    ASSERT_NE(included, nullptr);
-    EXPECT_EQ(source_->FindParam("KEL File Path"), path);
-    EXPECT_EQ(source_->FindParam("Included streams"), included);
-    EXPECT_EQ(source_->GetParams().size(), 2U);
-    EXPECT_EQ(path->GetFlags(), 1U);
-    EXPECT_EQ(path->GetType(), KEL::FilterParamType::ReadFilePath);
-    EXPECT_EQ(std::static_pointer_cast<KEL::FilterParamFilePath>(path)->GetExtension(), "kel");
-    EXPECT_EQ(included->GetFlags(), 1U);
-    EXPECT_EQ(included->GetType(), KEL::FilterParamType::String);
-    EXPECT_EQ(included->GetValueAsString(), "");
-}
-
-TEST(SourceRegistration, ClassesAreRegisteredWithTheirGuidNameAndCategory) {
-    const struct {
-        const char* name;
-        const char* guid;
-    } expected[] = {
-        {"SourceKEL2FileReader", "B74863F3-13CF-47A0-9F90-07718FC52AB6"},
-        {"SourceKEL2MultiFileAppend", "757504F3-A320-43A6-BFD1-9ACE60EDEB7E"},
-        {"SourceKEL2MultiFileReader", "6D82A817-BAC2-4277-B599-7848F2170ADD"},
-    };
-    for (const auto& entry : expected) {
-        SCOPED_TRACE(entry.name);
-        const auto guid = KelCommon::Guid::FromHexString(entry.guid);
-        const auto registered = KEL::FilterFactory::Find(guid);
-        ASSERT_TRUE(registered.has_value());
-        EXPECT_EQ(registered->info.GetName(), entry.name);
-        EXPECT_EQ(registered->info.GetCategory(), KEL::FILTER_CATEGORY_SOURCE);
-        auto filter = KEL::FilterFactory::CreateFilter(guid);
-        ASSERT_NE(filter, nullptr);
-        EXPECT_EQ(filter->TypeGuid(), guid);
-        EXPECT_EQ(filter->GetFilterClassInfo().GetName(), entry.name);
-        EXPECT_EQ(filter->GetFilterClassInfo().GetCategory(), KEL::FILTER_CATEGORY_SOURCE);
-        EXPECT_NE(dynamic_cast<KEL::Source*>(filter.get()), nullptr);
+// The sources' parameters, all read at initialisation (flags 1), with their
+// types and default values; a second call adds the same objects again.
+TEST(SourceParameters, AreCreatedOnceWithTheirTypesAndDefaults) {
+    using Expected = std::vector<std::pair<std::string, std::string>>;  // name, type: default
+    const std::string directory = "dir: " + KelCommon::VarManager::getInstance().getRootValue().str() + "/kel_files";
+    for (const auto& [creator, expected] : std::vector<std::pair<KEL::FilterCreator, Expected>>{
+             {&SourceKEL2FileReaderFilterCreator, {{"KEL File Path", "read-file: "}, {"Included streams", "string: "}}},
+             {&SourceKEL2MultiFileAppendFilterCreator, {{"KEL files dir", directory}}},
+             {&SourceKEL2MultiFileReaderFilterCreator, {{"KEL files dir", directory}}}}) {
+        const std::unique_ptr<KEL::Filter> source(creator());
+        SCOPED_TRACE(source->GetFilterClassInfo().GetName());
+        ASSERT_EQ(source->onInitializeParams(nullptr), 0U);
+        const auto params = source->GetParams();
+        ASSERT_EQ(source->onInitializeParams(nullptr), 0U);
+        EXPECT_EQ(source->GetParams(), params);
+        ASSERT_EQ(params.size(), expected.size());
+        for (std::size_t i = 0; i < params.size(); ++i) {
+            EXPECT_EQ(params[i]->GetName(), expected[i].first);
+            EXPECT_EQ(params[i]->GetFlags(), 1U);
+            EXPECT_EQ(std::string(params[i]->GetTypeName()) + ": " + params[i]->GetValueAsString(), expected[i].second);
+        }
     }
-    EXPECT_EQ(SourceKEL2FileReader::TheTypeGuid(), KelCommon::Guid::FromHexString(expected[0].guid));
-    EXPECT_EQ(SourceKEL2FileReader::TheFilterClassInfo().GetName(), "SourceKEL2FileReader");
-    EXPECT_GT(SourceKEL2FileReader::sRegistrationId, 0);
+    const std::unique_ptr<KEL::Filter> reader(SourceKEL2FileReaderFilterCreator());
+    ASSERT_EQ(reader->onInitializeParams(nullptr), 0U);
+    const auto path = std::dynamic_pointer_cast<KEL::FilterParamFilePath>(reader->FindParam("KEL File Path"));
+    ASSERT_NE(path, nullptr);
+    EXPECT_EQ(path->GetExtension(), "kel");
 }
 
 }  // namespace

@@ -1,38 +1,13 @@
-#include <KEL/DataTypeStaticInfo.h>
 #include <KEL/DataTypeStreamInfo.h>
-#include <KEL/ReadKEL2File.h>
-#include <KEL/SerializeToKel.h>
 #include <KelCommon/Logger.h>
 #include <gtest/gtest.h>
 
-#include "plugin/RecordingFiles.h"
 #include "support/TestSupport.h"
 #include "utils/Utils.h"
 
 namespace {
 
 using Kel2File::Utils;
-
-std::shared_ptr<KEL::ReadKEL2File> OpenReader(const std::string& path) {
-    auto reader = std::make_shared<KEL::ReadKEL2File>(path.c_str());
-    EXPECT_EQ(reader->Initialize(), 0U) << path;
-    return reader;
-}
-
-TEST(UtilsFileNumFrames, IsTheFrameCountOfTheShortestStreamAndZeroWithoutStreams) {
-    const struct {
-        std::vector<kel_test::StreamSpec> streams;
-        std::uint32_t frames;
-    } cases[] = {{{{1, 10}, {2, 7}}, 7}, {{{9, 4}}, 4}, {{}, 0}};
-    kel_test::TempDir dir;
-    for (std::size_t i = 0; i < std::size(cases); ++i) {
-        SCOPED_TRACE(i);
-        const std::string path = dir.File(std::to_string(i) + ".kel");
-        kel_test::WriteRecording(path, cases[i].streams);
-
-        EXPECT_EQ(Utils::DetermineFileNumFrames(OpenReader(path)), cases[i].frames);
-    }
-}
 
 TEST(UtilsStreamInfo, MissingStreamInfoGivesEmptyAndOneLogLine) {
     KelCommon::ScopedLogCapture capture;
@@ -59,40 +34,17 @@ TEST(UtilsStreamInfo, FrameCountIsSetInTheAtomsOwnLayer) {
 }
 
 TEST(UtilsProfile, HoldsOneEntryPerLayerInLayerOrder) {
-    auto atom = kel_test::MakeFirstAtom(1, 3);
+    for (const auto& atom : {kel_test::MakeFirstAtom(1, 3), std::make_shared<KEL::Atom>(1, 0)}) {
+        const auto profile = Utils::DetermineProfile(atom);
 
-    const auto profile = Utils::DetermineProfile(atom);
-
-    ASSERT_NE(profile, nullptr);
-    const auto layers = atom->GetAllDataLayers();
-    ASSERT_EQ(profile->Size(), layers.size());
-    for (std::size_t i = 0; i < layers.size(); ++i) {
-        EXPECT_EQ(profile->GetDataProfiles()[i]->GetTypeGuid(), layers[i]->GetTypeGuid());
-        EXPECT_EQ(profile->GetDataProfiles()[i]->GetPurposeGuid(), layers[i]->GetPurposeGuid());
+        ASSERT_NE(profile, nullptr);
+        const auto layers = atom->GetAllDataLayers();
+        ASSERT_EQ(profile->Size(), layers.size());
+        for (std::size_t i = 0; i < layers.size(); ++i) {
+            EXPECT_EQ(profile->GetDataProfiles()[i]->GetTypeGuid(), layers[i]->GetTypeGuid());
+            EXPECT_EQ(profile->GetDataProfiles()[i]->GetPurposeGuid(), layers[i]->GetPurposeGuid());
+        }
     }
-}
-
-TEST(UtilsProfile, AtomWithoutLayersGivesAnEmptyProfile) {
-    const auto profile = Utils::DetermineProfile(std::make_shared<KEL::Atom>(1, 0));
-
-    ASSERT_NE(profile, nullptr);
-    EXPECT_TRUE(profile->IsEmpty());
-}
-
-TEST(UtilsLoosen, UsesTheLoosenerOfTheAtomsStream) {
-    auto infoA = std::make_shared<KEL::DataTypeStreamInfo>(5);
-    auto infoB = std::make_shared<KEL::DataTypeStreamInfo>(6);
-    Kel2File::OptimizedDataLooseners looseners;
-    looseners[1] = std::make_shared<const Kel2File::OptimizedDataLoosener>(
-        kel_test::MakeRecordedAtom(1, 0, 5, {.take = "A"}), infoA);
-    looseners[2] = std::make_shared<const Kel2File::OptimizedDataLoosener>(
-        kel_test::MakeRecordedAtom(2, 0, 6, {.take = "B"}), infoB);
-    auto atom = kel_test::MakeFrameAtom(2, 4);
-
-    Utils::LoosenOptimizedData(atom, looseners);
-
-    EXPECT_EQ(kel_test::TakeOf(*atom), "B");
-    EXPECT_EQ(atom->GetDataLayerByType(KEL::DataTypeStreamInfo::TheTypeGuid(), false), infoB);
 }
 
 }  // namespace

@@ -9,9 +9,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <fstream>
-#include <random>
-#include <sstream>
 #include <stdexcept>
 
 namespace kel_test {
@@ -51,6 +50,11 @@ int RunInChild(const std::function<int()>& body, bool unprivileged) {
         return -1;
     }
     return WEXITSTATUS(status);
+}
+
+std::uint64_t EnvNumber(const char* name, std::uint64_t fallback) {
+    const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): tests set no variables
+    return value != nullptr ? std::strtoull(value, nullptr, 10) : fallback;
 }
 
 KelCommon::SharedBuffer PatternBuffer(std::size_t size, std::uint32_t seed) {
@@ -128,32 +132,26 @@ std::shared_ptr<KEL::Atom> MakeFirstAtom(std::uint16_t stream, std::uint32_t num
 }
 
 bool AtomsEqual(const KEL::Atom& a, const KEL::Atom& b, std::string* why) {
-    auto fail = [why](const std::string& text) {
-        if (why != nullptr) {
-            *why = text;
-        }
-        return false;
-    };
-    if (a.GetStreamId() != b.GetStreamId()) {
-        return fail("stream id " + std::to_string(a.GetStreamId()) + " vs " + std::to_string(b.GetStreamId()));
-    }
-    if (a.GetFrameNr() != b.GetFrameNr()) {
-        return fail("frame " + std::to_string(a.GetFrameNr()) + " vs " + std::to_string(b.GetFrameNr()));
-    }
-    if (a.GetTimeStamp() != b.GetTimeStamp()) {
-        return fail("time stamp differs");
-    }
     const auto la = a.GetAllDataLayers();
     const auto lb = b.GetAllDataLayers();
-    if (la.size() != lb.size()) {
-        return fail("layer count " + std::to_string(la.size()) + " vs " + std::to_string(lb.size()));
+    std::string difference;
+    if (a.GetStreamId() != b.GetStreamId() || a.GetFrameNr() != b.GetFrameNr()) {
+        difference = "stream/frame " + std::to_string(a.GetStreamId()) + "/" + std::to_string(a.GetFrameNr()) + " vs " +
+                     std::to_string(b.GetStreamId()) + "/" + std::to_string(b.GetFrameNr());
+    } else if (a.GetTimeStamp() != b.GetTimeStamp()) {
+        difference = "time stamp differs";
+    } else if (la.size() != lb.size()) {
+        difference = "layer count " + std::to_string(la.size()) + " vs " + std::to_string(lb.size());
     }
-    for (std::size_t i = 0; i < la.size(); ++i) {
+    for (std::size_t i = 0; difference.empty() && i < la.size(); ++i) {
         if (!la[i]->ContentEquals(*lb[i])) {
-            return fail("layer " + std::to_string(i) + " (" + la[i]->TypeName() + ") differs");
+            difference = "layer " + std::to_string(i) + " (" + la[i]->TypeName() + ") differs";
         }
     }
-    return true;
+    if (why != nullptr) {
+        *why = difference;
+    }
+    return difference.empty();
 }
 
 std::vector<std::string> LayerKinds(const KEL::Atom& atom) {

@@ -69,6 +69,10 @@ std::vector<std::string> LayerKinds(const KEL::Atom& atom);
 // to it; its files must then be reachable by everyone.
 int RunInChild(const std::function<int()>& body, bool unprivileged = false);
 
+// The number in the environment variable `name`, or `fallback` when it is
+// not set (for the generated tests' run lengths and seeds).
+std::uint64_t EnvNumber(const char* name, std::uint64_t fallback);
+
 // File damage helpers.
 std::vector<std::uint8_t> ReadFileBytes(const std::string& path);
 void WriteFileBytes(const std::string& path, const std::vector<std::uint8_t>& bytes);

@@ -1,9 +1,5 @@
 #include "targets/TargetTestSupport.h"
 
-#include <KEL/DataTypeBinary.h>
-#include <KEL/DataTypeCylinderCrop.h>
-#include <KEL/DataTypeRecordingInfo.h>
-#include <KEL/DataTypeStaticInfo.h>
 #include <KEL/DataTypeStreamInfo.h>
 #include <KEL/Profile.h>
 #include <KEL/ReadKEL2File.h>
@@ -57,82 +53,63 @@ KEL::KelErrorCode MemorySource::pushDataToOutput(std::uint32_t frameNr) {
 
 Frames MakeCompleteFrames(const std::vector<std::uint16_t>& streams, std::uint32_t count, std::uint32_t firstFrameNr,
                           std::uint32_t step, std::uint32_t width, std::uint32_t height) {
-    // Streams at even positions carry per-frame cameras (version 2), those at
-    // odd positions one fixed camera (version 1) shared by all their atoms.
-    std::map<std::uint16_t, std::vector<std::shared_ptr<KEL::DataLayer>>> streamLayers;
+    // A stream's layers other than its frame's texture and mesh; its fixed
+    // camera only at odd positions (the others have per-frame cameras).
+    std::vector<std::vector<std::shared_ptr<KEL::DataLayer>>> streamLayers;
     for (std::size_t s = 0; s < streams.size(); ++s) {
-        const std::uint16_t stream = streams[s];
-        const bool fixedCamera = s % 2 == 1;
-        const AtomPtr first = MakeFirstAtom(stream, count, width, height);
-        for (const auto& layer : first->GetAllDataLayers()) {
+        auto layers = MakeFirstAtom(streams[s], count, width, height)->GetAllDataLayers();
+        std::erase_if(layers, [&](const auto& layer) {
             const auto& type = layer->GetTypeGuid();
-            const bool streamLevel =
-                type == KEL::DataTypeStreamInfo::TheTypeGuid() || type == KEL::DataTypeRecordingInfo::TheTypeGuid() ||
-                type == KEL::DataTypeStaticInfo::TheTypeGuid() || type == KEL::DataTypeBinary::TheTypeGuid() ||
-                type == KEL::DataTypeCylinderCrop::TheTypeGuid() ||
-                (fixedCamera && type == KEL::DataTypeCameraParams::TheTypeGuid() && layer->GetVersion() < 2);
-            if (streamLevel) {
-                streamLayers[stream].push_back(layer);
-            }
-        }
+            return type == KEL::DataTypeTextureRGBA::TheTypeGuid() || type == KEL::DataTypeMesh::TheTypeGuid() ||
+                   (s % 2 == 0 && type == KEL::DataTypeCameraParams::TheTypeGuid());
+        });
+        streamLayers.push_back(std::move(layers));
     }
-    Frames frames;
+    Frames frames(count);
     for (std::uint32_t i = 0; i < count; ++i) {
-        std::vector<AtomPtr> frame;
         for (std::size_t s = 0; s < streams.size(); ++s) {
-            const std::uint16_t stream = streams[s];
-            AtomPtr atom = MakeFrameAtom(stream, firstFrameNr + i * step, width, height);
+            AtomPtr atom = MakeFrameAtom(streams[s], firstFrameNr + i * step, width, height);
             if (s % 2 == 1) {
                 atom->RemoveDataLayers(KEL::DataTypeCameraParams::TheTypeGuid());
             }
-            for (const auto& layer : streamLayers[stream]) {
+            for (const auto& layer : streamLayers[s]) {
                 atom->AddDataLayer(layer, true);
             }
-            frame.push_back(atom);
+            frames[i].push_back(atom);
         }
-        frames.push_back(std::move(frame));
     }
     return frames;
 }
 
 const std::vector<TargetStrategy>& TargetStrategies() {
     static const std::vector<TargetStrategy> strategies = {
-        {"Writer", "972EE495-EB8E-48A8-AB94-43797E34A436", "3802D826-7D62-41BF-A92E-6A56E3700590",
-         &TargetKEL2FileWriterFilterCreator, &TargetKEL2FileWriterAsyncFilterCreator, false, false},
-        {"SnapshotWriter", "5F18B69C-472C-4BF7-902C-593A24A53267", "990F8140-8912-464F-B85A-6AB300AD0E37",
-         &TargetKEL2FileSnapshotWriterFilterCreator, &TargetKEL2FileSnapshotWriterAsyncFilterCreator, true, false},
-        {"PerStreamWriter", "C6AB7E7D-E3E2-4E3A-ACAF-9A4DD28B318B", "9F77FB3F-F205-491D-A12C-14B3266F700B",
-         &TargetKEL2FilePerStreamWriterFilterCreator, &TargetKEL2FilePerStreamWriterAsyncFilterCreator, false, true},
-        {"PerStreamSnapshotWriter", "A74FA620-53CD-461A-A512-3217F1271DC3", "BEF1EC5E-D302-4BAD-B771-88D0E404035C",
-         &TargetKEL2FilePerStreamSnapshotWriterFilterCreator, &TargetKEL2FilePerStreamSnapshotWriterAsyncFilterCreator,
-         true, true},
+        {"Writer", &TargetKEL2FileWriterFilterCreator, &TargetKEL2FileWriterAsyncFilterCreator, false, false},
+        {"SnapshotWriter", &TargetKEL2FileSnapshotWriterFilterCreator, &TargetKEL2FileSnapshotWriterAsyncFilterCreator,
+         true, false},
+        {"PerStreamWriter", &TargetKEL2FilePerStreamWriterFilterCreator,
+         &TargetKEL2FilePerStreamWriterAsyncFilterCreator, false, true},
+        {"PerStreamSnapshotWriter", &TargetKEL2FilePerStreamSnapshotWriterFilterCreator,
+         &TargetKEL2FilePerStreamSnapshotWriterAsyncFilterCreator, true, true},
     };
     return strategies;
 }
 
 std::string StrategyName(const ::testing::TestParamInfo<TargetStrategy>& info) { return info.param.name; }
 
-KEL::RunOptions PressBefore(std::vector<KEL::Filter*> targets, std::uint32_t frame, int presses) {
+KEL::RunOptions Arm(const TargetStrategy& s, const std::vector<KEL::Filter*>& targets, std::uint32_t snapshotFrames) {
+    for (KEL::Filter* target : targets) {
+        SetParam(*target, s.snapshot ? "Frames count per snapshot" : "Enable Recording",
+                 s.snapshot ? std::to_string(snapshotFrames) : "true");
+    }
     KEL::RunOptions options;
     options.beforeFrame = [=](KEL::Graph&, std::uint32_t nr) {
-        for (int i = 0; nr == frame && i < presses; ++i) {
-            for (KEL::Filter* target : targets) {
+        for (KEL::Filter* target : targets) {
+            if (s.snapshot && nr == 0) {
                 Param<KEL::FilterParamCallback>(*target, "Take snapshot")->Press();
             }
         }
     };
     return options;
-}
-
-KEL::RunOptions Arm(const TargetStrategy& s, const std::vector<KEL::Filter*>& targets, std::uint32_t snapshotFrames) {
-    for (KEL::Filter* target : targets) {
-        if (s.snapshot) {
-            SetParam(*target, "Frames count per snapshot", std::to_string(snapshotFrames));
-        } else {
-            SetParam(*target, "Enable Recording", "true");
-        }
-    }
-    return s.snapshot ? PressBefore(targets, 0) : KEL::RunOptions{};
 }
 
 std::vector<std::string> OutputFiles(const TargetStrategy& s, const std::string& base,
@@ -183,32 +160,26 @@ std::map<std::uint16_t, std::vector<AtomPtr>> ReadStreams(const std::string& pat
 }
 
 bool SameContent(const KEL::Atom& a, const KEL::Atom& b, std::string* why) {
-    auto fail = [why](const std::string& text) {
-        if (why != nullptr) {
-            *why = text;
+    auto unmatched = b.GetAllDataLayers();
+    std::string difference;
+    if (a.GetStreamId() != b.GetStreamId() || a.GetTimeStamp() != b.GetTimeStamp()) {
+        difference = "stream id or time stamp differs";
+    } else if (a.GetNumDataLayers() != unmatched.size()) {
+        difference = "layer count " + std::to_string(a.GetNumDataLayers()) + " vs " + std::to_string(unmatched.size());
+    }
+    for (const auto& layer : a.GetAllDataLayers()) {
+        const auto match =
+            std::ranges::find_if(unmatched, [&](const auto& other) { return layer->ContentEquals(*other); });
+        if (match == unmatched.end() && difference.empty()) {
+            difference = "no matching " + layer->TypeName() + " layer";
+        } else if (match != unmatched.end()) {
+            unmatched.erase(match);
         }
-        return false;
-    };
-    if (a.GetStreamId() != b.GetStreamId()) {
-        return fail("stream id differs");
     }
-    if (a.GetTimeStamp() != b.GetTimeStamp()) {
-        return fail("time stamp differs");
+    if (why != nullptr) {
+        *why = difference;
     }
-    auto la = a.GetAllDataLayers();
-    auto lb = b.GetAllDataLayers();
-    if (la.size() != lb.size()) {
-        return fail("layer count " + std::to_string(la.size()) + " vs " + std::to_string(lb.size()));
-    }
-    for (const auto& layer : la) {
-        auto match =
-            std::find_if(lb.begin(), lb.end(), [&](const auto& other) { return layer->ContentEquals(*other); });
-        if (match == lb.end()) {
-            return fail("no matching " + layer->TypeName() + " layer");
-        }
-        lb.erase(match);
-    }
-    return true;
+    return difference.empty();
 }
 
 void ExpectFileHoldsFrames(const std::string& path, const Frames& frames) {
@@ -235,12 +206,8 @@ GraphRun::GraphRun(std::vector<std::uint16_t> streams, Frames frames) {
 }
 
 KEL::Filter* GraphRun::AddTarget(KEL::FilterCreator creator, const std::string& name) {
-    return AddTarget(std::unique_ptr<KEL::Filter>(creator()), name);
-}
-
-KEL::Filter* GraphRun::AddTarget(std::unique_ptr<KEL::Filter> target, const std::string& name) {
     std::string error;
-    KEL::Filter* added = graph_.AddFilter(std::move(target), name, &error);
+    KEL::Filter* added = graph_.AddFilter(std::unique_ptr<KEL::Filter>(creator()), name, &error);
     EXPECT_NE(added, nullptr) << error;
     EXPECT_EQ(graph_.Connect(source_, added, &error), 0U) << error;
     return added;

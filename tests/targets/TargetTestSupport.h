@@ -71,8 +71,6 @@ void SetParam(KEL::Filter& filter, const std::string& name, const std::string& t
 // its own.
 struct TargetStrategy {
     const char* name;
-    const char* syncGuid;
-    const char* asyncGuid;
     KEL::FilterCreator sync;
     KEL::FilterCreator async;
     bool snapshot;
@@ -84,8 +82,6 @@ const std::vector<TargetStrategy>& TargetStrategies();
 inline void PrintTo(const TargetStrategy& s, std::ostream* os) { *os << s.name; }
 std::string StrategyName(const ::testing::TestParamInfo<TargetStrategy>& info);
 
-// Presses "Take snapshot" of each target `presses` times before frame `frame`.
-KEL::RunOptions PressBefore(std::vector<KEL::Filter*> targets, std::uint32_t frame, int presses = 1);
 // Makes targets of strategy `s` record from the first frame: "Enable
 // Recording" on, or snapshots of `snapshotFrames` frames taken before frame 0
 // (the returned options press the button).
@@ -111,7 +107,6 @@ public:
     GraphRun(std::vector<std::uint16_t> streams, Frames frames);
     // Creates a target with its exported creator and connects it.
     KEL::Filter* AddTarget(KEL::FilterCreator creator, const std::string& name);
-    KEL::Filter* AddTarget(std::unique_ptr<KEL::Filter> target, const std::string& name);
     // Initialises the graph (first call only) and runs it.
     KEL::RunResult Run(const KEL::RunOptions& options = {});
     KEL::Graph& Graph() { return graph_; }

@@ -7,8 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "ToolTestSupport.h"
 
@@ -16,6 +14,7 @@ namespace {
 
 using KelReport = kel_tool_test::KelToolTest;
 using KelExport = kel_tool_test::KelToolTest;
+using kel_tool_test::ReadText;
 
 constexpr std::int64_t kInterval = 40'000;  // 25 frames a second
 
@@ -39,13 +38,6 @@ void WriteTake(const std::string& path) {
         }
     }
     ASSERT_EQ(writer.Close(), KEL::KEL_OK);
-}
-
-std::string ReadText(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 std::size_t Occurrences(const std::string& text, const std::string& what) {

@@ -1,18 +1,81 @@
 #include "ToolTestSupport.h"
 
+#include <KEL/DataTypeStreamInfo.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <png.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
+#include <csignal>
 #include <fstream>
 #include <map>
 #include <sstream>
 
 namespace kel_tool_test {
+
+namespace {
+
+int ExitCodeOf(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
+
+// Starts `kel` with `args` in `cwd`, its standard output and error going to
+// the files `out` and `err` (/dev/null when empty) and every file it writes
+// capped at `fileSizeLimit` bytes (no cap when 0); returns its process id.
+pid_t Spawn(const std::vector<std::string>& args, const std::string& cwd, const std::string& out,
+            const std::string& err, std::uint64_t fileSizeLimit) {
+    std::vector<std::string> argv{KEL_TOOL_BINARY};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::vector<char*> raw;
+    for (auto& a : argv) {
+        raw.push_back(a.data());
+    }
+    raw.push_back(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const rlimit limit{fileSizeLimit, fileSizeLimit};
+        const auto openOutput = [](const std::string& path) {
+            return open(path.empty() ? "/dev/null" : path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        };
+        if (dup2(open("/dev/null", O_RDONLY), STDIN_FILENO) < 0 || dup2(openOutput(out), STDOUT_FILENO) < 0 ||
+            dup2(openOutput(err), STDERR_FILENO) < 0 || chdir(cwd.c_str()) != 0 ||
+            (fileSizeLimit != 0 && setrlimit(RLIMIT_FSIZE, &limit) != 0)) {
+            _exit(127);
+        }
+        execv(raw[0], raw.data());
+        _exit(127);
+    }
+    return pid;
+}
+
+}  // namespace
+
+KelRun RunKel(const std::vector<std::string>& args, const std::string& cwd, std::uint64_t fileSizeLimit) {
+    const std::string outFile = (std::filesystem::path(cwd) / ".kel-stdout").string();
+    const std::string errFile = (std::filesystem::path(cwd) / ".kel-stderr").string();
+    int status = 0;
+    const pid_t pid = Spawn(args, cwd, outFile, errFile, fileSizeLimit);
+    const bool exited = pid > 0 && waitpid(pid, &status, 0) == pid;
+    const KelRun run{exited ? ExitCodeOf(status) : -1, ReadText(outFile), ReadText(errFile)};
+    std::filesystem::remove(outFile);
+    std::filesystem::remove(errFile);
+    return run;
+}
+
+KelChild::KelChild(const std::vector<std::string>& args, const std::string& cwd) : pid_(Spawn(args, cwd, "", "", 0)) {}
+
+KelChild::~KelChild() {
+    if (pid_ > 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+}
+
+int KelChild::Wait() {
+    int status = 0;
+    const bool reaped = pid_ > 0 && waitpid(pid_, &status, 0) == pid_;
+    pid_ = -1;
+    return reaped ? ExitCodeOf(status) : -1;
+}
 
 PngImage ReadPng(const std::string& path) {
     png_image image{};
@@ -29,83 +92,11 @@ PngImage ReadPng(const std::string& path) {
     return png;
 }
 
-namespace {
-
-std::string ShellQuote(const std::string& text) {
-    std::string quoted(1, '\'');
-    for (char c : text) {
-        if (c == '\'') {
-            quoted.append("'\\''");
-        } else {
-            quoted.push_back(c);
-        }
-    }
-    quoted.push_back('\'');
-    return quoted;
-}
-
-std::string ReadText(const std::filesystem::path& path) {
+std::string ReadText(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream text;
     text << in.rdbuf();
     return text.str();
-}
-
-}  // namespace
-
-KelRun RunKel(const std::vector<std::string>& args, const std::string& cwd, std::uint64_t fileSizeLimit) {
-    const std::filesystem::path outFile = std::filesystem::path(cwd) / ".kel-stdout";
-    const std::filesystem::path errFile = std::filesystem::path(cwd) / ".kel-stderr";
-    std::string command("cd ");
-    command.append(ShellQuote(cwd)).append(" && ");
-    if (fileSizeLimit != 0) {
-        command.append("ulimit -f ").append(std::to_string(fileSizeLimit / 512)).append(" && ");
-    }
-    command.append(ShellQuote(KEL_TOOL_BINARY));
-    for (const auto& arg : args) {
-        command.append(" ").append(ShellQuote(arg));
-    }
-    command.append(" >").append(ShellQuote(outFile.string()));
-    command.append(" 2>").append(ShellQuote(errFile.string())).append(" </dev/null");
-    const int status = std::system(command.c_str());
-    KelRun run;
-    run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    run.out = ReadText(outFile);
-    run.err = ReadText(errFile);
-    std::filesystem::remove(outFile);
-    std::filesystem::remove(errFile);
-    return run;
-}
-
-int StartKel(const std::vector<std::string>& args, const std::string& cwd) {
-    std::vector<std::string> argv{KEL_TOOL_BINARY};
-    argv.insert(argv.end(), args.begin(), args.end());
-    const pid_t pid = fork();
-    if (pid == 0) {
-        if (chdir(cwd.c_str()) != 0) {
-            _exit(127);
-        }
-        const int devNull = open("/dev/null", O_RDWR);
-        dup2(devNull, STDIN_FILENO);
-        dup2(devNull, STDOUT_FILENO);
-        dup2(devNull, STDERR_FILENO);
-        std::vector<char*> raw;
-        for (auto& a : argv) {
-            raw.push_back(a.data());
-        }
-        raw.push_back(nullptr);
-        execv(raw[0], raw.data());
-        _exit(127);
-    }
-    return pid;
-}
-
-int WaitKel(int pid) {
-    int status = 0;
-    if (waitpid(pid, &status, 0) != pid) {
-        return -1;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 void WriteText(const std::string& path, const std::string& text) {
@@ -114,22 +105,80 @@ void WriteText(const std::string& path, const std::string& text) {
     ASSERT_TRUE(out.good()) << path;
 }
 
+std::string FilterJson(const std::string& className, const std::string& name, const std::string& params) {
+    return R"({"class": ")" + className + R"(", "name": ")" + name + R"(", "params": {)" + params + "}}";
+}
+
+std::string CamerasJson(std::uint32_t streams, std::uint32_t frames, std::uint32_t width, std::uint32_t height) {
+    std::ostringstream params;
+    params << R"("Streams": )" << streams << R"(, "Frames": )" << frames << R"(, "Width": )" << width
+           << R"(, "Height": )" << height;
+    return FilterJson("SyntheticCaptureSource", "cams", params.str());
+}
+
+std::string GraphJson(const std::vector<std::string>& filters, const std::string& rest) {
+    std::string json = R"({"filters": [)";
+    for (const auto& filter : filters) {
+        json += (&filter == &filters.front() ? "" : ", ") + filter;
+    }
+    return json + "]" + (rest.empty() ? "" : ", " + rest) + "}";
+}
+
 void RecordSynthetic(const std::string& path, std::uint32_t streams, std::uint32_t frames, bool thumbnail,
                      std::uint32_t width, std::uint32_t height) {
     const std::filesystem::path dir = std::filesystem::path(path).parent_path();
     std::filesystem::create_directories(dir);
     const std::string graph = (dir / ".record-graph.json").string();
-    std::ostringstream json;
-    json << R"({"filters": [)"
-         << R"({"class": "SyntheticCaptureSource", "name": "cams", "params": {"Streams": )" << streams
-         << R"(, "Frames": )" << frames << R"(, "Width": )" << width << R"(, "Height": )" << height << "}},"
-         << R"({"class": "TargetKEL2FileWriter", "name": "rec", "params": {"Write XML": false, )"
-         << R"("Enable Recording": true, "Create thumbnail for first frame": )" << (thumbnail ? "true" : "false")
-         << "}}]}";
-    WriteText(graph, json.str());
+    WriteText(graph, GraphJson({CamerasJson(streams, frames, width, height),
+                                FilterJson("TargetKEL2FileWriter", "rec",
+                                           R"("Write XML": false, "Enable Recording": true, )"
+                                           R"("Create thumbnail for first frame": )" +
+                                               std::string(thumbnail ? "true" : "false"))}));
     const KelRun run = RunKel({"run", "-q", graph, "--set", "rec.KEL File Path=" + path}, dir.string());
     ASSERT_EQ(run.exitCode, 0) << run.err;
     std::filesystem::remove(graph);
+}
+
+std::shared_ptr<KEL::ReadKEL2File> Open(const std::string& path) {
+    auto reader = std::make_shared<KEL::ReadKEL2File>(path.c_str());
+    EXPECT_EQ(reader->Initialize(), KEL::KEL_OK) << path << ": " << reader->GetLastError();
+    return reader;
+}
+
+std::vector<std::uint16_t> StreamIds(KEL::ReadKEL2File& reader) {
+    std::vector<std::uint16_t> ids;
+    for (int i = 0; i < reader.GetNumStreams(); ++i) {
+        ids.push_back(reader.GetStreamId(i));
+    }
+    return ids;
+}
+
+void ExpectSameStream(KEL::ReadKEL2File& expected, std::uint16_t stream, KEL::ReadKEL2File& actual,
+                      std::uint16_t actualStream) {
+    const auto infoGuid = KEL::DataTypeStreamInfo::TheTypeGuid();
+    ASSERT_EQ(actual.GetNumFrames(actualStream), expected.GetNumFrames(stream));
+    for (std::uint32_t f = 0; f < expected.GetNumFrames(stream); ++f) {
+        const auto a = expected.GetFrameAtom(stream, f);
+        const auto b = actual.GetFrameAtom(actualStream, f);
+        ASSERT_TRUE(a && b) << "frame " << f;
+        const auto info = KEL::LayerCast<KEL::DataTypeStreamInfo>(b->GetDataLayerByType(infoGuid, false));
+        EXPECT_EQ(info != nullptr, f == 0) << "stream information belongs in the first atom only";
+        if (info && f == 0) {
+            EXPECT_EQ(info->GetNumFrames(), actual.GetNumFrames(actualStream));
+        }
+        a->RemoveDataLayers(infoGuid);
+        b->RemoveDataLayers(infoGuid);
+        b->SetStreamId(stream);
+        std::string why;
+        EXPECT_TRUE(kel_test::AtomsEqual(*a, *b, &why)) << "stream " << stream << " frame " << f << ": " << why;
+    }
+}
+
+void ExpectSameStreams(KEL::ReadKEL2File& expected, KEL::ReadKEL2File& actual, const std::vector<std::uint16_t>& ids) {
+    ASSERT_EQ(StreamIds(actual), ids);
+    for (const std::uint16_t id : ids) {
+        ExpectSameStream(expected, id, actual, id);
+    }
 }
 
 KelRun KelToolTest::KelFails(const std::vector<std::string>& args, int exitCode, const std::string& errFragment) const {

@@ -23,7 +23,7 @@ const char* Verdict(const KEL::ContainerVerification& v) {
     if (v.IsIntact()) {
         return "OK";
     }
-    if (v.damagedRecords == 0 && v.truncatedTailBytes == 0) {
+    if (!v.headerDamaged && v.damagedRecords == 0 && v.truncatedTailBytes == 0) {
         return "NOT CLOSED";  // no (valid) index, but every record is intact
     }
     return "DAMAGED";
