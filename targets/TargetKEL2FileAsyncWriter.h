@@ -17,6 +17,7 @@
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -219,14 +220,16 @@ protected:
                 std::this_thread::yield();
                 continue;
             }
-            Frame frame = queue->Pull();
+            // A frame taken after the stop began goes with the frames the stop
+            // discarded, so nothing reaches the file after it; a frame taken
+            // before is finished (at a natural end the stop comes only once
+            // the last frame was taken).
+            std::optional<Frame> taken = queue->PullUnless([this] { return stopFlag.load(); });
             bufferedCountParam->SetValue(static_cast<std::uint32_t>(queue->Size()));
-            // A stop that began while this frame was being taken discarded
-            // the frames queued behind it; this one is discarded with them,
-            // so that nothing reaches the file after the stop began.
-            if (stopFlag.load()) {
+            if (!taken) {
                 return;
             }
+            Frame frame = std::move(*taken);
             // An empty frame (exit token, drain marker) must not touch the
             // strategy: the graph thread may be applying changes to it.
             if (!frame.empty() && W::ProcessingAllowed()) {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 namespace KelCommon {
@@ -15,6 +16,8 @@ namespace KelCommon {
 struct NoQueueHooks {
     // In Pull, after the filled slot is taken and before the element is.
     static void AfterFilledSlotTaken() {}
+    // In PullUnless, after the element is taken (and the stop looked at).
+    static void AfterTaken() {}
     // At the end of FlushAndPutExitToken, after the token is queued.
     static void AfterFlush() {}
 };
@@ -80,6 +83,29 @@ public:
         }
         Hooks::AfterFilledSlotTaken();
         return TakeAndGiveFreeSlot(End::kFront);
+    }
+
+    // Pull for a consumer that can be told to stop. `stopRequested()` is
+    // asked once the consumer's slot is claimed and before its element is
+    // taken: when it says yes, the element is taken and discarded and nothing
+    // is returned. An element returned was thus taken before the stop was
+    // requested, and one taken after it never reaches the consumer, however
+    // the threads interleave.
+    template <class StopRequested>
+    std::optional<T> PullUnless(StopRequested&& stopRequested) {
+        {
+            std::unique_lock<std::mutex> lock(filledLock_);
+            filledSignal_.wait(lock, [this] { return filledSlots_ != 0; });
+            --filledSlots_;
+        }
+        Hooks::AfterFilledSlotTaken();
+        const bool stop = stopRequested();
+        std::optional<T> result(TakeAndGiveFreeSlot(End::kFront));
+        Hooks::AfterTaken();
+        if (stop) {
+            result.reset();
+        }
+        return result;
     }
 
     // Discards every queued element, then pushes `token`. The token is an

@@ -214,7 +214,7 @@ TEST(AsyncTargets, StopDiscardsQueuedFramesAndFinishesTheFrameBeingWritten) {
 
 // Holds the writing thread when it has claimed its second frame in the queue
 // and not yet taken it; tells when a flush is done.
-struct SecondClaimHooks {
+struct SecondClaimHooks : KelCommon::NoQueueHooks {
     static inline std::atomic<int> claims{0};
     static inline std::atomic<Gate*> claimGate{nullptr};
     static inline std::atomic<Gate*> flushed{nullptr};
@@ -231,7 +231,8 @@ struct SecondClaimHooks {
     }
 };
 
-class HookedAsyncWriter final : public Kel2File::TargetKEL2FileAsyncWriter<Kel2File::BasicWriter, SecondClaimHooks> {
+template <class Hooks>
+class HookedAsyncWriter final : public Kel2File::TargetKEL2FileAsyncWriter<Kel2File::BasicWriter, Hooks> {
 public:
     KelCommon::Guid TypeGuid() const override {
         return KelCommon::Guid::FromHexString("3B1E7A52-6C0D-4E8F-A1B2-C3D4E5F60718");
@@ -243,7 +244,7 @@ public:
 
 TEST(AsyncTargets, StopLandingWhileTheWriterTakesAFrameWritesNothingAfterIt) {
     TempDir dir;
-    HookedAsyncWriter target;
+    HookedAsyncWriter<SecondClaimHooks> target;
     kel_test::DirectDriver driver(target, {1, 2});
     const Frames frames = kel_test::MakeCompleteFrames({1, 2}, 3);
     SetParam(target, "KEL File Path", dir.File("rec.kel"));
@@ -271,6 +272,58 @@ TEST(AsyncTargets, StopLandingWhileTheWriterTakesAFrameWritesNothingAfterIt) {
     // Frame 1 was taken after the stop began: it goes with the discarded
     // frames, and frame 2 never takes its place.
     kel_test::ExpectFileHoldsFrames(dir.File("rec.kel"), {frames[0]});
+}
+
+// Holds the writing thread right after it took its second frame out of the
+// queue; tells when a flush is done.
+struct SecondTakeHooks : KelCommon::NoQueueHooks {
+    static inline std::atomic<int> takes{0};
+    static inline std::atomic<Gate*> takeGate{nullptr};
+    static inline std::atomic<Gate*> flushed{nullptr};
+    static void AfterTaken() {
+        Gate* gate = takeGate.load();
+        if (++takes == 2 && gate != nullptr) {
+            gate->Pass();
+        }
+    }
+    static void AfterFlush() {
+        if (Gate* gate = flushed.load()) {
+            gate->Pass();
+        }
+    }
+};
+
+// At a natural end the graph stops the target as soon as the queue is empty,
+// which may be before the writing thread has begun to write the frame it took
+// last: that frame is still finished.
+TEST(AsyncTargets, NaturalEndFinishesTheFrameTakenLastWhenTheStopComesFirst) {
+    TempDir dir;
+    HookedAsyncWriter<SecondTakeHooks> target;
+    kel_test::DirectDriver driver(target, {1, 2});
+    const Frames frames = kel_test::MakeCompleteFrames({1, 2}, 2);
+    SetParam(target, "KEL File Path", dir.File("rec.kel"));
+    SetParam(target, "Enable Recording", "true");
+    SetParam(target, "Buffer size", "4");
+    Gate take;
+    Gate flushed;
+    SecondTakeHooks::takes = 0;
+    SecondTakeHooks::takeGate = &take;
+    driver.Initialize();
+    driver.Play();
+    driver.Deliver(frames[0]);
+    driver.Deliver(frames[1]);
+    take.WaitEntered(1);  // frame 1 is out of the queue, not yet written
+    target.SetInputFinished(true);
+    ASSERT_TRUE(target.IsDone());
+    SecondTakeHooks::flushed = &flushed;
+    Completion stop([&] { driver.Stop(); });
+    flushed.WaitEntered(1);  // the stop has begun
+    flushed.Open();
+    SecondTakeHooks::flushed = nullptr;
+    take.Open();
+    stop.Wait();
+    SecondTakeHooks::takeGate = nullptr;
+    kel_test::ExpectFileHoldsFrames(dir.File("rec.kel"), frames);
 }
 
 TEST(AsyncTargets, FrameOrderResetDiscardsQueuedAndPartialFrames) {

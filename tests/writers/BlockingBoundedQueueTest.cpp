@@ -82,7 +82,7 @@ TEST(BlockingBoundedQueue, FlushWakesAConsumerBlockedInPull) {
 }
 
 // Holds a consumer between taking its filled slot and taking the element.
-struct ClaimHooks {
+struct ClaimHooks : KelCommon::NoQueueHooks {
     static inline std::atomic<kel_test::Gate*> gate{nullptr};
     static void AfterFilledSlotTaken() {
         if (kel_test::Gate* g = gate.load()) {
