@@ -1,6 +1,6 @@
 // Container writing and opening, each against what bounds it:
 //   write:  atoms carrying 4 MiB RGBA textures vs write() of the same bytes,
-//           both synced once at close
+//           both created durably (DurableFile.h) and synced once at close
 //   open:   100,000 atoms through the index; the same number of atoms in a
 //           small and in a large file (opening must not grow with the payload)
 // Reading is measured by kel_read_bench, in fresh processes.
@@ -23,6 +23,8 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "DurableFile.h"
 
 namespace {
 
@@ -113,6 +115,7 @@ void BM_WriteTextureAtoms(benchmark::State& state) {
     const auto& atoms = TextureAtoms();
     const std::string path = (ScratchDir() / "textures.kel").string();
     for (auto _ : state) {
+        ::unlink(path.c_str());
         WriteContainer(path, atoms);
     }
     state.SetBytesProcessed(state.iterations() * kTextureAtoms * std::int64_t{kTextureSide} * kTextureSide * 4);
@@ -124,7 +127,7 @@ void BM_WritePlainBaseline(benchmark::State& state) {
     const std::string path = (ScratchDir() / "plain.bin").string();
     for (auto _ : state) {
         ::unlink(path.c_str());
-        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+        const int fd = kel_bench::CreateDurably(path);
         for (const auto& atom : atoms) {
             const auto& pixels =
                 KEL::LayerCast<KEL::DataTypeTextureRGBA>(atom->GetAllDataLayers().front())->GetPixels();

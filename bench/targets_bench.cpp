@@ -20,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "DurableFile.h"
 #include "targets/TargetKEL2FileWriter.h"
 #include "targets/TargetKEL2FileWriterAsync.h"
 
@@ -121,13 +122,13 @@ void BM_SyncWriter4MiBTextures(benchmark::State& state) {
 }
 BENCHMARK(BM_SyncWriter4MiBTextures)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// The baseline: the same bytes written with write() and synced at close, as
-// the serializer does.
+// The baseline: the same bytes written with write() into a file created as
+// durably as the serializer creates its own, synced at close.
 void BM_PlainWriteLoop4MiBTextures(benchmark::State& state) {
     const auto frame = MakeFrame(4 << 20);
     const std::string path = ScratchDir() + "/plain.bin";
     for (auto _ : state) {
-        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const int fd = kel_bench::CreateDurably(path);
         for (int i = 0; i < kFramesPerRun; ++i) {
             for (const auto& atom : frame) {
                 const auto texture = std::dynamic_pointer_cast<KEL::DataTypeTextureRGBA>(atom->GetAllDataLayers()[0]);
