@@ -212,24 +212,39 @@ TEST(AsyncTargets, StopDiscardsQueuedFramesAndFinishesTheFrameBeingWritten) {
     f.ExpectFileHolds("rec.kel", {0});
 }
 
-// Holds the writing thread when it has claimed its second frame in the queue
-// and not yet taken it; tells when a flush is done.
-struct SecondClaimHooks : KelCommon::NoQueueHooks {
-    static inline std::atomic<int> claims{0};
-    static inline std::atomic<Gate*> claimGate{nullptr};
+// Holds the writing thread the second time it passes one point of the
+// queue's Pull: once it has claimed a frame's slot (before taking the frame),
+// or once it has taken the frame out; tells when a flush is done.
+enum class HoldPoint { kClaimed, kTaken };
+template <HoldPoint At>
+struct SecondPassHooks : KelCommon::NoQueueHooks {
+    static inline std::atomic<int> passes{0};
+    static inline std::atomic<Gate*> gate{nullptr};
     static inline std::atomic<Gate*> flushed{nullptr};
+    static void Hold() {
+        Gate* g = gate.load();
+        if (++passes == 2 && g != nullptr) {
+            g->Pass();
+        }
+    }
     static void AfterFilledSlotTaken() {
-        Gate* gate = claimGate.load();
-        if (++claims == 2 && gate != nullptr) {
-            gate->Pass();
+        if (At == HoldPoint::kClaimed) {
+            Hold();
+        }
+    }
+    static void AfterTaken() {
+        if (At == HoldPoint::kTaken) {
+            Hold();
         }
     }
     static void AfterFlush() {
-        if (Gate* gate = flushed.load()) {
-            gate->Pass();
+        if (Gate* g = flushed.load()) {
+            g->Pass();
         }
     }
 };
+using SecondClaimHooks = SecondPassHooks<HoldPoint::kClaimed>;
+using SecondTakeHooks = SecondPassHooks<HoldPoint::kTaken>;
 
 template <class Hooks>
 class HookedAsyncWriter final : public Kel2File::TargetKEL2FileAsyncWriter<Kel2File::BasicWriter, Hooks> {
@@ -253,8 +268,8 @@ TEST(AsyncTargets, StopLandingWhileTheWriterTakesAFrameWritesNothingAfterIt) {
     SetParam(target, "Drop frames when full", "false");
     Gate claim;
     Gate flushed;
-    SecondClaimHooks::claims = 0;
-    SecondClaimHooks::claimGate = &claim;
+    SecondClaimHooks::passes = 0;
+    SecondClaimHooks::gate = &claim;
     driver.Initialize();
     driver.Play();
     driver.Deliver(frames[0]);
@@ -268,30 +283,11 @@ TEST(AsyncTargets, StopLandingWhileTheWriterTakesAFrameWritesNothingAfterIt) {
     SecondClaimHooks::flushed = nullptr;
     claim.Open();
     stop.Wait();
-    SecondClaimHooks::claimGate = nullptr;
+    SecondClaimHooks::gate = nullptr;
     // Frame 1 was taken after the stop began: it goes with the discarded
     // frames, and frame 2 never takes its place.
     kel_test::ExpectFileHoldsFrames(dir.File("rec.kel"), {frames[0]});
 }
-
-// Holds the writing thread right after it took its second frame out of the
-// queue; tells when a flush is done.
-struct SecondTakeHooks : KelCommon::NoQueueHooks {
-    static inline std::atomic<int> takes{0};
-    static inline std::atomic<Gate*> takeGate{nullptr};
-    static inline std::atomic<Gate*> flushed{nullptr};
-    static void AfterTaken() {
-        Gate* gate = takeGate.load();
-        if (++takes == 2 && gate != nullptr) {
-            gate->Pass();
-        }
-    }
-    static void AfterFlush() {
-        if (Gate* gate = flushed.load()) {
-            gate->Pass();
-        }
-    }
-};
 
 // At a natural end the graph stops the target as soon as the queue is empty,
 // which may be before the writing thread has begun to write the frame it took
@@ -306,8 +302,8 @@ TEST(AsyncTargets, NaturalEndFinishesTheFrameTakenLastWhenTheStopComesFirst) {
     SetParam(target, "Buffer size", "4");
     Gate take;
     Gate flushed;
-    SecondTakeHooks::takes = 0;
-    SecondTakeHooks::takeGate = &take;
+    SecondTakeHooks::passes = 0;
+    SecondTakeHooks::gate = &take;
     driver.Initialize();
     driver.Play();
     driver.Deliver(frames[0]);
@@ -322,7 +318,7 @@ TEST(AsyncTargets, NaturalEndFinishesTheFrameTakenLastWhenTheStopComesFirst) {
     SecondTakeHooks::flushed = nullptr;
     take.Open();
     stop.Wait();
-    SecondTakeHooks::takeGate = nullptr;
+    SecondTakeHooks::gate = nullptr;
     kel_test::ExpectFileHoldsFrames(dir.File("rec.kel"), frames);
 }
 
