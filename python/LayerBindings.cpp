@@ -176,7 +176,7 @@ void BindLayers(py::module_& m) {
         .def_property(
             "distortion",
             [](const KEL::DataTypeCameraParams& c) {
-                return py::array_t<double>(c.distortion.size(), c.distortion.data());
+                return py::array_t<double>(static_cast<py::ssize_t>(c.distortion.size()), c.distortion.data());
             },
             [](KEL::DataTypeCameraParams& c, const std::vector<double>& d) { c.distortion = d; })
         .def_property("pose", &Pose, &SetPose, "The 4x4 pose matrix (a copy; assign to change it).")

@@ -9,6 +9,7 @@
 #include <KEL/Source.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <mutex>
@@ -256,6 +257,7 @@ public:
     std::vector<std::uint16_t> Streams() {
         KEL::ReadKEL2File& r = Reader();
         std::vector<std::uint16_t> ids;
+        ids.reserve(static_cast<std::size_t>(std::max(r.GetNumStreams(), 0)));
         for (int i = 0; i < r.GetNumStreams(); ++i) {
             ids.push_back(r.GetStreamId(i));
         }
@@ -352,7 +354,7 @@ void BindRecording(py::module_& m) {
             "verify",
             [](Recording& r) {
                 KEL::ContainerVerification v;
-                const std::string path = r.Path();
+                const std::string& path = r.Path();
                 {
                     py::gil_scoped_release released;
                     v = KEL::VerifyContainer(path);

@@ -115,7 +115,8 @@ struct ReadKEL2File::Impl {
     }
 
     KelErrorCode Fail(KelErrorCode code, const std::string& reason) {
-        const std::string why = reason;
+        // A copy: `reason` may be lastError itself, which Reset clears.
+        const std::string why = reason;  // NOLINT(performance-unnecessary-copy-initialization)
         Reset();
         lastError = why;
         LogContainer(2, "Cannot open container '%s': %s", path.c_str(), why.c_str());

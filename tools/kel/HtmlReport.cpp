@@ -434,7 +434,9 @@ bool WriteHtmlReport(const std::vector<std::string>& paths, const std::string& o
     std::ostringstream html;
     const std::time_t now = std::time(nullptr);
     char when[64];
-    std::strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S UTC", std::gmtime(&now));
+    std::tm utc{};
+    ::gmtime_r(&now, &utc);
+    std::strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S UTC", &utc);
     html << "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
          << "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
          << "<title>KEL recording report</title>\n<style>" << kStyle << "</style>\n</head>\n<body>\n"
