@@ -18,7 +18,7 @@ build: configure
 
 # Every test of the suite (unit, integration, tool), then the sanitizer and
 # fuzzing stages of scripts/check.sh.
-test: deps
+test:
 	@./scripts/check.sh
 
 demo: build

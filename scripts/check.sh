@@ -95,7 +95,7 @@ run_stage() {
   esac
 }
 
-if ! ./scripts/install-deps.sh; then
+if ! ./scripts/install-deps.sh --test; then
   echo "check: installing the dependencies failed" >&2
   exit 1
 fi

@@ -1,6 +1,10 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the project builds with, only those missing.
-# Runs `apt-get update` once, and only when something has to be installed.
+# Installs the Debian packages the project builds with, only those missing;
+# with --test also those that only the tests use (a browser, Python test
+# libraries). Runs `apt-get update` once, and only when something has to be
+# installed.
+#
+#   scripts/install-deps.sh [--test]
 set -euo pipefail
 
 packages=(
@@ -8,9 +12,11 @@ packages=(
   libboost-filesystem-dev libboost-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libxxhash-dev libpugixml-dev libpng-dev nlohmann-json3-dev libcli11-dev librapidcheck-dev
-  python3 python3-dev pybind11-dev python3-numpy python3-pytest python3-hypothesis
-  python3-html5lib python3-pil chromium
+  python3 python3-dev pybind11-dev python3-numpy
 )
+if [ "${1:-}" = "--test" ]; then
+  packages+=(python3-pytest python3-hypothesis python3-html5lib python3-pil chromium)
+fi
 
 missing=()
 for p in "${packages[@]}"; do
