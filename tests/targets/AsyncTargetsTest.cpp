@@ -243,8 +243,6 @@ struct SecondPassHooks : KelCommon::NoQueueHooks {
         }
     }
 };
-using SecondClaimHooks = SecondPassHooks<HoldPoint::kClaimed>;
-using SecondTakeHooks = SecondPassHooks<HoldPoint::kTaken>;
 
 template <class Hooks>
 class HookedAsyncWriter final : public Kel2File::TargetKEL2FileAsyncWriter<Kel2File::BasicWriter, Hooks> {
@@ -257,69 +255,66 @@ public:
     }
 };
 
-TEST(AsyncTargets, StopLandingWhileTheWriterTakesAFrameWritesNothingAfterIt) {
+// A hooked BasicWriterAsync recording two streams into rec.kel, playing, with
+// the writing thread to be held at the second pass of the hook's point.
+template <HoldPoint At>
+struct HeldWriterRun {
+    using Hooks = SecondPassHooks<At>;
+    explicit HeldWriterRun(std::uint32_t frameCount) : frames(kel_test::MakeCompleteFrames({1, 2}, frameCount)) {
+        SetParam(target, "KEL File Path", dir.File("rec.kel"));
+        SetParam(target, "Enable Recording", "true");
+        SetParam(target, "Buffer size", "4");
+        SetParam(target, "Drop frames when full", "false");
+        Hooks::passes = 0;
+        Hooks::gate = &held;
+        driver.Initialize();
+        driver.Play();
+    }
+    ~HeldWriterRun() { Hooks::gate = nullptr; }
+    // Stops the target; lets the held writing thread go on only once the stop
+    // has begun (its flush is done), and returns when the stop has.
+    void StopThenRelease() {
+        Gate flushed;
+        Hooks::flushed = &flushed;
+        Completion stop([&] { driver.Stop(); });
+        flushed.WaitEntered(1);
+        flushed.Open();
+        Hooks::flushed = nullptr;
+        held.Open();
+        stop.Wait();
+    }
+
     TempDir dir;
-    HookedAsyncWriter<SecondClaimHooks> target;
-    kel_test::DirectDriver driver(target, {1, 2});
-    const Frames frames = kel_test::MakeCompleteFrames({1, 2}, 3);
-    SetParam(target, "KEL File Path", dir.File("rec.kel"));
-    SetParam(target, "Enable Recording", "true");
-    SetParam(target, "Buffer size", "4");
-    SetParam(target, "Drop frames when full", "false");
-    Gate claim;
-    Gate flushed;
-    SecondClaimHooks::passes = 0;
-    SecondClaimHooks::gate = &claim;
-    driver.Initialize();
-    driver.Play();
-    driver.Deliver(frames[0]);
-    driver.Deliver(frames[1]);
-    claim.WaitEntered(1);  // frame 0 is written; the writer has claimed frame 1
-    driver.Deliver(frames[2]);
-    SecondClaimHooks::flushed = &flushed;
-    Completion stop([&] { driver.Stop(); });
-    flushed.WaitEntered(1);  // the stop has begun and discarded what nobody claimed
-    flushed.Open();
-    SecondClaimHooks::flushed = nullptr;
-    claim.Open();
-    stop.Wait();
-    SecondClaimHooks::gate = nullptr;
+    HookedAsyncWriter<Hooks> target;
+    kel_test::DirectDriver driver{target, {1, 2}};
+    Frames frames;
+    Gate held;
+};
+
+TEST(AsyncTargets, StopLandingWhileTheWriterTakesAFrameWritesNothingAfterIt) {
+    HeldWriterRun<HoldPoint::kClaimed> run(3);
+    run.driver.Deliver(run.frames[0]);
+    run.driver.Deliver(run.frames[1]);
+    run.held.WaitEntered(1);  // frame 0 is written; the writer has claimed frame 1
+    run.driver.Deliver(run.frames[2]);
+    run.StopThenRelease();
     // Frame 1 was taken after the stop began: it goes with the discarded
     // frames, and frame 2 never takes its place.
-    kel_test::ExpectFileHoldsFrames(dir.File("rec.kel"), {frames[0]});
+    kel_test::ExpectFileHoldsFrames(run.dir.File("rec.kel"), {run.frames[0]});
 }
 
 // At a natural end the graph stops the target as soon as the queue is empty,
 // which may be before the writing thread has begun to write the frame it took
 // last: that frame is still finished.
 TEST(AsyncTargets, NaturalEndFinishesTheFrameTakenLastWhenTheStopComesFirst) {
-    TempDir dir;
-    HookedAsyncWriter<SecondTakeHooks> target;
-    kel_test::DirectDriver driver(target, {1, 2});
-    const Frames frames = kel_test::MakeCompleteFrames({1, 2}, 2);
-    SetParam(target, "KEL File Path", dir.File("rec.kel"));
-    SetParam(target, "Enable Recording", "true");
-    SetParam(target, "Buffer size", "4");
-    Gate take;
-    Gate flushed;
-    SecondTakeHooks::passes = 0;
-    SecondTakeHooks::gate = &take;
-    driver.Initialize();
-    driver.Play();
-    driver.Deliver(frames[0]);
-    driver.Deliver(frames[1]);
-    take.WaitEntered(1);  // frame 1 is out of the queue, not yet written
-    target.SetInputFinished(true);
-    ASSERT_TRUE(target.IsDone());
-    SecondTakeHooks::flushed = &flushed;
-    Completion stop([&] { driver.Stop(); });
-    flushed.WaitEntered(1);  // the stop has begun
-    flushed.Open();
-    SecondTakeHooks::flushed = nullptr;
-    take.Open();
-    stop.Wait();
-    SecondTakeHooks::gate = nullptr;
-    kel_test::ExpectFileHoldsFrames(dir.File("rec.kel"), frames);
+    HeldWriterRun<HoldPoint::kTaken> run(2);
+    run.driver.Deliver(run.frames[0]);
+    run.driver.Deliver(run.frames[1]);
+    run.held.WaitEntered(1);  // frame 1 is out of the queue, not yet written
+    run.target.SetInputFinished(true);
+    ASSERT_TRUE(run.target.IsDone());
+    run.StopThenRelease();
+    kel_test::ExpectFileHoldsFrames(run.dir.File("rec.kel"), run.frames);
 }
 
 TEST(AsyncTargets, FrameOrderResetDiscardsQueuedAndPartialFrames) {
