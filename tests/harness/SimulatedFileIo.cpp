@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -165,25 +166,9 @@ std::vector<std::uint8_t> TornContent(const Inode& inode, Entropy& e) {
 }  // namespace
 
 const char* OpKindName(OpKind kind) {
-    switch (kind) {
-        case OpKind::kOpen:
-            return "open";
-        case OpKind::kWrite:
-            return "write";
-        case OpKind::kSync:
-            return "fdatasync";
-        case OpKind::kTruncate:
-            return "ftruncate";
-        case OpKind::kClose:
-            return "close";
-        case OpKind::kUnlink:
-            return "unlink";
-        case OpKind::kRename:
-            return "rename";
-        case OpKind::kSyncDir:
-            return "directory sync";
-    }
-    return "?";
+    static constexpr std::array<const char*, 8> kNames{"open",  "write",  "fdatasync", "ftruncate",
+                                                       "close", "unlink", "rename",    "directory sync"};
+    return kNames.at(static_cast<std::size_t>(kind));
 }
 
 SimulatedFileIo::SimulatedFileIo(std::string root, std::vector<Fault> faults)
@@ -207,21 +192,23 @@ const Fault* SimulatedFileIo::NextFault() {
     return nullptr;
 }
 
-void SimulatedFileIo::Record(Op op) { ops_.push_back(std::move(op)); }
+template <typename Call>
+int SimulatedFileIo::Perform(Op op, Call call) {
+    std::lock_guard lock(mutex_);
+    const Fault* f = NextFault();
+    op.result = f != nullptr ? -f->error : call(op);
+    const int result = op.result;
+    ops_.push_back(std::move(op));
+    return result;
+}
 
 int SimulatedFileIo::Open(const std::string& path, int flags, mode_t mode) {
-    std::lock_guard lock(mutex_);
-    Op op = MakeOp(OpKind::kOpen, Relative(path));
-    if (const Fault* f = NextFault()) {
-        op.result = -f->error;
-    } else {
+    return Perform(MakeOp(OpKind::kOpen, Relative(path)), [&](Op& op) {
         const bool existed = std::filesystem::exists(path);
-        op.result = system_.Open(path, flags, mode);
-        op.creates = !existed && op.result >= 0;
-    }
-    const int result = op.result;
-    Record(std::move(op));
-    return result;
+        const int fd = system_.Open(path, flags, mode);
+        op.creates = !existed && fd >= 0;
+        return fd;
+    });
 }
 
 std::int64_t SimulatedFileIo::PWriteV(int fd, const iovec* iov, int count, std::uint64_t offset) {
@@ -229,59 +216,43 @@ std::int64_t SimulatedFileIo::PWriteV(int fd, const iovec* iov, int count, std::
     Op op = MakeOp(OpKind::kWrite);
     op.fd = fd;
     op.offset = offset;
-    std::uint64_t asked = 0;
+    std::uint64_t limit = 0;
     for (int i = 0; i < count; ++i) {
-        asked += iov[i].iov_len;
+        limit += iov[i].iov_len;
     }
-    std::uint64_t limit = asked;
+    std::int64_t n = 0;
     const Fault* f = NextFault();
     if (failNextWrite_ != 0) {
-        op.result = -std::exchange(failNextWrite_, 0);
+        n = -std::exchange(failNextWrite_, 0);
     } else if (f != nullptr && f->mode == Fault::Mode::kError) {
-        op.result = -f->error;
+        n = -f->error;
     } else {
         if (f != nullptr) {
-            limit = std::max<std::uint64_t>(1, asked / 2);
-            if (f->mode == Fault::Mode::kShortWriteThenError) {
-                failNextWrite_ = f->error;
-            }
+            limit = std::max<std::uint64_t>(1, limit / 2);
+            failNextWrite_ = f->mode == Fault::Mode::kShortWriteThenError ? f->error : 0;
         }
         op.data = Gather(iov, count, limit);
         const iovec one{op.data.data(), op.data.size()};
-        const std::int64_t n = system_.PWriteV(fd, &one, 1, offset);
-        op.result = n < 0 ? static_cast<int>(n) : static_cast<int>(std::min<std::int64_t>(n, 1 << 30));
+        n = system_.PWriteV(fd, &one, 1, offset);
         op.data.resize(n < 0 ? 0 : static_cast<std::size_t>(n));
-        Record(std::move(op));
-        return n;
     }
-    const int result = op.result;
-    Record(std::move(op));
-    return result;
+    op.result = static_cast<int>(std::min<std::int64_t>(n, 1 << 30));
+    ops_.push_back(std::move(op));
+    return n;
 }
 
+// Durability is what the recorded operations model: syncs are not performed.
 int SimulatedFileIo::FDataSync(int fd) {
-    std::lock_guard lock(mutex_);
     Op op = MakeOp(OpKind::kSync);
     op.fd = fd;
-    const Fault* f = NextFault();
-    // Durability is what the recorded operations model; the real call would
-    // only cost time.
-    op.result = f != nullptr ? -f->error : 0;
-    const int result = op.result;
-    Record(std::move(op));
-    return result;
+    return Perform(std::move(op), [](Op&) { return 0; });
 }
 
 int SimulatedFileIo::FTruncate(int fd, std::uint64_t size) {
-    std::lock_guard lock(mutex_);
     Op op = MakeOp(OpKind::kTruncate);
     op.fd = fd;
     op.size = size;
-    const Fault* f = NextFault();
-    op.result = f != nullptr ? -f->error : system_.FTruncate(fd, size);
-    const int result = op.result;
-    Record(std::move(op));
-    return result;
+    return Perform(std::move(op), [&](Op&) { return system_.FTruncate(fd, size); });
 }
 
 int SimulatedFileIo::Close(int fd) {
@@ -289,44 +260,26 @@ int SimulatedFileIo::Close(int fd) {
     Op op = MakeOp(OpKind::kClose);
     op.fd = fd;
     const Fault* f = NextFault();
-    // Like Linux: the descriptor is released even when close reports an error.
-    const int closed = system_.Close(fd);
-    op.result = f != nullptr ? -f->error : closed;
-    const int result = op.result;
-    op.result = closed;  // replay releases it in any case
-    Record(std::move(op));
+    // Like Linux: the descriptor is released even when close reports an
+    // error, and so the replay releases it in any case.
+    op.result = system_.Close(fd);
+    const int result = f != nullptr ? -f->error : op.result;
+    ops_.push_back(std::move(op));
     return result;
 }
 
 int SimulatedFileIo::Unlink(const std::string& path) {
-    std::lock_guard lock(mutex_);
-    Op op = MakeOp(OpKind::kUnlink, Relative(path));
-    const Fault* f = NextFault();
-    op.result = f != nullptr ? -f->error : system_.Unlink(path);
-    const int result = op.result;
-    Record(std::move(op));
-    return result;
+    return Perform(MakeOp(OpKind::kUnlink, Relative(path)), [&](Op&) { return system_.Unlink(path); });
 }
 
 int SimulatedFileIo::Rename(const std::string& from, const std::string& to, bool replace) {
-    std::lock_guard lock(mutex_);
     Op op = MakeOp(OpKind::kRename, Relative(from), Relative(to));
     op.replace = replace;
-    const Fault* f = NextFault();
-    op.result = f != nullptr ? -f->error : system_.Rename(from, to, replace);
-    const int result = op.result;
-    Record(std::move(op));
-    return result;
+    return Perform(std::move(op), [&](Op&) { return system_.Rename(from, to, replace); });
 }
 
 int SimulatedFileIo::SyncDirectory(const std::string& dir) {
-    std::lock_guard lock(mutex_);
-    Op op = MakeOp(OpKind::kSyncDir, Relative(dir.empty() ? root_ : dir));
-    const Fault* f = NextFault();
-    op.result = f != nullptr ? -f->error : 0;
-    const int result = op.result;
-    Record(std::move(op));
-    return result;
+    return Perform(MakeOp(OpKind::kSyncDir, Relative(dir.empty() ? root_ : dir)), [](Op&) { return 0; });
 }
 
 std::size_t SimulatedFileIo::OpCount() const {

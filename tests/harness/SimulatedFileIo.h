@@ -70,10 +70,11 @@ public:
 
 private:
     std::string Relative(const std::string& path) const;
-    // Index of the operation about to be recorded, and the fault planned for
-    // it (if any).
+    // The fault planned for the operation about to be recorded, if any.
     const Fault* NextFault();
-    void Record(Op op);
+    // Records `op` with the result of `call(op)`, or of its planned fault.
+    template <typename Call>
+    int Perform(Op op, Call call);
 
     KEL::container::SystemFileIo system_;
     std::string root_;
