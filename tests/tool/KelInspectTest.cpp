@@ -27,51 +27,49 @@ void ExpectFields(const nlohmann::json& actual, const nlohmann::json& expected) 
     }
 }
 
-TEST_F(KelInfo, JsonDescribesStreamsFramesLayersAndThumbnail) {
-    RecordSynthetic(File("rec.kel"), 2, 5, /*thumbnail=*/true, 64, 32);
-    const auto run = Kel({"info", "--json", "rec.kel"});
+// One file described in full; a directory summarised file by file (other
+// files skipped), as JSON and as tables.
+TEST_F(KelInfo, JsonDescribesStreamsFramesLayersAndThumbnailOfAFileOrEveryFileOfADirectory) {
+    RecordSynthetic(File("set/a.kel"), 1, 3);
+    RecordSynthetic(File("set/b.kel"), 2, 5, /*thumbnail=*/true, 64, 32);
+    kel_tool_test::WriteText(File("set/notes.txt"), "not a container");
+    const auto run = Kel({"info", "--json", "set/b.kel"});
     ASSERT_EQ(run.exitCode, 0) << run.err;
     const auto info = nlohmann::json::parse(run.out);
     ExpectFields(info, R"({"ok": true, "atoms": 10, "frames": 5, "hasThumbnail": true})"_json);
-    EXPECT_EQ(info["fileSize"], kel_test::FileSize(File("rec.kel")));
+    EXPECT_EQ(info["fileSize"], kel_test::FileSize(File("set/b.kel")));
     EXPECT_EQ(info["damage"]["indexUsed"], true);
     ASSERT_EQ(info["streams"].size(), 2U);
     for (std::size_t i = 0; i < 2; ++i) {
         const auto& s = info["streams"][i];
-        EXPECT_EQ(s["id"], i);
-        EXPECT_EQ(s["name"], "Camera " + std::to_string(i));
-        ExpectFields(
-            s, R"({"frames": 5, "firstFrameNr": 0, "lastFrameNr": 4, "thumbnail": {"width": 64, "height": 32}})"_json);
+        ExpectFields(s, {{"id", i},
+                         {"name", "Camera " + std::to_string(i)},
+                         {"frames", 5},
+                         {"firstFrameNr", 0},
+                         {"lastFrameNr", 4},
+                         {"thumbnail", {{"width", 64}, {"height", 32}}}});
         // Five frames at 30 fps: the last is stamped 4/30 s after the first.
         EXPECT_EQ(s["lastTimeStamp"].get<std::int64_t>() - s["firstTimeStamp"].get<std::int64_t>(), 133333);
         std::set<std::string> kinds;
         for (const auto& l : s["firstAtomLayers"]) {
             kinds.insert(l["type"].get<std::string>() + "/" + l["purpose"].get<std::string>());
         }
-        for (const char* kind : {"TextureRGBA/PRIMARY_COLOR", "TextureRGBA/THUMBNAIL", "Mesh/DYNAMIC",
-                                 "CameraParams/CAMERA_PRIMARY", "StreamInfo/STATIC"}) {
-            EXPECT_TRUE(kinds.contains(kind)) << kind;
-        }
+        EXPECT_EQ(kinds,
+                  (std::set<std::string>{"TextureRGBA/PRIMARY_COLOR", "TextureRGBA/THUMBNAIL", "Mesh/DYNAMIC",
+                                         "CameraParams/CAMERA_PRIMARY", "StreamInfo/STATIC", "RecordingInfo/STATIC",
+                                         "StaticInfo/STATIC", "Binary/STATIC", "CylinderCrop/CROP"}));
     }
-}
-
-TEST_F(KelInfo, DirectorySummarisesEveryContainerFileAndTablesReportThumbnailAbsence) {
-    RecordSynthetic(File("set/a.kel"), 1, 3);
-    RecordSynthetic(File("set/b.kel"), 2, 4, true);
-    kel_tool_test::WriteText(File("set/notes.txt"), "not a container");
-    const auto run = Kel({"info", "--json", "set"});
-    ASSERT_EQ(run.exitCode, 0) << run.err;
-    const auto info = nlohmann::json::parse(run.out);
-    ASSERT_EQ(info["files"].size(), 2U);
-    EXPECT_EQ(std::filesystem::path(info["files"][0]["path"].get<std::string>()).filename(), "a.kel");
-    ExpectFields(info["files"][0], {{"atoms", 3}, {"hasThumbnail", false}});
-    ExpectFields(info["files"][1], {{"atoms", 8}, {"hasThumbnail", true}});
-    const auto table = Kel({"info", "set"});
-    EXPECT_NE(table.out.find("2 container file(s)"), std::string::npos) << table.out;
-    EXPECT_NE(table.out.find("11 atoms"), std::string::npos) << table.out;
-    const auto single = Kel({"info", "set/a.kel"});
-    EXPECT_NE(single.out.find("thumbnail: no"), std::string::npos) << single.out;
-    EXPECT_NE(single.out.find("3 in 1 stream(s), 3 playable frame(s)"), std::string::npos) << single.out;
+    const auto set = nlohmann::json::parse(Kel({"info", "--json", "set"}).out);
+    ASSERT_EQ(set["files"].size(), 2U);
+    EXPECT_EQ(std::filesystem::path(set["files"][0]["path"].get<std::string>()).filename(), "a.kel");
+    ExpectFields(set["files"][0], {{"atoms", 3}, {"hasThumbnail", false}});
+    ExpectFields(set["files"][1], {{"atoms", 10}, {"hasThumbnail", true}});
+    const auto table = Kel({"info", "set"}).out;
+    EXPECT_NE(table.find("2 container file(s)"), std::string::npos) << table;
+    EXPECT_NE(table.find("13 atoms"), std::string::npos) << table;
+    const auto single = Kel({"info", "set/a.kel"}).out;
+    EXPECT_NE(single.find("thumbnail: no"), std::string::npos) << single;
+    EXPECT_NE(single.find("3 in 1 stream(s), 3 playable frame(s)"), std::string::npos) << single;
 }
 
 // A FIFO would block an open that waits for a writer: every command refuses
@@ -98,73 +96,63 @@ TEST_F(KelVerify, VerdictRecoverableAtomsAndExitCodeFollowTheDamage) {
     const auto reader = kel_tool_test::Open(File("ok.kel"));
     const std::uint64_t recordsEnd =
         KEL::container::kFirstRecordOffset + reader->GetStoredBytes(0) + reader->GetStoredBytes(1);
-    struct Damage {
-        std::string name;
-        std::function<void(const std::string&)> damage;
-        std::string verdict;
-        int recoverable;
-    };
-    const std::vector<Damage> damages{
+    // Name, damage, verdict and the atoms a reader recovers.
+    const std::vector<std::tuple<std::string, std::function<void(const std::string&)>, std::string, int>> damages{
         {"flipped.kel", [&](const std::string& p) { kel_test::FlipByte(p, size / 2); }, "DAMAGED", 7},
         {"unclosed.kel", [&](const std::string& p) { kel_test::TruncateFile(p, recordsEnd); }, "NOT CLOSED", 8},
         {"cut.kel", [&](const std::string& p) { kel_test::TruncateFile(p, recordsEnd - 100); }, "DAMAGED", 7},
         {"headless.kel", [](const std::string& p) { kel_test::ZeroRange(p, 0, 64); }, "DAMAGED", 8},
         {"text.kel", [](const std::string& p) { kel_tool_test::WriteText(p, "not a container"); }, "UNREADABLE", 0}};
-    std::vector<std::string> names;
-    for (const auto& d : damages) {
-        std::filesystem::copy_file(File("ok.kel"), File(d.name));
-        d.damage(File(d.name));
-        names.push_back(d.name);
+    std::vector<std::string> args{"verify", "--json"};
+    for (const auto& [name, damage, verdict, recoverable] : damages) {
+        std::filesystem::copy_file(File("ok.kel"), File(name));
+        damage(File(name));
+        args.push_back(name);
     }
     const auto ok = Kel({"verify", "ok.kel"});
     EXPECT_EQ(ok.exitCode, 0) << ok.out << ok.err;
     EXPECT_NE(ok.out.find("ok.kel: OK"), std::string::npos) << ok.out;
-
-    std::vector<std::string> args{"verify", "--json"};
-    args.insert(args.end(), names.begin(), names.end());
     const auto run = Kel(args);
     EXPECT_EQ(run.exitCode, 1);
     const auto reports = nlohmann::json::parse(run.out);
     ASSERT_EQ(reports.size(), damages.size());
     for (std::size_t i = 0; i < damages.size(); ++i) {
-        SCOPED_TRACE(damages[i].name);
-        ExpectFields(reports[i], {{"path", damages[i].name},
-                                  {"verdict", damages[i].verdict},
-                                  {"intact", false},
-                                  {"recoverableAtoms", damages[i].recoverable}});
-        EXPECT_EQ(reports[i].contains("openError"), damages[i].verdict == "UNREADABLE");
+        const auto& [name, damage, verdict, recoverable] = damages[i];
+        ExpectFields(reports[i],
+                     {{"path", name}, {"verdict", verdict}, {"intact", false}, {"recoverableAtoms", recoverable}});
+        EXPECT_EQ(reports[i].contains("openError"), verdict == "UNREADABLE") << name;
     }
     args.erase(args.begin() + 1);
     const auto text = Kel(args);
     EXPECT_EQ(text.exitCode, 1);
-    for (const auto& d : damages) {
-        EXPECT_NE(text.out.find(d.name + ": " + d.verdict + "\n"), std::string::npos) << text.out;
+    for (const auto& [name, damage, verdict, recoverable] : damages) {
+        EXPECT_NE(text.out.find(name + ": " + verdict + "\n"), std::string::npos) << text.out;
     }
     EXPECT_NE(text.out.find("a reader would recover 7 atom(s)"), std::string::npos) << text.out;
 }
 
-TEST_F(KelThumbnail, WritesTheStoredThumbnailAsPng) {
-    RecordSynthetic(File("rec.kel"), 2, 2, /*thumbnail=*/true, 64, 48);
-    const auto run = Kel({"thumbnail", "rec.kel", "-o", "thumb.png", "--stream", "1"});
+// The stored thumbnail when there is one, else one made from the first
+// frame (512x128 halved); a stream or an output path that is not there fails.
+TEST_F(KelThumbnail, WritesTheStoredThumbnailOrOneMadeFromTheFirstFrameAsPng) {
+    RecordSynthetic(File("stored.kel"), 2, 2, /*thumbnail=*/true, 64, 48);
+    RecordSynthetic(File("made.kel"), 1, 2, /*thumbnail=*/false, 512, 128);
+    KelFails({"thumbnail", "made.kel", "-o", "thumb.png", "--stream", "7"}, 1, "has no stream 7");
+    KelFails({"thumbnail", "made.kel", "-o", "missing/thumb.png"}, 1, "cannot create 'missing/thumb.png'");
+    EXPECT_FALSE(Exists("thumb.png"));
+    const auto run = Kel({"thumbnail", "stored.kel", "-o", "stored.png", "--stream", "1"});
     ASSERT_EQ(run.exitCode, 0) << run.err;
     EXPECT_NE(run.out.find("stored in the file"), std::string::npos) << run.out;
-    const auto png = kel_tool_test::ReadPng(File("thumb.png"));
+    auto png = kel_tool_test::ReadPng(File("stored.png"));
     EXPECT_EQ(png.width, 64U);
     EXPECT_EQ(png.height, 48U);
     // Camera 1's colour bars start with the second bar colour (yellow).
     ASSERT_GE(png.rgba.size(), 4U);
     EXPECT_EQ(std::vector<std::uint8_t>(png.rgba.begin(), png.rgba.begin() + 4),
               (std::vector<std::uint8_t>{255, 255, 0, 255}));
-}
-
-TEST_F(KelThumbnail, MakesOneFromTheFirstFrameWhenNoneIsStoredAndRefusesAnUnknownStream) {
-    RecordSynthetic(File("rec.kel"), 1, 2, /*thumbnail=*/false, 512, 128);
-    KelFails({"thumbnail", "rec.kel", "-o", "thumb.png", "--stream", "7"}, 1, "has no stream 7");
-    EXPECT_FALSE(Exists("thumb.png"));
-    const auto run = Kel({"thumbnail", "rec.kel", "-o", "thumb.png"});
-    ASSERT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_NE(run.out.find("made from the first frame"), std::string::npos) << run.out;
-    const auto png = kel_tool_test::ReadPng(File("thumb.png"));
+    const auto made = Kel({"thumbnail", "made.kel", "-o", "made.png"});
+    ASSERT_EQ(made.exitCode, 0) << made.err;
+    EXPECT_NE(made.out.find("made from the first frame"), std::string::npos) << made.out;
+    png = kel_tool_test::ReadPng(File("made.png"));
     EXPECT_EQ(png.width, 256U);
     EXPECT_EQ(png.height, 64U);
 }

@@ -1,6 +1,7 @@
 #include "ToolTestSupport.h"
 
 #include <KEL/DataTypeStreamInfo.h>
+#include <KEL/PurposeGuids.h>
 #include <fcntl.h>
 #include <png.h>
 #include <sys/resource.h>
@@ -8,21 +9,12 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <fstream>
 #include <map>
-#include <sstream>
 
 namespace kel_tool_test {
 
-namespace {
-
-int ExitCodeOf(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
-
-// Starts `kel` with `args` in `cwd`, its standard output and error going to
-// the files `out` and `err` (/dev/null when empty) and every file it writes
-// capped at `fileSizeLimit` bytes (no cap when 0); returns its process id.
-pid_t Spawn(const std::vector<std::string>& args, const std::string& cwd, const std::string& out,
-            const std::string& err, std::uint64_t fileSizeLimit) {
+KelChild::KelChild(const std::vector<std::string>& args, const std::string& cwd, std::uint64_t fileSizeLimit)
+    : cwd_(cwd) {
     std::vector<std::string> argv{KEL_TOOL_BINARY};
     argv.insert(argv.end(), args.begin(), args.end());
     std::vector<char*> raw;
@@ -30,38 +22,21 @@ pid_t Spawn(const std::vector<std::string>& args, const std::string& cwd, const 
         raw.push_back(a.data());
     }
     raw.push_back(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) {
+    const std::string out = (cwd_ / ".kel-stdout").string();
+    const std::string err = (cwd_ / ".kel-stderr").string();
+    pid_ = fork();
+    if (pid_ == 0) {
         const rlimit limit{fileSizeLimit, fileSizeLimit};
-        const auto openOutput = [](const std::string& path) {
-            return open(path.empty() ? "/dev/null" : path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        };
-        if (dup2(open("/dev/null", O_RDONLY), STDIN_FILENO) < 0 || dup2(openOutput(out), STDOUT_FILENO) < 0 ||
-            dup2(openOutput(err), STDERR_FILENO) < 0 || chdir(cwd.c_str()) != 0 ||
+        const int flags = O_WRONLY | O_CREAT | O_TRUNC;
+        if (dup2(open("/dev/null", O_RDONLY), STDIN_FILENO) < 0 || dup2(open(out.c_str(), flags, 0600), 1) < 0 ||
+            dup2(open(err.c_str(), flags, 0600), 2) < 0 || chdir(cwd.c_str()) != 0 ||
             (fileSizeLimit != 0 && setrlimit(RLIMIT_FSIZE, &limit) != 0)) {
             _exit(127);
         }
         execv(raw[0], raw.data());
         _exit(127);
     }
-    return pid;
 }
-
-}  // namespace
-
-KelRun RunKel(const std::vector<std::string>& args, const std::string& cwd, std::uint64_t fileSizeLimit) {
-    const std::string outFile = (std::filesystem::path(cwd) / ".kel-stdout").string();
-    const std::string errFile = (std::filesystem::path(cwd) / ".kel-stderr").string();
-    int status = 0;
-    const pid_t pid = Spawn(args, cwd, outFile, errFile, fileSizeLimit);
-    const bool exited = pid > 0 && waitpid(pid, &status, 0) == pid;
-    const KelRun run{exited ? ExitCodeOf(status) : -1, ReadText(outFile), ReadText(errFile)};
-    std::filesystem::remove(outFile);
-    std::filesystem::remove(errFile);
-    return run;
-}
-
-KelChild::KelChild(const std::vector<std::string>& args, const std::string& cwd) : pid_(Spawn(args, cwd, "", "", 0)) {}
 
 KelChild::~KelChild() {
     if (pid_ > 0) {
@@ -70,11 +45,15 @@ KelChild::~KelChild() {
     }
 }
 
-int KelChild::Wait() {
+KelRun KelChild::Wait() {
     int status = 0;
-    const bool reaped = pid_ > 0 && waitpid(pid_, &status, 0) == pid_;
+    const bool exited = pid_ > 0 && waitpid(pid_, &status, 0) == pid_ && WIFEXITED(status);
     pid_ = -1;
-    return reaped ? ExitCodeOf(status) : -1;
+    KelRun run{exited ? WEXITSTATUS(status) : -1, ReadText((cwd_ / ".kel-stdout").string()),
+               ReadText((cwd_ / ".kel-stderr").string())};
+    std::filesystem::remove(cwd_ / ".kel-stdout");
+    std::filesystem::remove(cwd_ / ".kel-stderr");
+    return run;
 }
 
 PngImage ReadPng(const std::string& path) {
@@ -92,28 +71,14 @@ PngImage ReadPng(const std::string& path) {
     return png;
 }
 
-std::string ReadText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-void WriteText(const std::string& path, const std::string& text) {
-    std::ofstream out(path, std::ios::binary);
-    out << text;
-    ASSERT_TRUE(out.good()) << path;
-}
-
 std::string FilterJson(const std::string& className, const std::string& name, const std::string& params) {
     return R"({"class": ")" + className + R"(", "name": ")" + name + R"(", "params": {)" + params + "}}";
 }
 
 std::string CamerasJson(std::uint32_t streams, std::uint32_t frames, std::uint32_t width, std::uint32_t height) {
-    std::ostringstream params;
-    params << R"("Streams": )" << streams << R"(, "Frames": )" << frames << R"(, "Width": )" << width
-           << R"(, "Height": )" << height;
-    return FilterJson("SyntheticCaptureSource", "cams", params.str());
+    return FilterJson("SyntheticCaptureSource", "cams",
+                      R"("Streams": )" + std::to_string(streams) + R"(, "Frames": )" + std::to_string(frames) +
+                          R"(, "Width": )" + std::to_string(width) + R"(, "Height": )" + std::to_string(height));
 }
 
 std::string GraphJson(const std::vector<std::string>& filters, const std::string& rest) {
@@ -145,39 +110,30 @@ std::shared_ptr<KEL::ReadKEL2File> Open(const std::string& path) {
     return reader;
 }
 
-std::vector<std::uint16_t> StreamIds(KEL::ReadKEL2File& reader) {
-    std::vector<std::uint16_t> ids;
-    for (int i = 0; i < reader.GetNumStreams(); ++i) {
-        ids.push_back(reader.GetStreamId(i));
-    }
-    return ids;
-}
-
-void ExpectSameStream(KEL::ReadKEL2File& expected, std::uint16_t stream, KEL::ReadKEL2File& actual,
-                      std::uint16_t actualStream) {
+void ExpectSameStreams(KEL::ReadKEL2File& expected, KEL::ReadKEL2File& actual, const std::vector<std::uint16_t>& ids,
+                       bool thumbnail) {
     const auto infoGuid = KEL::DataTypeStreamInfo::TheTypeGuid();
-    ASSERT_EQ(actual.GetNumFrames(actualStream), expected.GetNumFrames(stream));
-    for (std::uint32_t f = 0; f < expected.GetNumFrames(stream); ++f) {
-        const auto a = expected.GetFrameAtom(stream, f);
-        const auto b = actual.GetFrameAtom(actualStream, f);
-        ASSERT_TRUE(a && b) << "frame " << f;
-        const auto info = KEL::LayerCast<KEL::DataTypeStreamInfo>(b->GetDataLayerByType(infoGuid, false));
-        EXPECT_EQ(info != nullptr, f == 0) << "stream information belongs in the first atom only";
-        if (info && f == 0) {
-            EXPECT_EQ(info->GetNumFrames(), actual.GetNumFrames(actualStream));
-        }
-        a->RemoveDataLayers(infoGuid);
-        b->RemoveDataLayers(infoGuid);
-        b->SetStreamId(stream);
-        std::string why;
-        EXPECT_TRUE(kel_test::AtomsEqual(*a, *b, &why)) << "stream " << stream << " frame " << f << ": " << why;
+    std::vector<std::uint16_t> actualIds;
+    for (int i = 0; i < actual.GetNumStreams(); ++i) {
+        actualIds.push_back(actual.GetStreamId(i));
     }
-}
-
-void ExpectSameStreams(KEL::ReadKEL2File& expected, KEL::ReadKEL2File& actual, const std::vector<std::uint16_t>& ids) {
-    ASSERT_EQ(StreamIds(actual), ids);
+    ASSERT_EQ(actualIds, ids);
     for (const std::uint16_t id : ids) {
-        ExpectSameStream(expected, id, actual, id);
+        ASSERT_EQ(actual.GetNumFrames(id), expected.GetNumFrames(id));
+        for (std::uint32_t f = 0; f < expected.GetNumFrames(id); ++f) {
+            const auto a = expected.GetFrameAtom(id, f);
+            const auto b = actual.GetFrameAtom(id, f);
+            ASSERT_TRUE(a && b) << "stream " << id << " frame " << f;
+            const auto info = KEL::LayerCast<KEL::DataTypeStreamInfo>(b->GetDataLayerByType(infoGuid, false));
+            EXPECT_EQ(info != nullptr, f == 0) << "stream information belongs in the first atom only";
+            EXPECT_TRUE(!info || info->GetNumFrames() == actual.GetNumFrames(id));
+            EXPECT_EQ(b->RemoveDataLayers(KEL::PurposeGuid_THUMBNAIL, KEL::DataTypeTextureRGBA::TheTypeGuid()),
+                      thumbnail && f == 0 ? 1U : 0U);
+            a->RemoveDataLayers(infoGuid);
+            b->RemoveDataLayers(infoGuid);
+            std::string why;
+            EXPECT_TRUE(kel_test::AtomsEqual(*a, *b, &why)) << "stream " << id << " frame " << f << ": " << why;
+        }
     }
 }
 
@@ -191,9 +147,7 @@ KelRun KelToolTest::KelFails(const std::vector<std::string>& args, int exitCode,
     KelRun run = Kel(args);
     EXPECT_EQ(run.exitCode, exitCode) << run.out << run.err;
     EXPECT_NE(run.err.find(errFragment), std::string::npos) << run.err;
-    if (exitCode == 2) {
-        EXPECT_EQ(run.out, "");
-    }
+    EXPECT_TRUE(exitCode != 2 || run.out.empty()) << run.out;
     for (const auto& [path, bytes] : before) {
         EXPECT_EQ(kel_test::ReadFileBytes(path), bytes) << path;
     }

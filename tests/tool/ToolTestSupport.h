@@ -21,28 +21,31 @@ struct KelRun {
     std::string err;
 };
 
-// Runs `kel` with `args` in the working directory `cwd` and waits for it to
-// finish. A non-zero `fileSizeLimit` (bytes) caps the size of every file it
-// writes (RLIMIT_FSIZE): writes beyond fail as on a full disk.
-KelRun RunKel(const std::vector<std::string>& args, const std::string& cwd, std::uint64_t fileSizeLimit = 0);
-
-// `kel` with `args` started in `cwd` without waiting (output discarded).
-// Unless Wait() reaped it, the child is killed (SIGKILL) and reaped when the
-// object goes away, so that a test failing half-way leaves no `kel` running.
+// `kel` with `args` started in `cwd`, its standard output and error going to
+// files there. A non-zero `fileSizeLimit` (bytes) caps the size of every file
+// it writes (RLIMIT_FSIZE): writes beyond fail as on a full disk. Unless
+// Wait() reaped it, the child is killed (SIGKILL) and reaped when the object
+// goes away, so that a test failing half-way leaves no `kel` running.
 class KelChild {
 public:
-    KelChild(const std::vector<std::string>& args, const std::string& cwd);
+    KelChild(const std::vector<std::string>& args, const std::string& cwd, std::uint64_t fileSizeLimit = 0);
     ~KelChild();
     KelChild(const KelChild&) = delete;
     KelChild& operator=(const KelChild&) = delete;
 
     int Pid() const { return pid_; }
-    // Waits for the child to end; its exit code, or -1 when it did not exit normally.
-    int Wait();
+    // Waits for the child to end: its exit code (-1 when it did not exit
+    // normally) and what it printed.
+    KelRun Wait();
 
 private:
+    std::filesystem::path cwd_;
     int pid_ = -1;
 };
+
+inline KelRun RunKel(const std::vector<std::string>& args, const std::string& cwd, std::uint64_t fileSizeLimit = 0) {
+    return KelChild(args, cwd, fileSizeLimit).Wait();
+}
 
 // Pieces of graph files for `kel run`: a filter with the JSON text of its
 // parameters; synthetic cameras named "cams"; a graph of `filters` (the
@@ -61,15 +64,13 @@ void RecordSynthetic(const std::string& path, std::uint32_t streams, std::uint32
 // Opens the container at `path`, failing the calling test when it does not open.
 std::shared_ptr<KEL::ReadKEL2File> Open(const std::string& path);
 
-// Every atom of `stream` in `expected` is stored identically in `actual`
-// under `actualStream`, apart from the stream information: a source hands
-// its own (with the frame count it plays) to every stream it reads, so the
-// written file carries that one in each stream's first atom.
-void ExpectSameStream(KEL::ReadKEL2File& expected, std::uint16_t stream, KEL::ReadKEL2File& actual,
-                      std::uint16_t actualStream);
-// `actual` holds exactly the streams `ids` of `expected`, each stored unchanged.
-void ExpectSameStreams(KEL::ReadKEL2File& expected, KEL::ReadKEL2File& actual, const std::vector<std::uint16_t>& ids);
-std::vector<std::uint16_t> StreamIds(KEL::ReadKEL2File& reader);
+// `actual` holds exactly the streams `ids` of `expected`, every atom stored
+// unchanged apart from the stream information: a source hands its own (with
+// the frame count it plays) to every stream it reads, so the written file
+// carries that one in each stream's first atom. With `thumbnail`, that first
+// atom also carries the one thumbnail the writer made.
+void ExpectSameStreams(KEL::ReadKEL2File& expected, KEL::ReadKEL2File& actual, const std::vector<std::uint16_t>& ids,
+                       bool thumbnail = false);
 
 // The image in a PNG file as RGBA, decoded by libpng (empty when the file
 // is not a valid PNG).
@@ -81,8 +82,13 @@ struct PngImage {
 PngImage ReadPng(const std::string& path);
 
 // Writes `text` to `path`; the text of the file at `path`.
-void WriteText(const std::string& path, const std::string& text);
-std::string ReadText(const std::string& path);
+inline void WriteText(const std::string& path, const std::string& text) {
+    kel_test::WriteFileBytes(path, {text.begin(), text.end()});
+}
+inline std::string ReadText(const std::string& path) {
+    const auto bytes = kel_test::ReadFileBytes(path);
+    return {bytes.begin(), bytes.end()};
+}
 
 // A scratch working directory per test, removed afterwards, that `Kel` runs
 // the tool in (relative paths in arguments are inside it).
