@@ -46,6 +46,7 @@ TEST(GraphDescription, MalformedGraphsAreRefusedNamingTheElement) {
              {"{", "not valid JSON"},
              {R"({"filters": []})", "'filters' must be a non-empty array"},
              {R"({"filters": [{"name": "a"}]})", "filters[0]: missing 'class'"},
+             {R"({"filters": [{"class": "C"}]})", "filters[0]: missing 'name'"},
              {R"({"filters": [{"class": "C", "name": "a"}, {"class": "C", "name": "a"}]})",
               "filters[1]: instance name 'a' is used twice"},
              {R"({"filters": [{"class": "C", "name": "a.b"}]})", "must not contain '.'"},

@@ -77,14 +77,13 @@ TEST_F(KelRun, ShippedExamplesRunAndTakeOverrides) {
     EXPECT_FALSE(Exists("recordings/take1.kel"));
     const auto kinds = kel_test::LayerKinds(*kel_tool_test::Open(File("o.kel"))->GetFrameAtom(0, 3));
     EXPECT_TRUE(std::find(kinds.begin(), kinds.end(), "Mesh/DYNAMIC") == kinds.end());
-    // The copy example copies a recording through the asynchronous writer.
+    // The copy example copies a recording through the asynchronous writer
+    // (its options are those KelCopy checks in every combination).
     kel_tool_test::RecordSynthetic(File("rec.kel"), 2, 6);
     const auto copy = Kel({"run", KEL_TOOL_EXAMPLES_DIR "/async-copy.json", "--set", "in.KEL File Path=rec.kel"});
     ASSERT_EQ(copy.exitCode, 0) << copy.err;
-    EXPECT_NE(copy.out.find("out: Dropped frames count = 0"), std::string::npos) << copy.out;
     kel_tool_test::ExpectSameStreams(*kel_tool_test::Open(File("rec.kel")), *kel_tool_test::Open(File("copy.kel")),
                                      {0, 1});
-    EXPECT_TRUE(Exists("copy.kel.xml"));
 }
 
 // Pass numbers count from 0: the press at frame 4 acts in every pass, the one
@@ -149,7 +148,7 @@ TEST_F(KelRun, WriteFailureFailsTheRunAndNamesTheFileForEveryTarget) {
                   GraphJson({CamerasJson(2, 30, 64, 64),
                              FilterJson(target, "rec",
                                         R"("KEL File Path": "full.kel", "Enable Recording": true)" + noDrop)}));
-        const auto run = kel_tool_test::RunKel({"run", "graph.json", "--quiet"}, Cwd(), 64 * 1024);
+        const auto run = kel_tool_test::RunKel({"run", "graph.json", "--quiet"}, Cwd(), std::uint64_t{64} * 1024);
         EXPECT_EQ(run.exitCode, 1) << run.err;
         EXPECT_NE(run.err.find("writing '" + File("full.kel") + "' failed"), std::string::npos) << run.err;
         EXPECT_NE(run.err.find("File too large"), std::string::npos) << run.err;
@@ -181,8 +180,9 @@ TEST_F(KelDemo, RecordsVerifiesAndExportsThumbnails) {
     const auto run = Kel({"demo", "--out", "demo", "--streams", "2", "--frames", "12", "--width", "64", "--height",
                           "48", "--snapshot-at", "3", "--snapshot-frames", "4"});
     ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+    // What capture.kel holds is checked by tests/python/test_kel_module.py on
+    // the demo's recordings.
     for (const std::uint16_t s : {0, 1}) {
-        EXPECT_EQ(Stored("demo/capture.kel", s), Range(0, 11));
         EXPECT_EQ(Stored("demo/merged.kel", s), Range(0, 11));
         EXPECT_EQ(Stored("demo/per-camera/camera_" + std::to_string(s) + ".kel", s), Range(0, 11));
         EXPECT_GT(kel_tool_test::ReadPng(File("demo/thumbnails/camera_" + std::to_string(s) + ".png")).width, 0U);

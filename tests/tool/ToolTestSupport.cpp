@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <map>
 
@@ -17,11 +18,8 @@ KelChild::KelChild(const std::vector<std::string>& args, const std::string& cwd,
     : cwd_(cwd) {
     std::vector<std::string> argv{KEL_TOOL_BINARY};
     argv.insert(argv.end(), args.begin(), args.end());
-    std::vector<char*> raw;
-    for (auto& a : argv) {
-        raw.push_back(a.data());
-    }
-    raw.push_back(nullptr);
+    std::vector<char*> raw(argv.size() + 1, nullptr);
+    std::transform(argv.begin(), argv.end(), raw.begin(), [](std::string& a) { return a.data(); });
     const std::string out = (cwd_ / ".kel-stdout").string();
     const std::string err = (cwd_ / ".kel-stderr").string();
     pid_ = fork();
@@ -113,9 +111,9 @@ std::shared_ptr<KEL::ReadKEL2File> Open(const std::string& path) {
 void ExpectSameStreams(KEL::ReadKEL2File& expected, KEL::ReadKEL2File& actual, const std::vector<std::uint16_t>& ids,
                        bool thumbnail) {
     const auto infoGuid = KEL::DataTypeStreamInfo::TheTypeGuid();
-    std::vector<std::uint16_t> actualIds;
-    for (int i = 0; i < actual.GetNumStreams(); ++i) {
-        actualIds.push_back(actual.GetStreamId(i));
+    std::vector<std::uint16_t> actualIds(static_cast<std::size_t>(actual.GetNumStreams()));
+    for (std::size_t i = 0; i < actualIds.size(); ++i) {
+        actualIds[i] = actual.GetStreamId(static_cast<int>(i));
     }
     ASSERT_EQ(actualIds, ids);
     for (const std::uint16_t id : ids) {
