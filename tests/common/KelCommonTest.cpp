@@ -2,7 +2,6 @@
 #include <KelCommon/Guid.h>
 #include <KelCommon/Logger.h>
 #include <KelCommon/Thread.h>
-#include <KelCommon/VarManager.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,7 +9,6 @@
 #include <atomic>
 #include <cctype>
 #include <chrono>
-#include <cstdlib>
 #include <random>
 #include <regex>
 #include <string>
@@ -61,39 +59,6 @@ TEST(Guid, GeneratedTextsParseExactlyWhenTheyAreWellFormed) {
             EXPECT_NE(std::string(e.what()).find("not a GUID: '" + mutated + "'"), std::string::npos) << e.what();
         }
     }
-}
-
-TEST(VarManager, ExpandsKnownVariablesAndKeepsUnknownOnesVerbatim) {
-    auto& vars = KelCommon::VarManager::getInstance();
-    vars.setVar("TAKE", "take7");
-    vars.setRootValue("/data/root");
-    EXPECT_EQ(vars.translateFromVars("${ROOT}/${TAKE}.kel").str(), "/data/root/take7.kel");
-    EXPECT_EQ(vars.translateFromVars("${NO_SUCH_VARIABLE_X}/a").str(), "${NO_SUCH_VARIABLE_X}/a");
-    EXPECT_EQ(vars.translateFromVars("cost $$5 ${TAKE").str(), "cost $5 ${TAKE");
-    EXPECT_EQ(vars.translateFromVars("${bad name}").str(), "${bad name}");
-    EXPECT_EQ(vars.translateFromVars("plain, 1,,2").str(), "plain, 1,,2");
-    EXPECT_EQ(vars.translateFromVars(nullptr).str(), "");
-    setenv("KEL_TEST_ENV_VAR", "fromenv", 1);
-    EXPECT_EQ(vars.translateFromVars("${KEL_TEST_ENV_VAR}").str(), "fromenv");
-    vars.unsetVar("TAKE");
-    EXPECT_EQ(vars.translateFromVars("${TAKE}").str(), "${TAKE}");
-}
-
-TEST(Logger, SinksSeeEveryLevelAndCaptureIsScoped) {
-    auto logger = KEL::GetKELLoggerInstance().lock();
-    ASSERT_TRUE(logger);
-    {
-        KelCommon::ScopedLogCapture capture;
-        logger->LogMessage(6, "T", "detail %d of '%s'", 7, "x");
-        logger->LogMessage(2, "U", "failure");
-        std::vector<std::string> seen;
-        for (const auto& r : capture.Records()) {
-            seen.push_back(std::to_string(r.level) + " " + r.tag + ": " + r.message);
-        }
-        EXPECT_EQ(seen, (std::vector<std::string>{"6 T: detail 7 of 'x'", "2 U: failure"}));
-    }
-    KelCommon::ScopedLogCapture later;
-    EXPECT_TRUE(later.Records().empty());
 }
 
 TEST(Logger, RemovingASinkWaitsForACallUnderWayOnAnotherThread) {

@@ -1,4 +1,8 @@
-#include <KEL/PurposeGuids.h>
+// How atoms share layers and payloads. Lookups and removals by type, purpose
+// and version, null additions and a copy's own layer list are checked by the
+// optimizer and loosener's generated test, which edits varied atoms through
+// them against a model.
+
 #include <gtest/gtest.h>
 
 #include "support/TestSupport.h"
@@ -9,86 +13,41 @@ using KEL::DataTypeTextureRGBA;
 
 namespace {
 
-const KelCommon::Guid& kInfo = DataTypeStreamInfo::TheTypeGuid();
-const KelCommon::Guid& kTexture = DataTypeTextureRGBA::TheTypeGuid();
-const KelCommon::Guid& kCamera = KEL::DataTypeCameraParams::TheTypeGuid();
-
-// Stream information, a 4x2 texture, a 2x2 thumbnail, camera parameters of
-// versions 1 and 2, in that order.
-std::shared_ptr<Atom> AtomWithLayers() {
-    auto atom = std::make_shared<Atom>(3, 17, 1234);
-    atom->AddDataLayer(std::make_shared<DataTypeStreamInfo>(10, 30.0), true);
-    atom->AddDataLayer(kel_test::MakeTexture(4, 2, 1), true);
-    atom->AddDataLayer(kel_test::MakeTexture(2, 2, 2, KEL::PurposeGuid_THUMBNAIL), true);
-    atom->AddDataLayer(kel_test::MakeCamera(1, 1), true);
-    atom->AddDataLayer(kel_test::MakeCamera(2, 2), true);
-    return atom;
-}
-
 std::shared_ptr<DataTypeStreamInfo> Info(Atom& atom, bool detach) {
-    return KEL::LayerCast<DataTypeStreamInfo>(atom.GetDataLayerByType(kInfo, detach));
+    return KEL::LayerCast<DataTypeStreamInfo>(atom.GetDataLayerByType(DataTypeStreamInfo::TheTypeGuid(), detach));
 }
 
 }  // namespace
 
-TEST(Atom, LookupsFindTheFirstMatchAndRemovalsRemoveExactlyWhatTheyName) {
-    auto atom = AtomWithLayers();
-    EXPECT_EQ(atom->GetDataLayerByType(kCamera, false)->GetVersion(), 1);
-    auto thumb = atom->GetDataLayer(KEL::PurposeGuid_THUMBNAIL, kTexture, false);
-    ASSERT_TRUE(KEL::LayerCast<DataTypeTextureRGBA>(thumb));
-    EXPECT_EQ(KEL::LayerCast<DataTypeTextureRGBA>(thumb)->GetWidth(), 2U);
-    EXPECT_FALSE(KEL::LayerCast<DataTypeStreamInfo>(thumb));
-    EXPECT_FALSE(atom->GetDataLayer(KEL::PurposeGuid_CROP, kTexture, false));
-    EXPECT_EQ(atom->RemoveDataLayers(KEL::PurposeGuid_THUMBNAIL, kTexture), 1U);
-    EXPECT_EQ(atom->RemoveDataLayers(kCamera, [](const auto& l) { return l->GetVersion() < 2; }), 1U);
-    EXPECT_EQ(atom->RemoveDataLayers(kInfo), 1U);
-    EXPECT_EQ(atom->RemoveDataLayers(kInfo), 0U);
-    const auto left = atom->GetAllDataLayers();
-    ASSERT_EQ(left.size(), 2U);
-    EXPECT_EQ(KEL::LayerCast<DataTypeTextureRGBA>(left[0])->GetWidth(), 4U);
-    EXPECT_EQ(left[1]->GetVersion(), 2);
-}
-
-TEST(Atom, LookupWithoutDetachReturnsTheSharedObject) {
-    auto atom = AtomWithLayers();
-    auto copy = Atom::Copy(atom, -1, false);
-    Info(*atom, false)->SetNumFrames(99);
-    EXPECT_EQ(Info(*copy, false)->GetNumFrames(), 99U);
-    Info(*copy, true)->SetNumFrames(5);
-    EXPECT_EQ(Info(*atom, false)->GetNumFrames(), 99U);
-    EXPECT_EQ(Info(*copy, false)->GetNumFrames(), 5U);
-}
-
-TEST(Atom, CopyKeepsTheIdentityAndNeverCopiesPayloadBytes) {
-    auto atom = AtomWithLayers();
-    const auto original = atom->GetDataLayerByType(kTexture, false);
+// Copies share their layers until a lookup detaches one; neither sharing nor
+// cloning copies payload bytes; a layer added without sharing goes in as a clone.
+TEST(Atom, CopyKeepsTheIdentitySharesLayersUntilDetachedAndNeverCopiesPayloadBytes) {
+    auto atom = Atom::Copy(kel_test::MakeFirstAtom(3, 10), 17, false);
+    const auto texture = atom->GetDataLayerByType(DataTypeTextureRGBA::TheTypeGuid(), false);
     for (bool clone : {false, true}) {
         auto copy = Atom::Copy(atom, 5, clone);
         EXPECT_EQ(copy->GetFrameNr(), 5U);
         EXPECT_EQ(copy->GetId(), atom->GetId());
         std::string why;
         EXPECT_TRUE(kel_test::AtomsEqual(*Atom::Copy(copy, 17, false), *atom, &why)) << why;
-        const auto texture = copy->GetDataLayerByType(kTexture, false);
-        EXPECT_EQ(texture == original, !clone);
-        EXPECT_TRUE(KEL::LayerCast<DataTypeTextureRGBA>(texture)->GetPixels().SharesStorageWith(
-            KEL::LayerCast<DataTypeTextureRGBA>(original)->GetPixels()));
-        // The layer list is the copy's own.
-        copy->RemoveDataLayers(kTexture);
-        EXPECT_EQ(atom->GetNumDataLayers(), 5U);
+        const auto copied = copy->GetDataLayerByType(DataTypeTextureRGBA::TheTypeGuid(), false);
+        EXPECT_EQ(copied == texture, !clone);
+        EXPECT_TRUE(KEL::LayerCast<DataTypeTextureRGBA>(copied)->GetPixels().SharesStorageWith(
+            KEL::LayerCast<DataTypeTextureRGBA>(texture)->GetPixels()));
+        Info(*atom, false)->SetNumFrames(99);
+        EXPECT_EQ(Info(*copy, false)->GetNumFrames(), clone ? 10U : 99U);
+        Info(*copy, true)->SetNumFrames(5);
+        EXPECT_EQ(Info(*atom, false)->GetNumFrames(), 99U);
+        EXPECT_EQ(Info(*copy, false)->GetNumFrames(), 5U);
+        Info(*atom, false)->SetNumFrames(10);
     }
-    EXPECT_EQ(atom->GetFrameNr(), 17U);
     EXPECT_EQ(Atom::Copy(atom, -1, true)->GetFrameNr(), 17U);
     EXPECT_FALSE(Atom::Copy(nullptr, -1, true));
     EXPECT_NE(Atom().GetId(), atom->GetId());
-}
-
-TEST(Atom, AddWithoutSharingAddsACloneAndNothingForNull) {
-    Atom atom;
-    auto texture = kel_test::MakeTexture(2, 2, 9);
-    atom.AddDataLayer(texture, false);
-    atom.AddDataLayer(texture, true);
-    atom.AddDataLayer(nullptr, true);
-    const auto layers = atom.GetAllDataLayers();
+    Atom fresh;
+    fresh.AddDataLayer(texture, false);
+    fresh.AddDataLayer(texture, true);
+    const auto layers = fresh.GetAllDataLayers();
     ASSERT_EQ(layers.size(), 2U);
     EXPECT_NE(layers[0], texture);
     EXPECT_TRUE(layers[0]->ContentEquals(*texture));

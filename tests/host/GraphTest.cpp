@@ -1,17 +1,177 @@
+// The graph and the filter base, driven with small source and target filters
+// of the test's own. Every hook appends a line to a shared EventLog
+// ("src.onPlay@4", "tgt.frame 1:2@5"; the number after "@" is the filter's
+// state inside the hook), so a test can assert the exact order in which the
+// graph called them, and can wait on the log for an event that happens on
+// another thread.
+
+#include <KEL/Graph.h>
+#include <KEL/Target.h>
+#include <KelCommon/Logger.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <numeric>
+#include <optional>
 #include <random>
+#include <stdexcept>
+#include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
-#include "host/RecordingFilters.h"
+#include "support/TestSupport.h"
 
 namespace {
 
-using kel_test::EventLog;
-using kel_test::HookFault;
-using kel_test::TestSource;
-using kel_test::TestTarget;
+class EventLog {
+public:
+    void Add(const std::string& event) {
+        std::lock_guard lock(mutex_);
+        events_.push_back(event);
+        changed_.notify_all();
+    }
+    std::vector<std::string> Events() const {
+        std::lock_guard lock(mutex_);
+        return events_;
+    }
+    std::size_t Count(const std::string& event) const {
+        const auto events = Events();
+        return static_cast<std::size_t>(std::count(events.begin(), events.end(), event));
+    }
+    // Blocks until `event` has been logged `times` times.
+    void WaitFor(const std::string& event, std::size_t times = 1) const {
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock,
+                      [&] { return std::cmp_greater_equal(std::count(events_.begin(), events_.end(), event), times); });
+    }
+
+private:
+    mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
+    std::vector<std::string> events_;
+};
+
+// Makes a test filter fail in one hook: return `code` through ReportError,
+// or throw; with code KEL_OK it asks the graph to stop instead. Per-frame
+// hooks fail at `frame` only.
+struct HookFault {
+    std::string hook;
+    std::uint32_t frame = 0;
+    bool throws = false;
+    KEL::KelErrorCode code = KEL::KEL_ERR_INVALID;
+    std::string message = "injected failure";
+};
+
+template <typename Base>
+class RecordingFilter : public Base {
+public:
+    template <typename... Args>
+    RecordingFilter(std::string tag, std::shared_ptr<EventLog> log, Args&&... args)
+        : Base(std::forward<Args>(args)...), tag_(std::move(tag)), log_(std::move(log)) {}
+    ~RecordingFilter() override { Record("destroyed"); }
+
+    KelCommon::Guid TypeGuid() const override { return {}; }
+    KEL::FilterClassInfo GetFilterClassInfo() const override {
+        return {"RecordingFilter", KEL::FILTER_CATEGORY_UNKNOWN};
+    }
+    KEL::KelErrorCode onInitializeParams(KEL::Filter*) override { return Hook("onInitializeParams"); }
+    KEL::KelErrorCode onInitialize(KEL::Filter*) override { return Hook("onInitialize"); }
+    KEL::KelErrorCode onDeInitialize() override { return Hook("onDeInitialize"); }
+    KEL::KelErrorCode onPlay() override { return Hook("onPlay"); }
+    KEL::KelErrorCode onPause() override { return Hook("onPause"); }
+    KEL::KelErrorCode onStop() override { return Hook("onStop"); }
+
+    std::optional<HookFault> fault;
+
+protected:
+    void Record(const std::string& what) { log_->Add(tag_ + "." + what); }
+    KEL::KelErrorCode Hook(const std::string& hook) {
+        Record(hook + "@" + std::to_string(this->GetFilterState()));
+        return MaybeFail(hook);
+    }
+    KEL::KelErrorCode MaybeFail(const std::string& hook, std::optional<std::uint32_t> frame = std::nullopt) {
+        if (!fault || fault->hook != hook || (frame && *frame != fault->frame)) {
+            return KEL::KEL_OK;
+        }
+        if (fault->throws) {
+            throw std::runtime_error(fault->message);
+        }
+        if (fault->code == KEL::KEL_OK) {
+            this->ForceGraphStop();
+            return KEL::KEL_OK;
+        }
+        return this->ReportError(fault->code, fault->message.c_str());
+    }
+
+private:
+    std::string tag_;
+    std::shared_ptr<EventLog> log_;
+};
+
+// Pushes one MakeFrameAtom per stream for each frame it does not refuse.
+// Without a frame count it has no stream information.
+class TestSource : public RecordingFilter<KEL::Source> {
+public:
+    TestSource(std::string tag, std::shared_ptr<EventLog> log, std::uint32_t numStreams,
+               std::optional<std::uint32_t> numFrames)
+        : RecordingFilter(std::move(tag), std::move(log)), numStreams_(numStreams), numFrames_(numFrames) {}
+
+    std::function<bool(std::uint32_t frameNr)> refuses = [](std::uint32_t) { return false; };
+
+    std::shared_ptr<KEL::DataTypeStreamInfo> GetStreamInfo() override {
+        return numFrames_ ? std::make_shared<KEL::DataTypeStreamInfo>(*numFrames_, 30.0, "test") : nullptr;
+    }
+    std::uint32_t GetOutputNumStreams() override { return numStreams_; }
+    std::vector<std::uint32_t> GetStreamIds() override {
+        std::vector<std::uint32_t> ids(numStreams_);
+        std::iota(ids.begin(), ids.end(), 0U);
+        return ids;
+    }
+    KEL::KelErrorCode pushDataToOutput(std::uint32_t frameNr) override {
+        Record("push " + std::to_string(frameNr));
+        for (std::uint32_t s = 0; s < numStreams_; ++s) {
+            pushToOutputQueue(kel_test::MakeFrameAtom(static_cast<std::uint16_t>(s), frameNr));
+        }
+        // A reader that fails to read an atom may queue nothing for it: the
+        // queue must drop it rather than hand a null atom to the targets.
+        pushToOutputQueue(nullptr);
+        const auto code = MaybeFail("pushDataToOutput", frameNr);
+        return code != KEL::KEL_OK || !refuses(frameNr) ? code : 1;
+    }
+
+private:
+    std::uint32_t numStreams_;
+    std::optional<std::uint32_t> numFrames_;
+};
+
+// Logs every atom ("tag.frame <stream>:<frame>@<state>"), every update
+// ("tag.post") and every frame-order reset ("tag.reset").
+class TestTarget : public RecordingFilter<KEL::Target>, public KEL::IFrameOrderResetListener {
+public:
+    TestTarget(std::string tag, std::shared_ptr<EventLog> log, bool acceptsAllStreams = true)
+        : RecordingFilter(std::move(tag), std::move(log), acceptsAllStreams) {}
+
+    std::function<bool()> done;
+
+    KEL::KelErrorCode onProcessFrame(std::shared_ptr<KEL::Atom> atom) override {
+        Record("frame " + std::to_string(atom->GetStreamId()) + ":" + std::to_string(atom->GetFrameNr()) + "@" +
+               std::to_string(GetFilterState()));
+        return MaybeFail("onProcessFrame", atom->GetFrameNr());
+    }
+    KEL::KelErrorCode onPostUpdate() override {
+        Record("post");
+        return MaybeFail("onPostUpdate");
+    }
+    void OnFrameOrderReset() override { Record("reset"); }
+
+    // Done when its input is finished and `done` (if set) says so.
+    bool IsDone() override { return KEL::Target::IsDone() && (!done || done()); }
+};
 
 class GraphTest : public ::testing::Test {
 protected:
@@ -69,12 +229,9 @@ protected:
 // first, so that they may still refer to their source.
 TEST_F(GraphTest, HooksRunInLifeCycleOrderInTheirStates) {
     Build(2, 2);
-    std::vector<int> statesSeen;
-    tgt->onFrame = [&](TestTarget& t, std::uint32_t) { statesSeen.push_back(t.GetFilterState()); };
     const auto result = InitializeAndRun();
     EXPECT_EQ(Summary(result), "code 0, 2 delivered, 0 skipped") << result.message;
     EXPECT_EQ(tgt->GetInputStreamIds(), (std::vector<std::uint32_t>{0, 1}));
-    EXPECT_EQ(statesSeen, std::vector<int>(4, KEL::FILTER_STATE_PLAYING));
     EXPECT_EQ(tgt->GetFilterState(), KEL::FILTER_STATE_INITIALIZED);
     graph->DeInitialize();
     EXPECT_EQ(src->GetFilterState(), KEL::FILTER_STATE_PARAMS_READY);
@@ -83,8 +240,8 @@ TEST_F(GraphTest, HooksRunInLifeCycleOrderInTheirStates) {
     graph.reset();
     EXPECT_EQ(Events({""}),
               "src.onInitializeParams@0, tgt.onInitializeParams@0, src.onInitialize@2, tgt.onInitialize@2, "
-              "tgt.onPlay@4, src.onPlay@4, src.push 0, tgt.frame 0:0, tgt.frame 1:0, tgt.post, src.push 1, "
-              "tgt.frame 0:1, tgt.frame 1:1, tgt.post, src.onStop@7, tgt.onStop@7, tgt.onDeInitialize@4, "
+              "tgt.onPlay@4, src.onPlay@4, src.push 0, tgt.frame 0:0@5, tgt.frame 1:0@5, tgt.post, src.push 1, "
+              "tgt.frame 0:1@5, tgt.frame 1:1@5, tgt.post, src.onStop@7, tgt.onStop@7, tgt.onDeInitialize@4, "
               "src.onDeInitialize@4, src.onInitialize@2, tgt.onInitialize@2, tgt.onDeInitialize@4, "
               "src.onDeInitialize@4, tgt.destroyed, src.destroyed");
 }
@@ -130,7 +287,7 @@ TEST_F(GraphTest, GeneratedRunsDeliverTheFramesTheOptionsSelect) {
                 expectedAsked.emplace_back(f, ok);
                 skips = ok ? 0 : skips + 1;
                 if (ok) {
-                    expect("tgt.frame 0:" + std::to_string(f));
+                    expect("tgt.frame 0:" + std::to_string(f) + "@5");
                     ++delivered;
                 } else if (!end && skips >= options.maxConsecutiveSkips) {
                     break;
@@ -151,94 +308,84 @@ TEST_F(GraphTest, GeneratedRunsDeliverTheFramesTheOptionsSelect) {
     }
 }
 
-// Play order is the targets in connection order, then the source. A failure
-// stops exactly the filters whose onPlay succeeded and asks for no further
-// frame; `frame` is the frame the fault hits, and so the frames delivered.
-TEST_F(GraphTest, FailingOrThrowingHookEndsTheRunNamingTheFilterAndStopsWhatStarted) {
+// A hook of one of the filters fails (through ReportError) or throws, a
+// target asks the graph to stop, or the afterFrame callback throws.
+// Initialisation goes source first, then the targets in connection order,
+// and de-initialises, last first, the filters it initialised. Play goes the
+// other way round; a run stops exactly the filters whose onPlay succeeded,
+// asks for no further frame and leaves the graph ready for the next run.
+// `frame` is the frame the fault hits: a stop or a callback comes once that
+// frame is delivered, the other faults before.
+TEST_F(GraphTest, AFaultEndsInitialisationOrTheRunNamingTheFilterAndUndoingWhatStarted) {
     const std::vector<std::string> playOrder = {"first", "second", "src"};
     struct Case {
         std::size_t filter;  // in play order
         std::string hook;
         std::uint32_t frame;
     };
-    for (const Case& c : {Case{0, "onPlay", 0}, Case{1, "onPlay", 0}, Case{2, "onPlay", 0},
-                          Case{2, "pushDataToOutput", 2}, Case{1, "onProcessFrame", 1}, Case{0, "onPostUpdate", 0}}) {
+    for (const Case& c :
+         {Case{2, "onInitialize", 0}, Case{1, "onInitialize", 0}, Case{0, "onPlay", 0}, Case{1, "onPlay", 0},
+          Case{2, "onPlay", 0}, Case{2, "pushDataToOutput", 2}, Case{1, "onProcessFrame", 1},
+          Case{0, "onPostUpdate", 0}, Case{0, "stop", 1}, Case{0, "afterFrame", 2}}) {
         for (const bool throws : {false, true}) {
-            if (c.hook == "pushDataToOutput" && !throws) {
-                continue;  // a source's non-zero return refuses the frame; it does not fail the run
+            // A source's non-zero return refuses the frame rather than failing the run;
+            // a callback can only throw, and a stop cannot.
+            if (throws ? c.hook == "stop" : c.hook == "pushDataToOutput" || c.hook == "afterFrame") {
+                continue;
             }
             SCOPED_TRACE(playOrder[c.filter] + "." + c.hook + (throws ? " throws" : " fails"));
             Build(1, 5, {"first", "second"});
             auto* second = static_cast<TestTarget*>(graph->FindFilter("second"));
             std::optional<HookFault>* faults[] = {&tgt->fault, &second->fault, &src->fault};
-            *faults[c.filter] = HookFault{c.hook, c.frame, throws, KEL::KEL_ERR_DISK_FULL, "no space for " + c.hook};
-            const auto result = InitializeAndRun();
-            const std::string instance = c.filter == 2 ? "source" : playOrder[c.filter];
-            EXPECT_EQ(Summary(result),
-                      Summary({throws ? KEL::KEL_ERR_EXCEPTION : KEL::KEL_ERR_DISK_FULL, "", "", c.frame}));
-            EXPECT_EQ(result.failedFilter, instance);
-            for (const auto& part : {"'" + instance + "'", c.hook, "no space for " + c.hook}) {
+            const bool stop = c.hook == "stop";
+            const auto code = stop ? KEL::KEL_OK : throws ? KEL::KEL_ERR_EXCEPTION : KEL::KEL_ERR_DISK_FULL;
+            *faults[c.filter] = HookFault{stop ? "onProcessFrame" : c.hook, c.frame, throws, code, "no space"};
+            KEL::RunOptions options;
+            options.afterFrame = [&](KEL::Graph&, std::uint32_t f, bool) {
+                if (c.hook == "afterFrame" && f == c.frame) {
+                    throw std::runtime_error("no space");
+                }
+            };
+            const bool atInit = c.hook == "onInitialize";
+            const bool afterTheFrame = stop || c.hook == "afterFrame";
+            const std::string instance = afterTheFrame ? "" : c.filter == 2 ? "source" : playOrder[c.filter];
+            std::string error;
+            const auto result =
+                atInit ? KEL::RunResult{graph->Initialize(&error), error, ""} : InitializeAndRun(options);
+            EXPECT_EQ(Summary(result), Summary({code, "", "", c.frame + (afterTheFrame ? 1U : 0U), 0, stop}));
+            EXPECT_EQ(result.failedFilter, atInit ? "" : instance);
+            EXPECT_EQ(result.message.empty(), stop) << result.message;
+            for (const auto& part : {instance.empty() ? "" : "'" + instance + "'", std::string(stop ? "" : "no space"),
+                                     atInit && !throws ? ""
+                                     : stop            ? ""
+                                                       : c.hook}) {
                 EXPECT_NE(result.message.find(part), std::string::npos) << result.message;
             }
-            const bool atPlay = c.hook == "onPlay";
+            std::string undone;  // initialisation of the filters before the faulty one, last first
             for (std::size_t i = 0; i < playOrder.size(); ++i) {
-                EXPECT_EQ(log->Count(playOrder[i] + ".onStop@7"), !atPlay || i < c.filter ? 1U : 0U) << i;
+                const std::size_t k = atInit ? (c.filter + 2 - i) % 3 : i;
+                const bool started = atInit ? i < (c.filter + 1) % 3 : c.hook != "onPlay" || i < c.filter;
+                undone += atInit && started ? (undone.empty() ? "" : ", ") + playOrder[k] + ".onDeInitialize@4" : "";
+                EXPECT_EQ(log->Count(playOrder[k] + ".onStop@7"), started && !atInit ? 1U : 0U) << playOrder[k];
             }
-            EXPECT_EQ(log->Count("src.push " + std::to_string(atPlay ? 0 : c.frame)), atPlay ? 0U : 1U);
+            EXPECT_EQ(Events({"first.onDe", "second.onDe", "src.onDe"}), undone);
             EXPECT_EQ(log->Count("src.push " + std::to_string(c.frame + 1)), 0U);
+            if (atInit) {
+                for (std::size_t i = 0; i < playOrder.size(); ++i) {
+                    EXPECT_EQ(graph->GetFilters()[i]->GetFilterState(),
+                              i == (c.filter + 1) % 3 ? KEL::FILTER_STATE_FAILED : KEL::FILTER_STATE_PARAMS_READY);
+                }
+                EXPECT_EQ(graph->Run().code, KEL::KEL_ERR_GRAPH);
+                continue;
+            }
+            EXPECT_EQ(log->Count("src.push " + std::to_string(c.frame)), c.hook == "onPlay" ? 0U : 1U);
             for (auto* filter : graph->GetFilters()) {
                 EXPECT_EQ(filter->GetFilterState(), KEL::FILTER_STATE_INITIALIZED);
             }
-            // A failed run leaves the graph ready for the next one.
             faults[c.filter]->reset();
             EXPECT_TRUE(graph->Run().Ok());
         }
     }
-}
-
-// Initialisation runs the source first, then the targets.
-TEST_F(GraphTest, FailedInitializeLeavesTheFilterFailedAndDeInitialisesThoseBefore) {
-    for (const bool sourceFails : {true, false}) {
-        for (const bool throws : {false, true}) {
-            SCOPED_TRACE(std::string(sourceFails ? "source" : "target") + (throws ? " throws" : " fails"));
-            Build(1, 3);
-            (sourceFails ? src->fault : tgt->fault) = HookFault{"onInitialize", 0, throws, KEL::KEL_ERR_IO, "bad path"};
-            std::string error;
-            EXPECT_EQ(graph->Initialize(&error), throws ? KEL::KEL_ERR_EXCEPTION : KEL::KEL_ERR_IO);
-            EXPECT_NE(error.find(sourceFails ? "'source'" : "'target'"), std::string::npos) << error;
-            EXPECT_NE(error.find("bad path"), std::string::npos) << error;
-            EXPECT_EQ(src->GetFilterState(), sourceFails ? KEL::FILTER_STATE_FAILED : KEL::FILTER_STATE_PARAMS_READY);
-            EXPECT_EQ(tgt->GetFilterState(), sourceFails ? KEL::FILTER_STATE_PARAMS_READY : KEL::FILTER_STATE_FAILED);
-            EXPECT_EQ(Events({"src.onDeInitialize", "tgt.onInitialize@"}),
-                      sourceFails ? "" : "tgt.onInitialize@2, src.onDeInitialize@4");
-            EXPECT_EQ(graph->Run().code, KEL::KEL_ERR_GRAPH);
-        }
-    }
-}
-
-// A target's ForceGraphStop and a throwing callback both end the run after
-// the frame under way, stopping the filters.
-TEST_F(GraphTest, ForceGraphStopOrAThrowingCallbackEndsTheRunAfterTheFrame) {
-    Build(1, 10);
-    tgt->onFrame = [](TestTarget& t, std::uint32_t f) {
-        if (f == 1) {
-            t.ForceGraphStop();
-        }
-    };
-    const auto result = InitializeAndRun();
-    EXPECT_EQ(Summary(result), "code 0, 2 delivered, 0 skipped, stopped early") << result.message;
-    tgt->onFrame = nullptr;
-    KEL::RunOptions options;
-    options.afterFrame = [](KEL::Graph&, std::uint32_t f, bool) {
-        if (f == 2) {
-            throw std::runtime_error("script error");
-        }
-    };
-    const auto thrown = graph->Run(options);
-    EXPECT_EQ(Summary(thrown), "code " + std::to_string(KEL::KEL_ERR_EXCEPTION) + ", 3 delivered, 0 skipped");
-    EXPECT_NE(thrown.message.find("script error"), std::string::npos) << thrown.message;
-    EXPECT_EQ(log->Count("src.push 3"), 0U);
-    EXPECT_EQ(log->Count("tgt.onStop@7"), 2U);
 }
 
 TEST_F(GraphTest, NaturalEndWaitsUntilTargetIsDoneOrTheTimeoutPasses) {
@@ -358,11 +505,31 @@ TEST_F(GraphTest, DestroyingTheGraphWhileItRunsElsewhereStopsTheRunFirst) {
     ASSERT_EQ(graph->Initialize(&error), KEL::KEL_OK) << error;
     KEL::RunResult result;
     std::thread runner([&, running = graph.get()] { result = running->Run(); });
-    log->WaitFor("tgt.frame 0:3");
+    log->WaitFor("tgt.frame 0:3@5");
     graph.reset();
     runner.join();
     EXPECT_TRUE(result.Ok() && result.stoppedEarly) << Summary(result) << ": " << result.message;
     EXPECT_EQ(Events({"tgt.onStop", "tgt.onDe", "tgt.destroyed"}), "tgt.onStop@7, tgt.onDeInitialize@4, tgt.destroyed");
+}
+
+// Outside a graph: errors are kept and logged under the instance name, or the
+// class name without one, and a stop has nothing to stop.
+TEST(Filter, ReportErrorKeepsTheErrorAndLogsItUnderTheInstanceOrClassName) {
+    for (const std::string instance : {"writer", ""}) {
+        KelCommon::ScopedLogCapture capture;
+        TestTarget filter("t", std::make_shared<EventLog>());
+        filter.SetInstanceName(instance);
+        EXPECT_EQ(filter.ReportError(KEL::KEL_ERR_INVALID, "KEL File Path is empty"), KEL::KEL_ERR_INVALID);
+        EXPECT_EQ(filter.ReportError(KEL::KEL_ERR_IO, nullptr), KEL::KEL_ERR_IO);
+        EXPECT_EQ(filter.GetLastErrorCode(), KEL::KEL_ERR_IO);
+        EXPECT_EQ(filter.GetLastErrorMessage(), "");
+        const auto records = capture.Records();
+        ASSERT_EQ(records.size(), 2U);
+        EXPECT_EQ(records[0].level, 2);
+        EXPECT_EQ(records[0].tag, instance.empty() ? "RecordingFilter" : instance);
+        EXPECT_EQ(records[0].message, "KEL File Path is empty");
+        filter.ForceGraphStop();
+    }
 }
 
 }  // namespace
