@@ -14,12 +14,12 @@ namespace {
 
 using KelReport = kel_tool_test::KelToolTest;
 using KelExport = kel_tool_test::KelToolTest;
+using kel_tool_test::Contains;
 using kel_tool_test::ReadText;
 
-constexpr std::int64_t kInterval = 40'000;  // 25 frames a second
-
-// Three streams of 20 frames: 0 with images and no gap, 1 with images and
-// frames 8 to 12 missing (five dropped), 2 with a binary blob and no image.
+// Three streams of 20 frames at 25 a second: 0 with images and no gap, 1
+// with images and frames 8 to 12 missing (five dropped), 2 with a binary
+// blob and no image.
 void WriteTake(const std::string& path) {
     KEL::SerializeToKel writer(path.c_str(), true, KEL::CURRENT_VERSION, false);
     ASSERT_EQ(writer.GetOpenResult(), KEL::KEL_OK);
@@ -28,7 +28,7 @@ void WriteTake(const std::string& path) {
             if (s == 1 && f >= 8 && f <= 12) {
                 continue;
             }
-            auto atom = std::make_shared<KEL::Atom>(s, f, 5'000'000 + f * kInterval);
+            auto atom = std::make_shared<KEL::Atom>(s, f, 5'000'000 + f * 40'000);
             if (s == 2) {
                 atom->AddDataLayer(std::make_shared<KEL::DataTypeBinary>("blob", kel_test::PatternBuffer(32, f)), true);
             } else {
@@ -58,30 +58,25 @@ TEST_F(KelReport, ShowsSampledFramesAndDroppedFramesPerStreamAndEachFileOfADirec
     ASSERT_EQ(one.exitCode, 0) << one.err;
     std::string html = ReadText(File("one.html"));
     EXPECT_EQ(Occurrences(html, "<img src=\"data:image/png;base64,"), 12);  // six frames of each image stream
-    EXPECT_NE(html.find("stream 0: 20 frame(s), 0 dropped"), std::string::npos);
-    EXPECT_NE(html.find("stream 1: 15 frame(s), 5 dropped"), std::string::npos);
-    EXPECT_NE(html.find("5 frame(s) missing between 0.280 s and 0.520 s"), std::string::npos);
-    EXPECT_NE(html.find("This stream holds no images."), std::string::npos);
-    EXPECT_NE(html.find("alt=\"stream 1 frame 19\""), std::string::npos);
+    EXPECT_TRUE(Contains(html, {"stream 0: 20 frame(s), 0 dropped", "stream 1: 15 frame(s), 5 dropped",
+                                "5 frame(s) missing between 0.280 s and 0.520 s", "This stream holds no images.",
+                                "alt=\"stream 1 frame 19\""}));
     // take2 loses its index and footer, as when its writer dies at the end.
     kel_test::TruncateFile(File("takes/take2.kel"), kel_test::FileSize(File("takes/take2.kel")) - 100);
     kel_tool_test::WriteText(File("takes/broken.kel"), "not a container");
-    const auto run = Kel({"report", "takes", "-o", "report.html"});
-    EXPECT_EQ(run.exitCode, 1);  // the page is written; one file could not be opened
-    EXPECT_NE(run.err.find("1 file(s) could not be opened"), std::string::npos) << run.err;
+    // The page is written, yet the run fails: one file could not be opened.
+    KelFails({"report", "takes", "-o", "report.html"}, 1, "1 file(s) could not be opened");
     html = ReadText(File("report.html"));
     const std::size_t broken = html.find("<h2>broken.kel</h2>");
     const std::size_t take10 = html.find("<h2>take10.kel</h2>");
     const std::size_t take2 = html.find("<h2>take2.kel</h2>");
-    ASSERT_NE(broken, std::string::npos);
-    ASSERT_NE(take2, std::string::npos);
-    EXPECT_LT(broken, take10);  // byte order of the paths, as the sequential source plays them
-    EXPECT_LT(take10, take2);
-    EXPECT_NE(html.find("Cannot open:"), std::string::npos);
+    // In byte order of the paths, as the sequential source plays them.
+    ASSERT_TRUE(broken < take10 && take10 < take2 && take2 != std::string::npos)
+        << broken << ' ' << take10 << ' ' << take2;
+    EXPECT_TRUE(Contains(html, {"Cannot open:"}));
     EXPECT_EQ(Occurrences(html, "<svg "), 6);
-    const std::string take2Section = html.substr(take2);
-    EXPECT_NE(take2Section.find("no: its writer is still writing or died"), std::string::npos);
-    EXPECT_NE(take2Section.find("of an incomplete last record"), std::string::npos);
+    EXPECT_TRUE(
+        Contains(html.substr(take2), {"no: its writer is still writing or died", "of an incomplete last record"}));
     EXPECT_EQ(html.substr(take10, take2 - take10).find("incomplete"), std::string::npos);
 }
 
@@ -104,8 +99,7 @@ TEST_F(KelExport, WritesTheSelectedFramesAsPngsOfTheStoredPixelsAndOnlyOfImages)
         const auto texture = KEL::LayerCast<KEL::DataTypeTextureRGBA>(
             reader->GetFrameAtom(1, nr)->GetDataLayerByType(KEL::DataTypeTextureRGBA::TheTypeGuid(), false));
         ASSERT_TRUE(texture);
-        EXPECT_EQ(png.width, texture->GetWidth());
-        EXPECT_EQ(png.height, texture->GetHeight());
+        EXPECT_EQ(std::pair(png.width, png.height), std::pair(texture->GetWidth(), texture->GetHeight()));
         EXPECT_TRUE(std::equal(png.rgba.begin(), png.rgba.end(), texture->GetPixels().data())) << nr;
     }
 }

@@ -13,8 +13,7 @@
 
 namespace {
 
-using kel_tool_test::CamerasJson;
-using kel_tool_test::FilterJson;
+using kel_tool_test::Contains;
 using kel_tool_test::GraphJson;
 using kel_tool_test::WriteText;
 using Frames = std::vector<std::uint32_t>;
@@ -38,9 +37,8 @@ protected:
         const auto numbers = reader->GetFrameNumbers(stream);
         Frames frames;
         for (std::uint32_t i = 0; i < numbers.size(); ++i) {
-            EXPECT_EQ(numbers[i], i) << name;
             const auto atom = reader->GetFrameAtom(stream, numbers[i]);
-            EXPECT_TRUE(atom) << name << " frame " << i;
+            EXPECT_TRUE(atom && numbers[i] == i) << name << " frame " << i << " numbered " << numbers[i];
             frames.push_back(
                 atom ? static_cast<std::uint32_t>(((atom->GetTimeStamp() - kStart) * 30 + 500'000) / 1'000'000)
                      : UINT32_MAX);
@@ -48,20 +46,17 @@ protected:
         return frames;
     }
 };
-using KelDemo = KelRun;
 
 // The timeline example switches recording on before frame 10 and off before
 // 30, and on again under a new name before 40: changes take effect between
 // frames, so the takes hold frames 11-30 and 41-59. Snapshots act at once:
-// frames 20-24 and 50-54. A progress bar is never drawn into a file.
+// frames 20-24 and 50-54.
 // Overrides replace the file's parameters; events past the end never fire.
-TEST_F(KelRun, ShippedExamplesRunAndTakeOverrides) {
+TEST_F(KelRun, ShippedTimelineExampleRunsAndTakesOverrides) {
     const std::string example = KEL_TOOL_EXAMPLES_DIR "/timeline-recording.json";
     const auto run = Kel({"run", example});
     ASSERT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_EQ(run.err, "");
-    EXPECT_NE(run.out.find("Frames delivered: 60\n"), std::string::npos) << run.out;
-    EXPECT_NE(run.out.find("Timeline events:  5 fired\n"), std::string::npos) << run.out;
+    EXPECT_TRUE(Contains(run.out, {"Frames delivered: 60\n", "Timeline events:  5 fired\n"}));
     for (const std::uint16_t s : {0, 1}) {
         EXPECT_EQ(Stored("recordings/take1.kel", s), Range(11, 30));
         EXPECT_EQ(Stored("recordings/take2.kel", s), Range(41, 59));
@@ -71,19 +66,11 @@ TEST_F(KelRun, ShippedExamplesRunAndTakeOverrides) {
     const auto short_ = Kel({"run", example, "--set", "cameras.Frames=25", "--set", "cameras.Include mesh=false",
                              "--set", "rec.Enable Recording=true", "--set", "rec.KEL File Path=o.kel"});
     ASSERT_EQ(short_.exitCode, 0) << short_.err;
-    EXPECT_NE(short_.out.find("Timeline events:  2 fired, 3 never reached"), std::string::npos) << short_.out;
+    EXPECT_TRUE(Contains(short_.out, {"Timeline events:  2 fired, 3 never reached"}));
     EXPECT_EQ(Stored("o.kel", 1), Range(0, 24));
     EXPECT_EQ(Stored("recordings/snapshots.kel", 1), Range(20, 24));
-    EXPECT_FALSE(Exists("recordings/take1.kel"));
     const auto kinds = kel_test::LayerKinds(*kel_tool_test::Open(File("o.kel"))->GetFrameAtom(0, 3));
     EXPECT_TRUE(std::find(kinds.begin(), kinds.end(), "Mesh/DYNAMIC") == kinds.end());
-    // The copy example copies a recording through the asynchronous writer
-    // (its options are those KelCopy checks in every combination).
-    kel_tool_test::RecordSynthetic(File("rec.kel"), 2, 6);
-    const auto copy = Kel({"run", KEL_TOOL_EXAMPLES_DIR "/async-copy.json", "--set", "in.KEL File Path=rec.kel"});
-    ASSERT_EQ(copy.exitCode, 0) << copy.err;
-    kel_tool_test::ExpectSameStreams(*kel_tool_test::Open(File("rec.kel")), *kel_tool_test::Open(File("copy.kel")),
-                                     {0, 1});
 }
 
 // Pass numbers count from 0: the press at frame 4 acts in every pass, the one
@@ -92,38 +79,27 @@ TEST_F(KelRun, ShippedExamplesRunAndTakeOverrides) {
 // frame 7 is still delivered and written.
 TEST_F(KelRun, LoopsRepeatTheTimelineEveryPassUntilAStopEndsTheRunAfterItsFrame) {
     WriteText(File("graph.json"),
-              GraphJson({CamerasJson(1, 10), FilterJson("TargetKEL2FileSnapshotWriter", "snap",
-                                                        R"("KEL File Path": "snaps.kel", "Write XML": false, )"
-                                                        R"("Frames count per snapshot": 2)")},
-                        R"("timeline": [{"frame": 4, "filter": "snap", "press": "Take snapshot"},
-                        {"frame": 6, "pass": 2, "filter": "snap", "press": ["Take snapshot"]},
-                        {"frame": 7, "pass": 2, "stop": true}],
-           "options": {"loops": 3})"));
+              GraphJson(1, 10, 16, 16, "TargetKEL2FileSnapshotWriter",
+                        R"("KEL File Path": "snaps.kel", "Write XML": false, "Frames count per snapshot": 2)",
+                        R"("timeline": [{"frame": 4, "filter": "rec", "press": "Take snapshot"},
+                        {"frame": 6, "pass": 2, "filter": "rec", "press": ["Take snapshot"]},
+                        {"frame": 7, "pass": 2, "stop": true}], "options": {"loops": 3})"));
     const auto run = Kel({"run", "graph.json"});
     ASSERT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_NE(run.out.find("Frames delivered: 28\n"), std::string::npos) << run.out;
-    EXPECT_NE(run.out.find("Stopped early:    yes"), std::string::npos) << run.out;
-    EXPECT_NE(run.out.find("Timeline events:  3 fired\n"), std::string::npos) << run.out;
+    EXPECT_TRUE(Contains(run.out, {"Frames delivered: 28\n", "Stopped early:    yes", "Timeline events:  3 fired\n"}));
     EXPECT_EQ(Stored("snaps.kel", 0), (Frames{4, 5, 4, 5, 4, 5, 6, 7}));
 }
 
-// Synthetic frames 16x16 recorded to rec.kel, with `rest` as further members
-// of the graph object.
-std::string RecordingGraph(std::uint32_t streams, std::uint32_t frames, const std::string& rest) {
-    return GraphJson({CamerasJson(streams, frames), FilterJson("TargetKEL2FileWriter", "rec",
-                                                               R"("KEL File Path": "rec.kel", "Write XML": false, )"
-                                                               R"("Enable Recording": true)")},
-                     rest);
-}
+constexpr const char* kRecordToRecKel = R"("KEL File Path": "rec.kel", "Write XML": false, "Enable Recording": true)";
 
 TEST_F(KelRun, InterruptStopsAnEndlessRunCleanly) {
-    WriteText(File("graph.json"), RecordingGraph(2, 50, R"("options": {"loops": 0})"));
-    kel_tool_test::KelChild kel({"run", "graph.json"}, Cwd());
+    WriteText(File("graph.json"),
+              GraphJson(2, 50, 16, 16, "TargetKEL2FileWriter", kRecordToRecKel, R"("options": {"loops": 0})"));
+    kel_tool_test::KelChild kel({"run", "graph.json"}, dir.Path().string());
     ASSERT_GT(kel.Pid(), 0);
     // The writer creates its file when the graph starts playing, after the
-    // interrupt handler is in place. The deadline only bounds a broken run.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!Exists("rec.kel") && std::chrono::steady_clock::now() < deadline) {
+    // interrupt handler is in place. The minute only bounds a broken run.
+    for (int i = 0; i < 30'000 && !Exists("rec.kel"); ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     ASSERT_TRUE(Exists("rec.kel"));
@@ -131,8 +107,7 @@ TEST_F(KelRun, InterruptStopsAnEndlessRunCleanly) {
     EXPECT_EQ(kel.Wait().exitCode, 130);
     // Stopped between frames as at a natural end: the file is closed with its
     // index and holds the same whole frames of both cameras.
-    const auto verify = Kel({"verify", "rec.kel"});
-    EXPECT_EQ(verify.exitCode, 0) << verify.out;
+    EXPECT_TRUE(Contains(Kel({"verify", "rec.kel"}).out, {"rec.kel: OK"}));
     EXPECT_EQ(Stored("rec.kel", 0), Stored("rec.kel", 1));
 }
 
@@ -144,39 +119,32 @@ TEST_F(KelRun, WriteFailureFailsTheRunAndNamesTheFileForEveryTarget) {
     for (const std::string target : {"TargetKEL2FileWriter", "TargetKEL2FileWriterAsync"}) {
         SCOPED_TRACE(target);
         const std::string noDrop = target.ends_with("Async") ? R"(, "Drop frames when full": false)" : "";
-        WriteText(File("graph.json"),
-                  GraphJson({CamerasJson(2, 30, 64, 64),
-                             FilterJson(target, "rec",
-                                        R"("KEL File Path": "full.kel", "Enable Recording": true)" + noDrop)}));
-        const auto run = kel_tool_test::RunKel({"run", "graph.json", "--quiet"}, Cwd(), std::uint64_t{64} * 1024);
+        WriteText(File("graph.json"), GraphJson(2, 30, 64, 64, target,
+                                                R"("KEL File Path": "full.kel", "Enable Recording": true)" + noDrop));
+        const auto run = Kel({"run", "graph.json", "--quiet"}, std::uint64_t{64} * 1024);
         EXPECT_EQ(run.exitCode, 1) << run.err;
-        EXPECT_NE(run.err.find("writing '" + File("full.kel") + "' failed"), std::string::npos) << run.err;
-        EXPECT_NE(run.err.find("File too large"), std::string::npos) << run.err;
+        EXPECT_TRUE(Contains(run.err, {"writing '" + File("full.kel") + "' failed", "File too large"}));
         const auto stored = Stored("full.kel", 0);
-        ASSERT_FALSE(stored.empty());
-        EXPECT_LT(stored.size(), 30U);
+        ASSERT_TRUE(!stored.empty() && stored.size() < 30U) << stored.size();
         EXPECT_EQ(stored, Range(0, static_cast<std::uint32_t>(stored.size() - 1)));
     }
 }
 
-// Each way a graph fails to load, build or play: the file's JSON, a filter
-// class, a parameter, a timeline value (the parser's own refusals are in
+// Each way a graph fails to load, build or play: the file, a filter class,
+// a parameter, a timeline value (the parser's own refusals are in
 // GraphDescriptionTest).
 TEST_F(KelRun, GraphErrorsFailTheRunAndSayWhere) {
-    const std::vector<std::pair<std::string, std::string>> cases{
-        {"{ not json", "not valid JSON"},
-        {R"({"filters": [{"class": "NoSuchFilter", "name": "x"}]})", "filter class 'NoSuchFilter' is not registered"},
-        {GraphJson({FilterJson("SyntheticCaptureSource", "cams", R"("Colour": "red")")}), "has no parameter 'Colour'"},
-        {RecordingGraph(1, 20, R"("timeline": [{"frame": 3, "filter": "rec", "set": {"Enable Recording": "maybe"}}])"),
-         "timeline event at frame 3: cannot set 'Enable Recording'"}};
-    for (const auto& [graph, message] : cases) {
-        SCOPED_TRACE(message);
-        WriteText(File("graph.json"), graph);
-        KelFails({"run", "graph.json"}, 1, message);
-    }
+    KelFails({"run", "absent.json"}, 1, "cannot open graph file");
+    WriteText(File("graph.json"), GraphJson(1, 20, 16, 16, "NoSuchFilter", ""));
+    KelFails({"run", "graph.json"}, 1, "filter class 'NoSuchFilter' is not registered");
+    WriteText(File("graph.json"),
+              GraphJson(1, 20, 16, 16, "TargetKEL2FileWriter", kRecordToRecKel,
+                        R"("timeline": [{"frame": 3, "filter": "rec", "set": {"Enable Recording": "maybe"}}])"));
+    KelFails({"run", "graph.json", "--set", "cams.Colour=red"}, 1, "has no parameter 'Colour'");
+    KelFails({"run", "graph.json"}, 1, "timeline event at frame 3: cannot set 'Enable Recording'");
 }
 
-TEST_F(KelDemo, RecordsVerifiesAndExportsThumbnails) {
+TEST_F(KelRun, DemoRecordsVerifiesAndExportsThumbnails) {
     const auto run = Kel({"demo", "--out", "demo", "--streams", "2", "--frames", "12", "--width", "64", "--height",
                           "48", "--snapshot-at", "3", "--snapshot-frames", "4"});
     ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
@@ -190,8 +158,8 @@ TEST_F(KelDemo, RecordsVerifiesAndExportsThumbnails) {
     // The asynchronous snapshot writer counts the frames it takes from its queue.
     EXPECT_EQ(Stored("demo/snapshot.kel", 0).size(), 4U);
     EXPECT_TRUE(Exists("demo/capture.kel.xml"));
-    const auto verify = Kel({"verify", "demo/capture.kel", "demo/merged.kel"});
-    EXPECT_EQ(verify.exitCode, 0) << verify.out;
+    EXPECT_TRUE(Contains(Kel({"verify", "demo/capture.kel", "demo/merged.kel"}).out,
+                         {"demo/capture.kel: OK", "demo/merged.kel: OK"}));
 }
 
 }  // namespace

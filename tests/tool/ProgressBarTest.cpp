@@ -1,5 +1,6 @@
 // The text of the progress bar (that it stays silent when its stream is not
-// a terminal is checked end to end by the `kel run` and `kel export` tests).
+// a terminal is checked end to end by the `kel copy` runs, through the graph
+// runner every command shares, and by the `kel export` test).
 
 #include <gtest/gtest.h>
 

@@ -43,17 +43,12 @@ private:
     int pid_ = -1;
 };
 
-inline KelRun RunKel(const std::vector<std::string>& args, const std::string& cwd, std::uint64_t fileSizeLimit = 0) {
-    return KelChild(args, cwd, fileSizeLimit).Wait();
-}
-
-// Pieces of graph files for `kel run`: a filter with the JSON text of its
-// parameters; synthetic cameras named "cams"; a graph of `filters` (the
-// first feeds the others) with `rest` as further members of the graph object.
-std::string FilterJson(const std::string& className, const std::string& name, const std::string& params);
-std::string CamerasJson(std::uint32_t streams, std::uint32_t frames, std::uint32_t width = 16,
-                        std::uint32_t height = 16);
-std::string GraphJson(const std::vector<std::string>& filters, const std::string& rest = "");
+// A graph file for `kel run`: synthetic cameras "cams" (`streams` cameras,
+// `frames` frames of `width`x`height` images) feeding a filter "rec" of
+// class `target` with the JSON members `params` as its parameters; `rest`
+// adds further members to the graph object.
+std::string GraphJson(std::uint32_t streams, std::uint32_t frames, std::uint32_t width, std::uint32_t height,
+                      const std::string& target, const std::string& params, const std::string& rest = "");
 
 // Records a synthetic capture with `kel run`: `streams` cameras, `frames`
 // frames of `width`x`height` images, written by TargetKEL2FileWriter to
@@ -63,14 +58,6 @@ void RecordSynthetic(const std::string& path, std::uint32_t streams, std::uint32
 
 // Opens the container at `path`, failing the calling test when it does not open.
 std::shared_ptr<KEL::ReadKEL2File> Open(const std::string& path);
-
-// `actual` holds exactly the streams `ids` of `expected`, every atom stored
-// unchanged apart from the stream information: a source hands its own (with
-// the frame count it plays) to every stream it reads, so the written file
-// carries that one in each stream's first atom. With `thumbnail`, that first
-// atom also carries the one thumbnail the writer made.
-void ExpectSameStreams(KEL::ReadKEL2File& expected, KEL::ReadKEL2File& actual, const std::vector<std::uint16_t>& ids,
-                       bool thumbnail = false);
 
 // The image in a PNG file as RGBA, decoded by libpng (empty when the file
 // is not a valid PNG).
@@ -90,12 +77,17 @@ inline std::string ReadText(const std::string& path) {
     return {bytes.begin(), bytes.end()};
 }
 
+// Passes when `text` contains every one of `fragments`; a failure names the
+// first it lacks and shows the text.
+testing::AssertionResult Contains(const std::string& text, const std::vector<std::string>& fragments);
+
 // A scratch working directory per test, removed afterwards, that `Kel` runs
 // the tool in (relative paths in arguments are inside it).
 class KelToolTest : public testing::Test {
 protected:
-    KelRun Kel(const std::vector<std::string>& args) const { return RunKel(args, Cwd()); }
-    std::string Cwd() const { return dir.Path().string(); }
+    KelRun Kel(const std::vector<std::string>& args, std::uint64_t fileSizeLimit = 0) const {
+        return KelChild(args, dir.Path().string(), fileSizeLimit).Wait();
+    }
     std::string File(const std::string& name) const { return dir.File(name); }
     bool Exists(const std::string& name) const { return std::filesystem::exists(dir.File(name)); }
     // Runs `kel` expecting it to fail: the exit code is `exitCode`, standard
