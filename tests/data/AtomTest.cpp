@@ -1,7 +1,6 @@
 // How atoms share layers and payloads. Lookups and removals by type, purpose
-// and version, null additions and a copy's own layer list are checked by the
-// optimizer and loosener's generated test, which edits varied atoms through
-// them against a model.
+// and version and null additions are checked by the optimizer and loosener's
+// generated test, which edits varied atoms through them against a model.
 
 #include <gtest/gtest.h>
 
@@ -23,6 +22,8 @@ std::shared_ptr<DataTypeStreamInfo> Info(Atom& atom, bool detach) {
 // cloning copies payload bytes; a layer added without sharing goes in as a clone.
 TEST(Atom, CopyKeepsTheIdentitySharesLayersUntilDetachedAndNeverCopiesPayloadBytes) {
     auto atom = Atom::Copy(kel_test::MakeFirstAtom(3, 10), 17, false);
+    atom->AddDataLayer(std::make_shared<DataTypeStreamInfo>(7, 25.0), true);
+    ASSERT_EQ(Info(*atom, false)->GetNumFrames(), 10U);  // lookups find the first
     const auto texture = atom->GetDataLayerByType(DataTypeTextureRGBA::TheTypeGuid(), false);
     for (bool clone : {false, true}) {
         auto copy = Atom::Copy(atom, 5, clone);
@@ -40,6 +41,8 @@ TEST(Atom, CopyKeepsTheIdentitySharesLayersUntilDetachedAndNeverCopiesPayloadByt
         EXPECT_EQ(Info(*atom, false)->GetNumFrames(), 99U);
         EXPECT_EQ(Info(*copy, false)->GetNumFrames(), 5U);
         Info(*atom, false)->SetNumFrames(10);
+        copy->RemoveDataLayers(DataTypeTextureRGBA::TheTypeGuid());  // the layer list is the copy's own
+        EXPECT_EQ(atom->GetAllDataLayers().size(), copy->GetAllDataLayers().size() + 1);
     }
     EXPECT_EQ(Atom::Copy(atom, -1, true)->GetFrameNr(), 17U);
     EXPECT_FALSE(Atom::Copy(nullptr, -1, true));
