@@ -1,13 +1,17 @@
-#include <KEL/DataTypeTextureRGBA.h>
 #include <KEL/FilterFactory.h>
-#include <KEL/PurposeGuids.h>
 #include <KelCommon/Logger.h>
 #include <KelCommon/VarManager.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <list>
+#include <thread>
 
 #include "support/TestSupport.h"
+#include "targets/TargetKEL2FilePerStreamSnapshotWriter.h"
+#include "targets/TargetKEL2FilePerStreamSnapshotWriterAsync.h"
+#include "targets/TargetKEL2FilePerStreamWriter.h"
+#include "targets/TargetKEL2FilePerStreamWriterAsync.h"
 #include "targets/TargetKEL2FileSnapshotWriter.h"
 #include "targets/TargetKEL2FileSnapshotWriterAsync.h"
 #include "targets/TargetKEL2FileWriter.h"
@@ -19,61 +23,107 @@ namespace {
 using kel_test::ExpectFileHoldsFrames;
 using kel_test::Frames;
 using kel_test::GraphRun;
-using kel_test::Param;
 using kel_test::ReadStreams;
 using kel_test::SetParam;
-using kel_test::TargetStrategy;
 using kel_test::TempDir;
 
-Frames Slice(const Frames& frames, std::size_t begin, std::size_t end) {
-    return Frames(frames.begin() + static_cast<std::ptrdiff_t>(begin),
-                  frames.begin() + static_cast<std::ptrdiff_t>(end));
-}
+// One writer strategy and its two target classes, "TargetKEL2File<name>"
+// writing on the graph thread and "TargetKEL2File<name>Async" on a thread of
+// its own.
+struct TargetStrategy {
+    const char* name;
+    KEL::FilterCreator sync;
+    KEL::FilterCreator async;
+    bool snapshot;
+    bool perStream;
+};
 
 class TargetRoundTrip : public ::testing::TestWithParam<TargetStrategy> {};
 
-// Both targets of a strategy, the asynchronous one up to a natural end
-// without dropping, write every frame whole, numbered from 0.
+// Both targets of a strategy, recording from the first frame (the
+// asynchronous one up to a natural end without dropping), write every frame
+// whole, numbered from 0, into one file or one file per stream.
 TEST_P(TargetRoundTrip, BothTargetsKeepEveryLayerOfEveryAtomAndNumberFramesFromZero) {
     const TargetStrategy& s = GetParam();
     TempDir dir;
     // Incoming frame numbers 100, 103, ... are written as 0, 1, ...
     const Frames frames = kel_test::MakeCompleteFrames({4, 9}, 6, 100, 3);
     GraphRun run({4, 9}, frames);
-    KEL::Filter* sync = run.AddTarget(s.sync, "sync");
-    KEL::Filter* async = run.AddTarget(s.async, "async");
-    kel_test::SetParam(*sync, "KEL File Path", dir.File("sync.kel"));
-    kel_test::SetParam(*async, "KEL File Path", dir.File("async.kel"));
-    kel_test::SetParam(*async, "Drop frames when full", "false");
-    run.Run(kel_test::Arm(s, {sync, async}, 6));
-    for (const char* base : {"sync", "async"}) {
-        const auto files = kel_test::OutputFiles(s, dir.File(base), {4, 9});
-        for (std::size_t f = 0; f < files.size(); ++f) {
+    const std::map<std::string, KEL::Filter*> targets = {{"sync", run.AddTarget(s.sync, "sync")},
+                                                         {"async", run.AddTarget(s.async, "async")}};
+    // "Write XML" is on and thumbnails are off by default: the synchronous
+    // target switches thumbnails on, the asynchronous one XML off.
+    kel_test::SetParam(*targets.at("sync"), "Create thumbnail for first frame", "true");
+    kel_test::SetParam(*targets.at("async"), "Write XML", "false");
+    kel_test::SetParam(*targets.at("async"), "Drop frames when full", "false");
+    for (const auto& [name, target] : targets) {
+        kel_test::SetParam(*target, "KEL File Path", dir.File(name + ".kel"));
+        kel_test::SetParam(*target, s.snapshot ? "Frames count per snapshot" : "Enable Recording",
+                           s.snapshot ? "6" : "true");
+    }
+    // Only the asynchronous target listens to frame-order resets, and only
+    // while it plays.
+    const std::list<KEL::IFrameOrderResetListener*> listening = {
+        dynamic_cast<KEL::IFrameOrderResetListener*>(targets.at("async"))};
+    // A pause and resume in mid-run: the resumed targets write on into the
+    // files they started.
+    std::thread resumer;
+    KEL::RunOptions options;
+    options.beforeFrame = [&](KEL::Graph& graph, std::uint32_t nr) {
+        EXPECT_EQ(graph.GetFrameOrderResetListeners(), listening);
+        for (const auto& [name, target] : targets) {
+            if (s.snapshot && nr == 0) {
+                kel_test::Press(*target, "Take snapshot");
+            }
+        }
+        if (nr == 3) {
+            graph.Pause();
+            resumer = std::thread([&] {
+                while (targets.at("async")->GetFilterState() != KEL::FILTER_STATE_PAUSED) {
+                    std::this_thread::yield();
+                }
+                graph.Resume();
+            });
+        }
+    };
+    run.Run(options);
+    resumer.join();
+    EXPECT_TRUE(run.Graph().GetFrameOrderResetListeners().empty());
+    for (const auto& [name, target] : targets) {
+        for (std::size_t f = 0; f < (s.perStream ? 2 : 1); ++f) {
+            const std::string file =
+                dir.File(name + (s.perStream ? "_" + std::to_string(frames[0][f]->GetStreamId()) : "") + ".kel");
             Frames held = frames;
             for (auto& frame : held) {
                 frame = s.perStream ? std::vector{frame[f]} : frame;
             }
-            ExpectFileHoldsFrames(files[f], held);
-            // As stored, only a stream's first atom carries its stream-level layers.
+            ExpectFileHoldsFrames(file, held);
+            EXPECT_EQ(std::filesystem::exists(file + ".xml"), name == "sync");
+            // As stored, only a stream's first atom carries its stream-level
+            // layers and, when switched on, a thumbnail.
             for (const auto& atom : held[0]) {
-                const auto stored = ReadStreams(files[f], false).at(atom->GetStreamId());
-                EXPECT_EQ(stored[0]->GetNumDataLayers(), atom->GetNumDataLayers());
+                const auto stored = ReadStreams(file, false).at(atom->GetStreamId());
+                EXPECT_EQ(kel_test::CountThumbnails(*stored[0]), name == "sync" ? 1U : 0U);
+                EXPECT_EQ(stored[0]->GetNumDataLayers(),
+                          atom->GetNumDataLayers() + kel_test::CountThumbnails(*stored[0]));
                 EXPECT_LT(stored[1]->GetNumDataLayers(), atom->GetNumDataLayers());
+                EXPECT_EQ(kel_test::CountThumbnails(*stored[1]), 0U);
             }
         }
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryStrategy, TargetRoundTrip, ::testing::ValuesIn(kel_test::TargetStrategies()),
-                         kel_test::StrategyName);
-
-// A basic writer in `run` recording into `file` of `dir`.
-KEL::Filter* Recorder(GraphRun& run, const TempDir& dir, const std::string& file, const std::string& name = "rec") {
-    KEL::Filter* target = run.AddTarget(&TargetKEL2FileWriterFilterCreator, name);
-    SetParam(*target, "KEL File Path", dir.File(file));
-    SetParam(*target, "Enable Recording", "true");
-    return target;
-}
+INSTANTIATE_TEST_SUITE_P(
+    EveryStrategy, TargetRoundTrip,
+    ::testing::Values(TargetStrategy{"Writer", &TargetKEL2FileWriterFilterCreator,
+                                     &TargetKEL2FileWriterAsyncFilterCreator, false, false},
+                      TargetStrategy{"SnapshotWriter", &TargetKEL2FileSnapshotWriterFilterCreator,
+                                     &TargetKEL2FileSnapshotWriterAsyncFilterCreator, true, false},
+                      TargetStrategy{"PerStreamWriter", &TargetKEL2FilePerStreamWriterFilterCreator,
+                                     &TargetKEL2FilePerStreamWriterAsyncFilterCreator, false, true},
+                      TargetStrategy{"PerStreamSnapshotWriter", &TargetKEL2FilePerStreamSnapshotWriterFilterCreator,
+                                     &TargetKEL2FilePerStreamSnapshotWriterAsyncFilterCreator, true, true}),
+    [](const auto& param) { return std::string(param.param.name); });
 
 // Changes set before a frame apply after it: recording switched off before
 // frame 2 still writes it; a path set while not recording is used when
@@ -84,7 +134,9 @@ TEST(SyncTargets, ParameterChangesApplyAfterTheFrameInProgress) {
     KelCommon::ScopedLogCapture log;
     const Frames frames = kel_test::MakeCompleteFrames({1, 2}, 10);
     GraphRun run({1, 2}, frames);
-    KEL::Filter* target = Recorder(run, dir, "a.kel");
+    KEL::Filter* target = run.AddTarget(&TargetKEL2FileWriterFilterCreator, "rec");
+    SetParam(*target, "KEL File Path", dir.File("a.kel"));
+    SetParam(*target, "Enable Recording", "true");
     const std::map<std::uint32_t, std::pair<const char*, std::string>> changes = {
         {2, {"Enable Recording", "false"}},
         {5, {"KEL File Path", dir.File("b.kel")}},
@@ -97,118 +149,83 @@ TEST(SyncTargets, ParameterChangesApplyAfterTheFrameInProgress) {
         }
     };
     run.Run(options);
-    ExpectFileHoldsFrames(dir.File("a.kel"), Slice(frames, 0, 3));
-    ExpectFileHoldsFrames(dir.File("b.kel"), Slice(frames, 7, 9));
-    ExpectFileHoldsFrames(dir.File("c.kel"), Slice(frames, 9, 10));
+    ExpectFileHoldsFrames(dir.File("a.kel"), Frames(frames.begin(), frames.begin() + 3));
+    ExpectFileHoldsFrames(dir.File("b.kel"), Frames(frames.begin() + 7, frames.begin() + 9));
+    ExpectFileHoldsFrames(dir.File("c.kel"), Frames(frames.begin() + 9, frames.end()));
     EXPECT_EQ(log.CountContaining("WriterBase::Start writing"), 3U);
     EXPECT_EQ(log.CountContaining("WriterBase::Stop writing"), 3U);
-}
-
-// "Write XML" is on by default, thumbnails are off: target a keeps the
-// defaults but switches thumbnails on, target b switches XML off.
-TEST(SyncTargets, XmlAndThumbnailSwitchesReachTheWriter) {
-    TempDir dir;
-    KelCommon::ScopedLogCapture log;
-    GraphRun run({1, 2}, kel_test::MakeCompleteFrames({1, 2}, 2));
-    SetParam(*Recorder(run, dir, "a.kel", "a"), "Create thumbnail for first frame", "true");
-    SetParam(*Recorder(run, dir, "b.kel", "b"), "Write XML", "false");
-    run.Run();
-    EXPECT_TRUE(std::filesystem::exists(dir.File("a.kel.xml")));
-    EXPECT_FALSE(std::filesystem::exists(dir.File("b.kel.xml")));
-    for (const auto& [file, opened] :
-         {std::pair(dir.File("a.kel"), dir.File("a.kel+xml")), std::pair(dir.File("b.kel"), dir.File("b.kel"))}) {
-        EXPECT_EQ(log.Count("WriterBase::Start writing '" + opened + "'"), 1U);
-        EXPECT_EQ(log.Count("WriterBase::Stop writing '" + file + "'"), 1U);
-        const auto streams = ReadStreams(file, false);
-        ASSERT_EQ(streams.size(), 2U) << file;
-        for (const auto& [stream, atoms] : streams) {
-            for (std::size_t i = 0; i < atoms.size(); ++i) {
-                const bool thumbnail =
-                    atoms[i]->GetDataLayer(KEL::PurposeGuid_THUMBNAIL, KEL::DataTypeTextureRGBA::TheTypeGuid(),
-                                           false) != nullptr;
-                EXPECT_EQ(thumbnail, i == 0 && file == dir.File("a.kel")) << file << " " << stream << "/" << i;
-            }
-        }
+    for (const char* file : {"a.kel", "b.kel", "c.kel"}) {
+        EXPECT_EQ(log.Count("WriterBase::Start writing '" + dir.File(file) + "+xml'"), 1U);
+        EXPECT_EQ(log.Count("WriterBase::Stop writing '" + dir.File(file) + "'"), 1U);
     }
 }
 
+// Each target class adds its strategy's parameters to the shared ones, and
+// an asynchronous one five of its own; a second call adds the very same
+// objects, keeping their values.
 TEST(SyncTargets, ParametersComeInOrderWithTheirFlagsDefaultsAndBounds) {
-    using Expected = std::vector<std::tuple<std::string, std::uint32_t, std::string>>;
-    const std::string path =
-        "file path (*.kel), default \"" + KelCommon::VarManager::getInstance().getRootValue().str() + "/record.kel\"";
-    const Expected common = {{"KEL File Path", 0, path},
-                             {"Write XML", 1, "true/false, default true"},
-                             {"Create thumbnail for first frame", 0, "true/false, default false"}};
-    Expected sync = common;
-    sync.emplace_back("Enable Recording", 0, "true/false, default false");
-    // Asynchronous targets append five parameters to their strategy's own.
-    Expected asyncSnapshot = common;
-    asyncSnapshot.insert(asyncSnapshot.end(), {{"Take snapshot", 0, "button (any value presses it)"},
-                                               {"Frames count per snapshot", 0, "[1, 4294967295], default 3"},
-                                               {"Buffer size", 1, "[0, 4294967295], default 1"},
-                                               {"Buffered frames count", 4, "[0, 4294967295], default 0"},
-                                               {"Drop frames when full", 0, "true/false, default true"},
-                                               {"Dropped frames count", 4, "[0, 9223372036854775807], default 0"},
-                                               {"Reset dropped frames counter", 0, "button (any value presses it)"}});
-    for (const auto& [creator, expected] : std::vector<std::pair<KEL::FilterCreator, Expected>>{
-             {&TargetKEL2FileWriterFilterCreator, sync},
-             {&TargetKEL2FileSnapshotWriterAsyncFilterCreator, asyncSnapshot}}) {
+    const std::string common = "KEL File Path|0|file path (*.kel), default \"" +
+                               KelCommon::VarManager::getInstance().getRootValue().str() +
+                               "/record.kel\"\n"
+                               "Write XML|1|true/false, default true\n"
+                               "Create thumbnail for first frame|0|true/false, default false\n";
+    const std::pair<KEL::FilterCreator, std::string> targets[] = {
+        {&TargetKEL2FileWriterFilterCreator, common + "Enable Recording|0|true/false, default false\n"},
+        {&TargetKEL2FileSnapshotWriterAsyncFilterCreator,
+         common + "Take snapshot|0|button (any value presses it)\n"
+                  "Frames count per snapshot|0|[1, 4294967295], default 3\n"
+                  "Buffer size|1|[0, 4294967295], default 1\n"
+                  "Buffered frames count|4|[0, 4294967295], default 0\n"
+                  "Drop frames when full|0|true/false, default true\n"
+                  "Dropped frames count|4|[0, 9223372036854775807], default 0\n"
+                  "Reset dropped frames counter|0|button (any value presses it)\n"}};
+    for (const auto& [creator, expected] : targets) {
         std::unique_ptr<KEL::Filter> target(creator());
-        SCOPED_TRACE(target->GetFilterClassInfo().GetName());
         ASSERT_EQ(target->onInitializeParams(nullptr), 0U);
         const auto params = target->GetParams();
-        ASSERT_EQ(params.size(), expected.size());
-        for (std::size_t i = 0; i < expected.size(); ++i) {
-            EXPECT_EQ(params[i]->GetName(), std::get<0>(expected[i]));
-            EXPECT_EQ(params[i]->GetFlags(), std::get<1>(expected[i])) << std::get<0>(expected[i]);
-            EXPECT_EQ(params[i]->DescribeDomain(), std::get<2>(expected[i]));
+        std::string described;
+        for (const auto& param : params) {
+            described +=
+                param->GetName() + "|" + std::to_string(param->GetFlags()) + "|" + param->DescribeDomain() + "\n";
         }
-        // A second call adds the very same objects, keeping their values.
+        EXPECT_EQ(described, expected);
         SetParam(*target, "Write XML", "false");
         ASSERT_EQ(target->onInitializeParams(nullptr), 0U);
         EXPECT_EQ(target->GetParams(), params);
-        EXPECT_FALSE(Param<KEL::FilterParamBool>(*target, "Write XML")->GetValue());
+        EXPECT_FALSE(kel_test::Param<KEL::FilterParamBool>(*target, "Write XML")->GetValue());
     }
 }
 
-// A target driven directly on stream 1, initialised, writing into rec.kel.
-struct Driven {
-    Driven(KEL::FilterCreator creator, bool record) : filter(creator()), driver(Target(), {1}) {
-        SetParam(Target(), "KEL File Path", dir.File("rec.kel"));
-        if (record) {
-            SetParam(Target(), "Enable Recording", "true");
-        }
-        driver.Initialize();
-    }
-    KEL::Target& Target() { return dynamic_cast<KEL::Target&>(*filter); }
-
+// Presses reach the strategy only while the target plays: one while paused
+// is not counted.
+TEST(SyncTargets, SnapshotPressWhilePausedIsNotCounted) {
     TempDir dir;
-    std::unique_ptr<KEL::Filter> filter;
-    kel_test::DirectDriver driver;
-};
-
-TEST(SyncTargets, PlayOutsideTheInitialisedStateDoesNotStartTheWriter) {
-    Driven d(&TargetKEL2FileWriterFilterCreator, true);
-    d.Target().SetFilterState(KEL::FILTER_STATE_PAUSED);
-    EXPECT_EQ(d.Target().onPlay(), 0U);
-    EXPECT_FALSE(std::filesystem::exists(d.dir.File("rec.kel")));
-}
-
-TEST(SyncTargets, SnapshotPressWhileNotPlayingIsNotCounted) {
-    Driven d(&TargetKEL2FileSnapshotWriterFilterCreator, false);
-    Param<KEL::FilterParamCallback>(d.Target(), "Take snapshot")->Press();
-    d.driver.Play();
-    EXPECT_EQ(d.driver.Deliver(kel_test::MakeCompleteFrames({1}, 1)[0]), 0U);
-    d.driver.Stop();
-    EXPECT_TRUE(ReadStreams(d.dir.File("rec.kel"), false).empty());
+    std::unique_ptr<KEL::Filter> filter(TargetKEL2FileSnapshotWriterFilterCreator());
+    auto& target = dynamic_cast<KEL::Target&>(*filter);
+    kel_test::DirectDriver driver(target, {1});
+    SetParam(target, "KEL File Path", dir.File("rec.kel"));
+    driver.Initialize();
+    driver.Play();
+    target.SetFilterState(KEL::FILTER_STATE_PAUSED);
+    kel_test::Press(target, "Take snapshot");
+    target.SetFilterState(KEL::FILTER_STATE_PLAYING);
+    EXPECT_EQ(driver.Deliver(kel_test::MakeCompleteFrames({1}, 1)[0]), 0U);
+    driver.Stop();
+    EXPECT_TRUE(ReadStreams(dir.File("rec.kel"), false).empty());
 }
 
 TEST(Targets, NullAtomIsRefusedWithAnErrorCode) {
+    TempDir dir;
     for (const auto creator : {&TargetKEL2FileWriterFilterCreator, &TargetKEL2FileWriterAsyncFilterCreator}) {
-        Driven d(creator, true);
-        d.driver.Play();
-        EXPECT_EQ(d.Target().onProcessFrame(nullptr), KEL::KEL_ERR_INVALID);
-        d.driver.Stop();
+        std::unique_ptr<KEL::Filter> filter(creator());
+        auto& target = dynamic_cast<KEL::Target&>(*filter);
+        kel_test::DirectDriver driver(target, {1});
+        SetParam(target, "KEL File Path", dir.File("rec.kel"));
+        SetParam(target, "Enable Recording", "true");
+        driver.Initialize();
+        driver.Play();
+        EXPECT_EQ(target.onProcessFrame(nullptr), KEL::KEL_ERR_INVALID);
+        driver.Stop();
     }
 }
 

@@ -1,8 +1,8 @@
 #pragma once
 
-// Helpers for driving the plugin's target filters in tests: an in-memory
-// source, atom sets with stream-level layers, parameter access, and reading a
-// written file back complete.
+// Helpers for driving the plugin's target filters in tests: atom sets with
+// stream-level layers, parameter access, a real graph or direct calls to
+// drive a target, and reading a written file back complete.
 
 #include <KEL/Atom.h>
 #include <KEL/Filter.h>
@@ -10,12 +10,10 @@
 #include <KEL/Graph.h>
 #include <KEL/Source.h>
 #include <KEL/Target.h>
-#include <gtest/gtest.h>
 
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -25,25 +23,6 @@ namespace kel_test {
 using AtomPtr = std::shared_ptr<KEL::Atom>;
 // frames[i] holds frame i: one atom per stream, in stream order.
 using Frames = std::vector<std::vector<AtomPtr>>;
-
-// A source that plays frames held in memory. It pushes copies, so the held
-// atoms keep their frame numbers whatever the targets do.
-class MemorySource : public KEL::Source {
-public:
-    MemorySource(std::vector<std::uint16_t> streams, Frames frames);
-
-    KelCommon::Guid TypeGuid() const override;
-    KEL::FilterClassInfo GetFilterClassInfo() const override;
-    std::shared_ptr<KEL::Profile> GetOutputProfile() override;
-    std::uint32_t GetOutputNumStreams() override;
-    std::vector<std::uint32_t> GetStreamIds() override;
-    std::shared_ptr<KEL::DataTypeStreamInfo> GetStreamInfo() override;
-    KEL::KelErrorCode pushDataToOutput(std::uint32_t frameNr) override;
-
-private:
-    std::vector<std::uint16_t> streams_;
-    Frames frames_;
-};
 
 // `count` frames of `streams`. Every atom is complete: its own texture and
 // mesh plus the stream's stream-level layers (stream information, recording
@@ -65,56 +44,39 @@ std::shared_ptr<T> Param(const KEL::Filter& filter, const std::string& name) {
     return param;
 }
 void SetParam(KEL::Filter& filter, const std::string& name, const std::string& text);
-
-// One writer strategy and its two target classes, "TargetKEL2File<name>"
-// writing on the graph thread and "TargetKEL2File<name>Async" on a thread of
-// its own.
-struct TargetStrategy {
-    const char* name;
-    KEL::FilterCreator sync;
-    KEL::FilterCreator async;
-    bool snapshot;
-    bool perStream;
-};
-// The four strategies: Writer, SnapshotWriter, PerStreamWriter,
-// PerStreamSnapshotWriter.
-const std::vector<TargetStrategy>& TargetStrategies();
-inline void PrintTo(const TargetStrategy& s, std::ostream* os) { *os << s.name; }
-std::string StrategyName(const ::testing::TestParamInfo<TargetStrategy>& info);
-
-// Makes targets of strategy `s` record from the first frame: "Enable
-// Recording" on, or snapshots of `snapshotFrames` frames taken before frame 0
-// (the returned options press the button).
-KEL::RunOptions Arm(const TargetStrategy& s, const std::vector<KEL::Filter*>& targets, std::uint32_t snapshotFrames);
-// The files strategy `s` writes for the path `base`.kel and input `streams`.
-std::vector<std::string> OutputFiles(const TargetStrategy& s, const std::string& base,
-                                     const std::vector<std::uint16_t>& streams);
+inline void Press(const KEL::Filter& filter, const std::string& name) {
+    Param<KEL::FilterParamCallback>(filter, name)->Press();
+}
 
 // Every stream of a container file, atoms ordered by stored frame number, as
-// stored (`loosen` false) or completed from the stream's first atom.
+// stored (`loosen` false) or completed from the stream's first atom and
+// without thumbnails.
 std::map<std::uint16_t, std::vector<AtomPtr>> ReadStreams(const std::string& path, bool loosen);
+// The number of thumbnail layers of an atom.
+std::size_t CountThumbnails(const KEL::Atom& atom);
 
 // Same stream id and time stamp, and the same multiset of layers (content
-// equality, order ignored). `why` names the first difference.
-bool SameContent(const KEL::Atom& a, const KEL::Atom& b, std::string* why = nullptr);
+// equality, order ignored: restoring a stored atom appends the stream-level
+// layers). `why` names the first difference.
+bool SameContent(const KEL::Atom& a, const KEL::Atom& b, std::string* why);
 
 // Checks that `path` holds `frames` (every stream, renumbered from 0).
 void ExpectFileHoldsFrames(const std::string& path, const Frames& frames);
 
-// One source playing `frames` into any number of targets through a real graph.
+// One source playing `frames` (copies of them) into any number of targets
+// through a real graph.
 class GraphRun {
 public:
     GraphRun(std::vector<std::uint16_t> streams, Frames frames);
     // Creates a target with its exported creator and connects it.
     KEL::Filter* AddTarget(KEL::FilterCreator creator, const std::string& name);
-    // Initialises the graph (first call only) and runs it.
+    // Initialises the graph and runs it once.
     KEL::RunResult Run(const KEL::RunOptions& options = {});
     KEL::Graph& Graph() { return graph_; }
 
 private:
     KEL::Graph graph_;
     KEL::Filter* source_ = nullptr;
-    bool initialized_ = false;
 };
 
 // Calls a target's hooks directly on the calling thread, as the graph does,
@@ -122,19 +84,19 @@ private:
 // are `streams`; it is not part of any graph.
 class DirectDriver {
 public:
+    // Runs onInitializeParams.
     DirectDriver(KEL::Target& target, std::vector<std::uint16_t> streams);
-    // onInitializeParams already ran (constructor); this initialises.
     void Initialize();
     void Play();
     // onProcessFrame for a copy of each atom (the first failing code is
     // returned), then onPostUpdate.
     KEL::KelErrorCode Deliver(const std::vector<AtomPtr>& frame);
-    KEL::KelErrorCode Process(const AtomPtr& atom);
+    KEL::KelErrorCode Process(const AtomPtr& atom) { return target_.onProcessFrame(KEL::Atom::Copy(atom, -1, true)); }
     void PostUpdate();
     void Stop();
 
 private:
-    MemorySource source_;
+    std::unique_ptr<KEL::Source> source_;
     KEL::Target& target_;
 };
 

@@ -29,14 +29,6 @@ using kel_test::MakeCompleteFrames;
 using kel_test::ReadStreams;
 using kel_test::TempDir;
 
-std::size_t CountThumbnails(const KEL::Atom& atom) {
-    const auto layers = atom.GetAllDataLayers();
-    return static_cast<std::size_t>(std::ranges::count_if(layers, [](const auto& layer) {
-        return layer->GetPurposeGuid() == KEL::PurposeGuid_THUMBNAIL &&
-               layer->GetTypeGuid() == KEL::DataTypeTextureRGBA::TheTypeGuid();
-    }));
-}
-
 // Switches "Enable Recording" on and points `writer` at `path`.
 void Record(Kel2File::WriterBase& writer, const std::string& path) {
     std::dynamic_pointer_cast<KEL::FilterParamBool>(writer.InitializeWriterParams().at(0))->SetValue(true);
@@ -138,14 +130,13 @@ void ExpectFilesOfModel(const FileModel& model) {
     for (const auto& [file, streams] : model.files) {
         expected.insert(file);
         const auto stored = ReadStreams(file, false);
-        auto restored = ReadStreams(file, true);
+        const auto restored = ReadStreams(file, true);
         ASSERT_EQ(restored.size(), streams.size()) << file;
         for (const auto& [id, stream] : streams) {
             ASSERT_EQ(restored.at(id).size(), stream.atoms.size()) << file;
             for (std::size_t i = 0; i < stream.atoms.size(); ++i) {
                 const auto& atom = restored.at(id)[i];
-                EXPECT_EQ(CountThumbnails(*stored.at(id)[i]), i == 0 && stream.thumbnail ? 1U : 0U);
-                atom->RemoveDataLayers(KEL::PurposeGuid_THUMBNAIL, KEL::DataTypeTextureRGBA::TheTypeGuid());
+                EXPECT_EQ(kel_test::CountThumbnails(*stored.at(id)[i]), i == 0 && stream.thumbnail ? 1U : 0U);
                 std::string why;
                 EXPECT_EQ(atom->GetFrameNr(), i) << file;
                 EXPECT_TRUE(kel_test::SameContent(*atom, *stream.atoms[i], &why)) << file << " " << i << ": " << why;
@@ -245,26 +236,26 @@ TEST(WriterOutput, FailingSerializationReturnsItsCodeAndKeepsTheFrameNumber) {
     kel_test::ExpectFileHoldsFrames(dir.File("rec.kel"), {frames[0], frames[2]});
 }
 
-TEST(Thumbnail, ExistingThumbnailIsReplacedNotDuplicated) {
+// An atom's existing thumbnail is replaced, not duplicated; an atom without
+// an image is written without one, and that is logged once.
+TEST(Thumbnail, ExistingOneIsReplacedAndAnAtomWithoutImageIsWrittenWithoutOne) {
     auto atom = kel_test::MakeFrameAtom(1, 0, 32, 16);
     auto old = kel_test::MakeTexture(4, 4, 99, KEL::PurposeGuid_THUMBNAIL);
     atom->AddDataLayer(old, true);
     Kel2File::Utils::CreateThumbnailData(atom);
-    ASSERT_EQ(CountThumbnails(*atom), 1U);
-    auto thumbnail = atom->GetDataLayer(KEL::PurposeGuid_THUMBNAIL, KEL::DataTypeTextureRGBA::TheTypeGuid(), false);
-    EXPECT_FALSE(thumbnail->ContentEquals(*old));
-}
+    ASSERT_EQ(kel_test::CountThumbnails(*atom), 1U);
+    EXPECT_FALSE(atom->GetDataLayer(KEL::PurposeGuid_THUMBNAIL, KEL::DataTypeTextureRGBA::TheTypeGuid(), false)
+                     ->ContentEquals(*old));
 
-TEST(Thumbnail, AtomWithoutImageIsWrittenWithoutThumbnailAndLoggedOnce) {
     TempDir dir;
     KelCommon::ScopedLogCapture log;
     Kel2File::BasicWriter writer;
     Record(writer, dir.File("rec.kel"));
     writer.SetThumbnailCreationCurrentlyEnabled(true);
     writer.OnPlay(1);
-    auto atom = std::make_shared<KEL::Atom>(3, 0, 10);
-    atom->AddDataLayer(kel_test::MakeMesh(2, 1), true);
-    EXPECT_EQ(writer.WriteAtom(atom, false), 0U);
+    auto imageless = std::make_shared<KEL::Atom>(3, 0, 10);
+    imageless->AddDataLayer(kel_test::MakeMesh(2, 1), true);
+    EXPECT_EQ(writer.WriteAtom(imageless, false), 0U);
     writer.OnStop();
     ASSERT_EQ(log.Count("Failed to create a thumbnail for an atom"), 1U);
     const auto records = log.Records();
@@ -272,7 +263,7 @@ TEST(Thumbnail, AtomWithoutImageIsWrittenWithoutThumbnailAndLoggedOnce) {
         std::ranges::find(records, "Failed to create a thumbnail for an atom", &KelCommon::LogRecord::message);
     EXPECT_EQ(record->level, 2);
     EXPECT_EQ(record->tag, "KEL2File");
-    EXPECT_EQ(CountThumbnails(*ReadStreams(dir.File("rec.kel"), false).at(3).at(0)), 0U);
+    EXPECT_EQ(kel_test::CountThumbnails(*ReadStreams(dir.File("rec.kel"), false).at(3).at(0)), 0U);
 }
 
 // Intended (docs/recording.md): the budget has no floor, so a caller that
