@@ -102,6 +102,14 @@ struct GatedFixture {
         }
         driver.Stop();
     }
+    // Frame 1 is queued, and the writing thread, released from frame 0, is
+    // held again at `point` of frame 1.
+    void HoldWriterOnFrame1At(HoldPoint point) {
+        driver.Deliver(frames[1]);
+        HoldHooks::Arm(&held, point);
+        gate.Open();
+        held.WaitEntered(1);
+    }
     void OpenAndEnd() {
         gate.Open();
         NaturalEnd();
@@ -237,10 +245,7 @@ TEST(AsyncTargets, StopDiscardsQueuedAndPartialFramesAndFinishesTheFrameTaken) {
 
 TEST(AsyncTargets, StopLandingWhileTheWriterTakesAFrameWritesNothingAfterIt) {
     GatedFixture f("4", false);
-    f.driver.Deliver(f.frames[1]);
-    HoldHooks::Arm(&f.held, HoldPoint::kClaimed);
-    f.gate.Open();
-    f.held.WaitEntered(1);  // frame 0 is written; the writer has claimed frame 1
+    f.HoldWriterOnFrame1At(HoldPoint::kClaimed);  // frame 0 is written; frame 1 is claimed
     f.driver.Deliver(f.frames[2]);
     f.StopThenRelease();
     // Frame 1 was taken after the stop began: it goes with the discarded
@@ -253,10 +258,7 @@ TEST(AsyncTargets, StopLandingWhileTheWriterTakesAFrameWritesNothingAfterIt) {
 // last: that frame is still finished.
 TEST(AsyncTargets, NaturalEndFinishesTheFrameTakenLastWhenTheStopComesFirst) {
     GatedFixture f("4", false);
-    f.driver.Deliver(f.frames[1]);
-    HoldHooks::Arm(&f.held, HoldPoint::kTaken);
-    f.gate.Open();
-    f.held.WaitEntered(1);  // frame 1 is out of the queue, not yet written
+    f.HoldWriterOnFrame1At(HoldPoint::kTaken);  // frame 1 is out of the queue, not yet written
     f.target.SetInputFinished(true);
     ASSERT_TRUE(f.target.IsDone());
     f.StopThenRelease();
