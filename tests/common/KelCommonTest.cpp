@@ -1,7 +1,6 @@
 #include <KEL/KELLogger.h>
 #include <KelCommon/Guid.h>
 #include <KelCommon/Logger.h>
-#include <KelCommon/Thread.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -81,18 +80,4 @@ TEST(Logger, RemovingASinkWaitsForACallUnderWayOnAnotherThread) {
     remover.Wait();
     EXPECT_TRUE(returned.load());
     writer.Wait();
-}
-
-// The full name is the runtime's own (the writer tests check it); the kernel
-// takes at most 15 characters and would refuse a longer name altogether.
-TEST(Thread, GivesTheKernelTheNameCutToFifteenCharacters) {
-    std::string kernel;
-    std::thread t([&] {
-        KelCommon::concurrency::Thread::setCurrentThreadName("KEL2File_AsyncWriter");
-        char buf[32] = {};
-        pthread_getname_np(pthread_self(), buf, sizeof(buf));
-        kernel = buf;
-    });
-    t.join();
-    EXPECT_EQ(kernel, "KEL2File_AsyncW");
 }

@@ -1,7 +1,7 @@
 // Damage to a container costs the damaged bytes only: each test damages a
 // file the way disks and crashes do (flipped bits anywhere, records of an
 // earlier file left at the same place) and checks exactly which atoms come
-// back.
+// back; the verifier locates the damage.
 
 #include <KEL/ContainerVerifier.h>
 #include <gtest/gtest.h>
@@ -101,6 +101,19 @@ TEST_F(ContainerDamage, RecordsOfAnEarlierFileAtTheSamePlaceAreRefused) {
     EXPECT_EQ(Survivors(*reader, current), (std::vector<bool>{true, true, false, false, true, true}));
     EXPECT_EQ(reader->GetDamageReport().foreignRecords, 2U);
     EXPECT_EQ(reader->GetFrameNumbers(1), (std::vector<std::uint32_t>{0, 1, 4, 5}));
+}
+
+TEST_F(ContainerDamage, VerifierLocatesADamagedRecordAndCountsTheRestRecoverable) {
+    const auto ends = WriteContainer(path, SmallAtoms(1, 4));
+    FlipByte(path, ends[1] + 90);
+    const auto v = KEL::VerifyContainer(path);
+    EXPECT_FALSE(v.IsIntact());
+    EXPECT_TRUE(v.indexValid);
+    EXPECT_EQ(v.damagedRecords, 1U);
+    EXPECT_EQ(v.damagedBytes, ends[2] - ends[1]);
+    EXPECT_EQ(v.recoverableAtoms, 3U);
+    ASSERT_EQ(v.problems.size(), 1U);
+    EXPECT_EQ(v.problems[0].offset, ends[1]);
 }
 
 }  // namespace

@@ -38,10 +38,19 @@ TEST(PluginLoaderTest, LoadsTheBuiltPluginOnceAndReadsItsDescriptor) {
     EXPECT_EQ(loaded.info.frameworkVersion, KelCommon::VersionInfo(6, 3, 0));
     EXPECT_EQ(loaded.path, fs::canonical(KEL_TEST_PLUGIN_PATH).string());
     EXPECT_EQ(loaded.filterClasses.size(), 11U);
-    // Every class registered while it loaded carries the library as provider.
+    // Every class registered while it loaded carries the library as provider
+    // and makes filters of its own GUID, name and category: sources, and
+    // targets that take every stream.
     for (const auto& guid : loaded.filterClasses) {
-        EXPECT_EQ(KEL::FilterFactory::Find(guid).value().info.GetProvider(), "libKEL2File_kpl.so");
-        EXPECT_NE(KEL::FilterFactory::CreateFilter(guid), nullptr);
+        const auto info = KEL::FilterFactory::Find(guid).value().info;
+        EXPECT_EQ(info.GetProvider(), "libKEL2File_kpl.so");
+        const auto filter = KEL::FilterFactory::CreateFilter(guid);
+        ASSERT_NE(filter, nullptr);
+        EXPECT_EQ(filter->TypeGuid(), guid);
+        EXPECT_EQ(filter->GetFilterClassInfo().GetName(), info.GetName());
+        const auto* target = dynamic_cast<const KEL::Target*>(filter.get());
+        EXPECT_EQ(info.GetCategory(), target != nullptr ? KEL::FILTER_CATEGORY_TARGET : KEL::FILTER_CATEGORY_SOURCE);
+        EXPECT_TRUE(target == nullptr || target->AcceptsAllStreams()) << info.GetName();
     }
     // The same file through another spelling of its path is the same load.
     const auto classes = KEL::FilterFactory::GetRegisteredClasses().size();
@@ -86,28 +95,6 @@ TEST(PluginLoaderTest, LibrariesThatAreNotLoadablePluginsAreRefusedWithTheReason
     EXPECT_NE(std::string(registered), "0");
     EXPECT_FALSE(KEL::FilterFactory::Find(KelCommon::Guid::FromHexString("0F0F0F0F-7000-4000-8000-000000000007")));
     EXPECT_EQ(KEL::FilterFactory::CreateFilter("FutureFilter"), nullptr);
-}
-
-TEST(PluginLoaderTest, DirectoryLoadTakesSharedLibrariesAndReportsRefusals) {
-    kel_test::TempDir dir;
-    fs::create_symlink(fs::absolute(KEL_TEST_PLUGIN_PATH), dir.Path() / "libKEL2File_kpl.so");
-    std::ofstream(dir.Path() / "libbroken.so") << "garbage";
-    std::ofstream(dir.Path() / "README.txt") << "not a library";
-    std::vector<std::string> errors;
-    EXPECT_EQ(KEL::PluginLoader::LoadPluginsFromDirectory(dir.Path().string(), &errors), 1U);
-    ASSERT_EQ(errors.size(), 1U);
-    EXPECT_NE(errors[0].find("libbroken.so"), std::string::npos) << errors[0];
-    errors.clear();
-    EXPECT_EQ(KEL::PluginLoader::LoadPluginsFromDirectory(dir.File("missing"), &errors), 0U);
-    ASSERT_EQ(errors.size(), 1U);
-    EXPECT_NE(errors[0].find("missing"), std::string::npos) << errors[0];
-}
-
-TEST(PluginLoaderTest, DefaultDirectoryFollowsTheEnvironment) {
-    setenv("KEL_PLUGIN_PATH", "/opt/kel/plugins", 1);
-    EXPECT_EQ(KEL::PluginLoader::DefaultPluginDirectory(), "/opt/kel/plugins");
-    unsetenv("KEL_PLUGIN_PATH");
-    EXPECT_NE(KEL::PluginLoader::DefaultPluginDirectory().find("kel/plugins"), std::string::npos);
 }
 
 TEST(FrameworkVersionTest, SameMajorAndNoNewerMinorIsCompatible) {

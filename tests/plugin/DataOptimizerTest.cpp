@@ -141,10 +141,4 @@ TEST(OptimizerAndLoosener, OptimizeThenLoosenGivesBackTheCapturedAtom) {
     }
 }
 
-TEST(OptimizerAndLoosener, EmptyAtomIsIgnored) {
-    EXPECT_NO_THROW(DataOptimizer::OptimizeAtomData(nullptr));
-    const Kel2File::OptimizedDataLoosener loosener(kel_test::MakeFirstAtom(1, 2), nullptr);
-    EXPECT_NO_THROW(loosener.LoosenOptimizedDataToAtom(nullptr));
-}
-
 }  // namespace

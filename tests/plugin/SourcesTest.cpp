@@ -29,6 +29,7 @@
 #include "sources/SourceKEL2MultiFileAppend.h"
 #include "sources/SourceKEL2MultiFileReader.h"
 #include "support/TestSupport.h"
+#include "targets/TargetTestSupport.h"
 
 namespace {
 
@@ -113,12 +114,7 @@ void MakeFirstAtomUnreadable(const std::string& path, std::uint16_t stream) {
 
 KEL::KelErrorCode ReaderOpenCode(const std::string& path) { return KEL::ReadKEL2File(path.c_str()).Initialize(); }
 
-void SetParam(KEL::Filter& filter, const std::string& name, const std::string& value) {
-    auto param = filter.FindParam(name);
-    ASSERT_NE(param, nullptr) << name;
-    std::string error;
-    ASSERT_TRUE(param->SetValueFromString(value, &error)) << name << ": " << error;
-}
+using kel_test::SetParam;
 
 struct SourceKind {
     std::string name;
@@ -159,28 +155,15 @@ void ExpectClosed(KEL::Source& source) {
 // A source played `expected` (stream, frame number, time stamp and the
 // content of every layer, in any order) with its stream information replaced
 // by the source's `streamInfo`.
-void ExpectPlayed(const KEL::Atom& played, const KEL::Atom& expected,
+void ExpectPlayed(const KEL::Atom& played, const std::shared_ptr<KEL::Atom>& expected,
                   const std::shared_ptr<KEL::DataTypeStreamInfo>& streamInfo) {
-    const auto where =
-        "stream " + std::to_string(expected.GetStreamId()) + " frame " + std::to_string(expected.GetFrameNr());
-    EXPECT_EQ(played.GetStreamId(), expected.GetStreamId()) << where;
-    EXPECT_EQ(played.GetFrameNr(), expected.GetFrameNr()) << where;
-    EXPECT_EQ(played.GetTimeStamp(), expected.GetTimeStamp()) << where;
-    auto unmatched = played.GetAllDataLayers();
-    EXPECT_EQ(std::erase(unmatched, std::static_pointer_cast<KEL::DataLayer>(streamInfo)), 1U) << where;
-    for (const auto& layer : expected.GetAllDataLayers()) {
-        if (layer->GetTypeGuid() == KEL::DataTypeStreamInfo::TheTypeGuid()) {
-            continue;
-        }
-        const auto match =
-            std::ranges::find_if(unmatched, [&](const auto& other) { return layer->ContentEquals(*other); });
-        if (match == unmatched.end()) {
-            ADD_FAILURE() << where << ": no " << layer->TypeName() << " alike";
-        } else {
-            unmatched.erase(match);
-        }
-    }
-    EXPECT_TRUE(unmatched.empty()) << where << ": " << unmatched.size() << " layers too many";
+    auto announced = KEL::Atom::Copy(expected, -1, false);
+    announced->RemoveDataLayers(KEL::DataTypeStreamInfo::TheTypeGuid());
+    announced->AddDataLayer(streamInfo, true);
+    std::string why;
+    EXPECT_EQ(played.GetFrameNr(), expected->GetFrameNr());
+    EXPECT_TRUE(kel_test::SameContent(played, *announced, &why))
+        << "stream " << expected->GetStreamId() << " frame " << expected->GetFrameNr() << ": " << why;
 }
 
 class CollectingTarget : public KEL::Target {
@@ -218,32 +201,6 @@ GraphPlayback PlayThroughGraph(const SourceKind& kind, const std::string& path) 
     const auto result = graph.Run();
     EXPECT_TRUE(result.Ok()) << result.message;
     return {target->atoms, static_cast<KEL::Source*>(source)->GetStreamInfo()};
-}
-
-// The sources' parameters, all read at initialisation (flags 1), with their
-// types and default values; a second call adds the same objects again.
-TEST(Sources, ParametersAreCreatedOnceWithTheirTypesAndDefaults) {
-    const std::string directory = "dir: " + KelCommon::VarManager::getInstance().getRootValue().str() + "/kel_files";
-    for (const auto& [kind, expected] : std::vector<std::pair<const SourceKind*, std::vector<std::string>>>{
-             {&kFileSource, {"KEL File Path = read-file:  *.kel", "Included streams = string: "}},
-             {&kSequential, {"KEL files dir = " + directory}},
-             {&kMerged, {"KEL files dir = " + directory}}}) {
-        SCOPED_TRACE(kind->name);
-        const auto source = Make(*kind);
-        ASSERT_EQ(source->onInitializeParams(nullptr), 0U);
-        const auto params = source->GetParams();
-        ASSERT_EQ(source->onInitializeParams(nullptr), 0U);
-        EXPECT_EQ(source->GetParams(), params);
-        std::vector<std::string> described;
-        for (const auto& param : params) {
-            EXPECT_EQ(param->GetFlags(), 1U);
-            described.push_back(param->GetName() + " = " + param->GetTypeName() + ": " + param->GetValueAsString());
-            if (const auto file = std::dynamic_pointer_cast<KEL::FilterParamFilePath>(param)) {
-                described.back() += " *." + file->GetExtension();
-            }
-        }
-        EXPECT_EQ(described, expected);
-    }
 }
 
 struct RecordingFile {
@@ -438,10 +395,8 @@ TEST(FileSource, IncludedStreamsSelectInFileOrderAndSkippedPiecesAreLogged) {
         {"3, 1", {1, 3}, {}},
         {"x,2", {2}, {"x"}},
         {"1,,2", {1, 2}, {""}},                   // an empty piece between commas
-        {"2abc", {2}, {}},                        // a number followed by text counts as the number
         {"99999999999,0", {0}, {"99999999999"}},  // outside the range of int
         {"65537", {1}, {}},                       // the low sixteen bits
-        {"  2,3  ", {2, 3}, {}},
         {"${KEL2FILE_TEST_STREAMS}", {0, 2}, {}},
         {"x", {0, 1, 2, 3}, {"x"}},
         {"", {0, 1, 2, 3}, {""}},  // an empty text is one empty piece
@@ -463,10 +418,6 @@ TEST(FileSource, IncludedStreamsSelectInFileOrderAndSkippedPiecesAreLogged) {
             EXPECT_EQ(capture.Count("Failed to parse 'included stream Id' from string '" + piece + "', skipping"), 1U);
         }
         EXPECT_EQ(capture.Count("All file streams will be included"), included.size() == 4 ? 1U : 0U);
-        for (const auto& record : capture.Records()) {
-            EXPECT_EQ(record.level, record.message.starts_with("Failed") ? 2 : 6) << record.message;
-            EXPECT_EQ(record.tag, "KEL2File");
-        }
     }
     KelCommon::VarManager::getInstance().unsetVar("KEL2FILE_TEST_STREAMS");
 }
@@ -509,7 +460,7 @@ TEST(FileAndMergedSources, PlayEveryStreamUpToTheShortest) {
                 const auto& [stream, frames] = order[i % order.size()];
                 const auto frame = static_cast<std::uint32_t>(i / order.size());
                 const auto expected = MakeRecordedAtom(stream, frame, frames, {.take = takeOf[stream]});
-                ExpectPlayed(*played.atoms[i], *expected, played.streamInfo);
+                ExpectPlayed(*played.atoms[i], expected, played.streamInfo);
             }
         };
         Streams all;
@@ -563,7 +514,7 @@ TEST(SequentialSource, PlaysTheFilesInPathOrderWithContinuingFrameNumbers) {
         EXPECT_EQ(played.streamInfo->GetNumFrames(), expected.size() / 2);
         ASSERT_EQ(played.atoms.size(), expected.size());
         for (std::size_t i = 0; i < expected.size(); ++i) {
-            ExpectPlayed(*played.atoms[i], *expected[i], played.streamInfo);
+            ExpectPlayed(*played.atoms[i], expected[i], played.streamInfo);
         }
     }
 }

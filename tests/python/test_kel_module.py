@@ -127,6 +127,16 @@ def test_the_demo_recordings_read_as_the_cpp_side_wrote_them(demo_dir):
         # The per-camera file of camera 2 holds the same pixels.
         with kel.open(str(demo_dir / "per-camera" / "camera_2.kel")) as single:
             assert np.array_equal(single.atom(2, 7).layer("TextureRGBA", "PRIMARY_COLOR").pixels, image.pixels)
+        # Merged back from the per-camera files: the same frames. The
+        # asynchronous snapshot writer, pressed at frame 3, writes the next 4
+        # frames it takes from its queue, which may still hold earlier ones.
+        with kel.open(str(demo_dir / "merged.kel")) as merged, kel.open(str(demo_dir / "snapshot.kel")) as snap:
+            for s in (0, 1, 2):
+                assert np.array_equal(merged.time_stamps(s), rec.time_stamps(s))
+                start = list(rec.time_stamps(s)).index(snap.time_stamps(s)[0])
+                assert start <= 3 and np.array_equal(snap.time_stamps(s), rec.time_stamps(s)[start:start + 4])
+    assert (demo_dir / "capture.kel.xml").exists()
+    assert (demo_dir / "thumbnails" / "camera_2.png").read_bytes().startswith(b"\x89PNG")
 
 
 def test_playback_restores_stream_level_layers_as_the_source_does(demo_dir):

@@ -1,6 +1,4 @@
-#include <KEL/FilterFactory.h>
 #include <KelCommon/Logger.h>
-#include <KelCommon/VarManager.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -160,42 +158,6 @@ TEST(SyncTargets, ParameterChangesApplyAfterTheFrameInProgress) {
     }
 }
 
-// Each target class adds its strategy's parameters to the shared ones, and
-// an asynchronous one five of its own; a second call adds the very same
-// objects, keeping their values.
-TEST(SyncTargets, ParametersComeInOrderWithTheirFlagsDefaultsAndBounds) {
-    const std::string common = "KEL File Path|0|file path (*.kel), default \"" +
-                               KelCommon::VarManager::getInstance().getRootValue().str() +
-                               "/record.kel\"\n"
-                               "Write XML|1|true/false, default true\n"
-                               "Create thumbnail for first frame|0|true/false, default false\n";
-    const std::pair<KEL::FilterCreator, std::string> targets[] = {
-        {&TargetKEL2FileWriterFilterCreator, common + "Enable Recording|0|true/false, default false\n"},
-        {&TargetKEL2FileSnapshotWriterAsyncFilterCreator,
-         common + "Take snapshot|0|button (any value presses it)\n"
-                  "Frames count per snapshot|0|[1, 4294967295], default 3\n"
-                  "Buffer size|1|[0, 4294967295], default 1\n"
-                  "Buffered frames count|4|[0, 4294967295], default 0\n"
-                  "Drop frames when full|0|true/false, default true\n"
-                  "Dropped frames count|4|[0, 9223372036854775807], default 0\n"
-                  "Reset dropped frames counter|0|button (any value presses it)\n"}};
-    for (const auto& [creator, expected] : targets) {
-        std::unique_ptr<KEL::Filter> target(creator());
-        ASSERT_EQ(target->onInitializeParams(nullptr), 0U);
-        const auto params = target->GetParams();
-        std::string described;
-        for (const auto& param : params) {
-            described +=
-                param->GetName() + "|" + std::to_string(param->GetFlags()) + "|" + param->DescribeDomain() + "\n";
-        }
-        EXPECT_EQ(described, expected);
-        SetParam(*target, "Write XML", "false");
-        ASSERT_EQ(target->onInitializeParams(nullptr), 0U);
-        EXPECT_EQ(target->GetParams(), params);
-        EXPECT_FALSE(kel_test::Param<KEL::FilterParamBool>(*target, "Write XML")->GetValue());
-    }
-}
-
 // Presses reach the strategy only while the target plays: one while paused
 // is not counted.
 TEST(SyncTargets, SnapshotPressWhilePausedIsNotCounted) {
@@ -212,52 +174,6 @@ TEST(SyncTargets, SnapshotPressWhilePausedIsNotCounted) {
     EXPECT_EQ(driver.Deliver(kel_test::MakeCompleteFrames({1}, 1)[0]), 0U);
     driver.Stop();
     EXPECT_TRUE(ReadStreams(dir.File("rec.kel"), false).empty());
-}
-
-TEST(Targets, NullAtomIsRefusedWithAnErrorCode) {
-    TempDir dir;
-    for (const auto creator : {&TargetKEL2FileWriterFilterCreator, &TargetKEL2FileWriterAsyncFilterCreator}) {
-        std::unique_ptr<KEL::Filter> filter(creator());
-        auto& target = dynamic_cast<KEL::Target&>(*filter);
-        kel_test::DirectDriver driver(target, {1});
-        SetParam(target, "KEL File Path", dir.File("rec.kel"));
-        SetParam(target, "Enable Recording", "true");
-        driver.Initialize();
-        driver.Play();
-        EXPECT_EQ(target.onProcessFrame(nullptr), KEL::KEL_ERR_INVALID);
-        driver.Stop();
-    }
-}
-
-TEST(PluginRegistration, ElevenClassesAreRegisteredUnderTheirGuidsNamesAndCategories) {
-    const std::pair<std::string, const char*> classes[] = {
-        {"SourceKEL2FileReader", "B74863F3-13CF-47A0-9F90-07718FC52AB6"},
-        {"SourceKEL2MultiFileAppend", "757504F3-A320-43A6-BFD1-9ACE60EDEB7E"},
-        {"SourceKEL2MultiFileReader", "6D82A817-BAC2-4277-B599-7848F2170ADD"},
-        {"TargetKEL2FileWriter", "972EE495-EB8E-48A8-AB94-43797E34A436"},
-        {"TargetKEL2FileWriterAsync", "3802D826-7D62-41BF-A92E-6A56E3700590"},
-        {"TargetKEL2FileSnapshotWriter", "5F18B69C-472C-4BF7-902C-593A24A53267"},
-        {"TargetKEL2FileSnapshotWriterAsync", "990F8140-8912-464F-B85A-6AB300AD0E37"},
-        {"TargetKEL2FilePerStreamWriter", "C6AB7E7D-E3E2-4E3A-ACAF-9A4DD28B318B"},
-        {"TargetKEL2FilePerStreamWriterAsync", "9F77FB3F-F205-491D-A12C-14B3266F700B"},
-        {"TargetKEL2FilePerStreamSnapshotWriter", "A74FA620-53CD-461A-A512-3217F1271DC3"},
-        {"TargetKEL2FilePerStreamSnapshotWriterAsync", "BEF1EC5E-D302-4BAD-B771-88D0E404035C"},
-    };
-    for (const auto& [name, guidText] : classes) {
-        SCOPED_TRACE(name);
-        const auto guid = KelCommon::Guid::FromHexString(guidText);
-        const auto found = KEL::FilterFactory::Find(guid);
-        ASSERT_TRUE(found.has_value());
-        EXPECT_EQ(found->info.GetName(), name);
-        const bool source = name.starts_with("Source");
-        EXPECT_EQ(found->info.GetCategory(), source ? KEL::FILTER_CATEGORY_SOURCE : KEL::FILTER_CATEGORY_TARGET);
-        std::unique_ptr<KEL::Filter> filter(found->creator());
-        EXPECT_EQ(filter->TypeGuid(), guid);
-        EXPECT_EQ(filter->GetFilterClassInfo().GetName(), name);
-        auto* target = dynamic_cast<KEL::Target*>(filter.get());
-        EXPECT_EQ(target != nullptr && target->AcceptsAllStreams(), !source);
-    }
-    EXPECT_EQ(Kel2File::TargetKEL2FileWriter::TheTypeGuid(), KelCommon::Guid::FromHexString(classes[3].second));
 }
 
 }  // namespace

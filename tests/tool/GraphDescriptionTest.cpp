@@ -59,18 +59,13 @@ TEST(GraphDescription, MalformedGraphsAreRefusedNamingTheElement) {
              {"{", "not valid JSON"},
              {R"({"filters": []})", "'filters' must be a non-empty array"},
              {R"({"filters": [{"name": "a"}]})", "filters[0]: missing 'class'"},
-             {R"({"filters": [{"class": "C"}]})", "filters[0]: missing 'name'"},
              {R"({"filters": [{"class": "C", "name": "a"}, {"class": "C", "name": "a"}]})",
               "filters[1]: instance name 'a' is used twice"},
-             {R"({"filters": [{"class": "C", "name": "a.b"}]})", "must not contain '.'"},
              {R"({"filters": [{"class": "C", "name": "a", "params": {"x": [1]}}]})", "filters[0].params: value of 'x'"},
              {R"({"filters": [{"class": "C", "name": "a", "colour": 1}]})", "unknown key 'colour'"},
              {one + R"("connections": [["a", "b"]]})", "connections[0]: no filter named 'b'"},
-             {one + R"("timeline": [{"filter": "a", "stop": true}]})", "timeline[0]: missing 'frame'"},
              {one + R"("timeline": [{"frame": -1, "stop": true}]})", "'frame' must be a non-negative integer"},
              {one + R"("timeline": [{"frame": 1, "filter": "a"}]})", "needs 'set', 'press' or 'stop'"},
-             {one + R"("timeline": [{"frame": 1, "press": "P"}]})", "'filter' is required"},
-             {one + R"("options": {"loops": 5000000000}})", "'loops' is too large"},
              {one + R"("options": {"maxConsecutiveSkips": 0}})", "at least 1"}}) {
         std::string error;
         EXPECT_FALSE(KelTool::ParseGraphDescription(text, &error)) << text;

@@ -21,8 +21,8 @@ TEST_F(KelCommandLine, UsageErrorsExitTwoAndNameTheProblem) {
 // Every class of both plugins: those the file plugin lists on its own (a
 // plugin named after the command loads only that one; the table quotes
 // parameter names) and the synthetic source. Without plugins, none. (Their
-// type GUIDs and categories are checked by
-// PluginRegistration.ElevenClassesAreRegisteredUnderTheirGuidsNamesAndCategories.)
+// GUIDs and categories are checked by
+// PluginLoaderTest.LoadsTheBuiltPluginOnceAndReadsItsDescriptor.)
 TEST_F(KelCommandLine, FiltersListsEveryClassOfTheLoadedPlugins) {
     const auto names = [&](const std::vector<std::string>& args) {
         const auto run = Kel(args);

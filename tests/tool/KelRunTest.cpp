@@ -144,22 +144,4 @@ TEST_F(KelRun, GraphErrorsFailTheRunAndSayWhere) {
     KelFails({"run", "graph.json"}, 1, "timeline event at frame 3: cannot set 'Enable Recording'");
 }
 
-TEST_F(KelRun, DemoRecordsVerifiesAndExportsThumbnails) {
-    const auto run = Kel({"demo", "--out", "demo", "--streams", "2", "--frames", "12", "--width", "64", "--height",
-                          "48", "--snapshot-at", "3", "--snapshot-frames", "4"});
-    ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
-    // What capture.kel holds is checked by tests/python/test_kel_module.py on
-    // the demo's recordings.
-    for (const std::uint16_t s : {0, 1}) {
-        EXPECT_EQ(Stored("demo/merged.kel", s), Range(0, 11));
-        EXPECT_EQ(Stored("demo/per-camera/camera_" + std::to_string(s) + ".kel", s), Range(0, 11));
-        EXPECT_GT(kel_tool_test::ReadPng(File("demo/thumbnails/camera_" + std::to_string(s) + ".png")).width, 0U);
-    }
-    // The asynchronous snapshot writer counts the frames it takes from its queue.
-    EXPECT_EQ(Stored("demo/snapshot.kel", 0).size(), 4U);
-    EXPECT_TRUE(Exists("demo/capture.kel.xml"));
-    EXPECT_TRUE(Contains(Kel({"verify", "demo/capture.kel", "demo/merged.kel"}).out,
-                         {"demo/capture.kel: OK", "demo/merged.kel: OK"}));
-}
-
 }  // namespace

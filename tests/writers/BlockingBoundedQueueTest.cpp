@@ -4,10 +4,6 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
-#include <mutex>
-#include <set>
-#include <thread>
-#include <vector>
 
 #include "host/Completion.h"
 #include "host/Gate.h"
@@ -89,55 +85,6 @@ TEST(BlockingBoundedQueue, FlushLeavesTheOldestElementToTheConsumerThatClaimedIt
     EXPECT_EQ(pulled, 1);
     ASSERT_EQ(queue.Size(), 1U);
     EXPECT_EQ(queue.Pull(), -1);
-}
-
-// Every element reaches exactly one consumer, and each consumer sees each
-// producer's elements in the order they were pushed.
-TEST(BlockingBoundedQueue, ManyProducersAndConsumersHandOverEveryElementOnceInOrder) {
-    constexpr int kProducers = 4;
-    constexpr int kConsumers = 3;
-    constexpr int kPerProducer = 2000;
-    Queue queue(3);
-    std::vector<std::thread> threads;
-    std::mutex seenMutex;
-    std::multiset<int> seen;
-    std::atomic<int> remaining{kProducers * kPerProducer};
-    threads.reserve(kProducers + kConsumers);
-    for (int p = 0; p < kProducers; ++p) {
-        threads.emplace_back([&, p] {
-            for (int i = 0; i < kPerProducer; ++i) {
-                queue.Push(p * kPerProducer + i);
-            }
-        });
-    }
-    for (int c = 0; c < kConsumers; ++c) {
-        threads.emplace_back([&] {
-            std::vector<int> mine;
-            std::vector<int> last(kProducers, -1);  // the last element seen of each producer
-            for (int value = queue.Pull(); value >= 0; value = queue.Pull()) {
-                EXPECT_LT(last[value / kPerProducer], value);
-                last[value / kPerProducer] = value;
-                mine.push_back(value);
-                if (--remaining == 0) {
-                    // Last element: release every consumer.
-                    for (int k = 0; k < kConsumers; ++k) {
-                        queue.Push(-1);
-                    }
-                }
-            }
-            std::lock_guard<std::mutex> lock(seenMutex);
-            seen.insert(mine.begin(), mine.end());
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    ASSERT_EQ(seen.size(), static_cast<std::size_t>(kProducers * kPerProducer));
-    int expected = 0;
-    for (int value : seen) {
-        ASSERT_EQ(value, expected++);
-    }
-    EXPECT_EQ(queue.Size(), 0U);
 }
 
 }  // namespace

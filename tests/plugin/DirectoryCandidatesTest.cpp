@@ -1,9 +1,6 @@
-#include <KEL/DataTypeStreamInfo.h>
-#include <KelCommon/Logger.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <boost/filesystem/exception.hpp>
 #include <filesystem>
 #include <fstream>
 
@@ -15,37 +12,6 @@ namespace {
 namespace fs = std::filesystem;
 using Kel2File::Utils;
 using Paths = std::vector<std::string>;
-
-TEST(UtilsStreamInfo, FrameCountIsSetInTheAtomsOwnLayerAndAMissingLayerIsLogged) {
-    auto atom = kel_test::MakeFirstAtom(1, 3);
-    const auto own = atom->GetDataLayerByType(KEL::DataTypeStreamInfo::TheTypeGuid(), false);
-
-    const auto info = Utils::ExtractStreamInfo(atom, 4321);
-
-    EXPECT_EQ(std::static_pointer_cast<KEL::DataLayer>(info), own);
-    EXPECT_EQ(KEL::LayerCast<KEL::DataTypeStreamInfo>(own)->GetNumFrames(), 4321U);
-
-    KelCommon::ScopedLogCapture capture;
-    EXPECT_EQ(Utils::ExtractStreamInfo(kel_test::MakeFrameAtom(1, 0), 10), nullptr);
-    ASSERT_EQ(capture.Records().size(), 1U);
-    EXPECT_EQ(capture.Records()[0].message, "The atom lacks stream info data layer");
-    EXPECT_EQ(capture.Records()[0].level, 2);
-    EXPECT_EQ(capture.Records()[0].tag, "KEL2File");
-}
-
-TEST(UtilsProfile, HoldsOneEntryPerLayerInLayerOrder) {
-    for (const auto& atom : {kel_test::MakeFirstAtom(1, 3), std::make_shared<KEL::Atom>(1, 0)}) {
-        const auto profile = Utils::DetermineProfile(atom);
-
-        ASSERT_NE(profile, nullptr);
-        const auto layers = atom->GetAllDataLayers();
-        ASSERT_EQ(profile->Size(), layers.size());
-        for (std::size_t i = 0; i < layers.size(); ++i) {
-            EXPECT_EQ(profile->GetDataProfiles()[i]->GetTypeGuid(), layers[i]->GetTypeGuid());
-            EXPECT_EQ(profile->GetDataProfiles()[i]->GetPurposeGuid(), layers[i]->GetPurposeGuid());
-        }
-    }
-}
 
 class DirectoryCandidates : public ::testing::Test {
 protected:
@@ -96,13 +62,6 @@ TEST_F(DirectoryCandidates, LinksAreListedUnderTheirTargetsCanonicalPathOncePerL
     fs::current_path(previous);
 
     EXPECT_EQ(candidates, (Paths{"store/real.data", "store/real.data"}));
-}
-
-TEST_F(DirectoryCandidates, DanglingLinkOrMissingDirectoryRaisesAFilesystemError) {
-    EXPECT_THROW(Candidates(root_ / "nope"), boost::filesystem::filesystem_error);
-
-    fs::create_symlink(root_ / "gone.data", root_ / "broken.kel");
-    EXPECT_THROW(Candidates(root_), boost::filesystem::filesystem_error);
 }
 
 }  // namespace
