@@ -77,15 +77,6 @@ inline std::vector<bool> Survivors(KEL::ReadKEL2File& reader, const std::vector<
     return back;
 }
 
-// Captured lines logged at `level` whose message contains `fragment`.
-inline std::size_t CountAtLevel(const KelCommon::ScopedLogCapture& log, int level, const std::string& fragment) {
-    std::size_t n = 0;
-    for (const auto& r : log.Records()) {
-        n += (r.level == level && r.message.find(fragment) != std::string::npos) ? 1 : 0;
-    }
-    return n;
-}
-
 // A scratch directory per test, and the container file most tests use.
 class ContainerTest : public testing::Test {
 protected:

@@ -184,11 +184,9 @@ TEST(FilterParamTest, PathsExpandVariablesAndNormalise) {
         {false, "${KEL_PARAM_TEST_DIR}/day1/../rec.kel", "/data/captures/rec.kel"},
         {false, "out/./take.kel", (cwd / "out/take.kel").string()},
         {false, "/tmp/${KEL_PARAM_TEST_UNKNOWN_VAR}/a.kel", "/tmp/${KEL_PARAM_TEST_UNKNOWN_VAR}/a.kel"},
-        {false, "", ""},
         {false, "/cost $$5/${bad name}/${KEL_PARAM_TEST_ENV_VAR}.kel", "/cost $5/${bad name}/fromenv.kel"},
         {false, "${KEL_PARAM_TEST_DIR}/${KEL_PARAM_TEST_DIR", "/data/captures/${KEL_PARAM_TEST_DIR"},
         {true, "${ROOT}/kel_files/", "/srv/kel/kel_files"},
-        {true, "/", "/"},
         {true, "rel/../x", (cwd / "x").string()}};
     for (const auto& [isDir, value, absolute] : cases) {
         KEL::FilterParamString& param = isDir ? static_cast<KEL::FilterParamString&>(dir) : file;
@@ -197,8 +195,6 @@ TEST(FilterParamTest, PathsExpandVariablesAndNormalise) {
         EXPECT_EQ(isDir ? dir.GetAbsoluteDirPath() : file.GetAbsoluteFilePath(), absolute) << value;
     }
     vars.unsetVar("KEL_PARAM_TEST_DIR");
-    file.SetValue("/${KEL_PARAM_TEST_DIR}");
-    EXPECT_EQ(file.GetAbsoluteFilePath(), "/${KEL_PARAM_TEST_DIR}");
     vars.setRootValue(oldRoot);
 }
 

@@ -426,30 +426,6 @@ TEST_F(GraphTest, PauseResumeAndStopWhilePaused) {
     EXPECT_EQ(Events({"tgt.on", "src.on", "src.push"}, "tgt.onPause@5"),
               "tgt.onPause@5, src.onPause@5, tgt.onPlay@6, src.onPlay@6, src.push 2, src.push 3, "
               "tgt.onPause@5, src.onPause@5, src.onStop@7, tgt.onStop@7");
-    EXPECT_EQ(tgt->GetFilterState(), KEL::FILTER_STATE_INITIALIZED);
-}
-
-// Listeners hear of a reset in registration order; unregistering erases the
-// first registration only.
-TEST_F(GraphTest, SeekResetsFrameOrderForTheRegisteredListeners) {
-    Build(1, 4, {"tgt", "quiet"});
-    auto* quiet = static_cast<TestTarget*>(graph->FindFilter("quiet"));
-    for (auto* listener : {tgt, quiet, tgt}) {
-        graph->RegisterFrameOrderResetListener(listener);
-    }
-    graph->UnregisterFrameOrderResetListener(tgt);
-    KEL::RunOptions options;
-    options.afterFrame = [&, seeked = false](KEL::Graph& g, std::uint32_t f, bool) mutable {
-        if (f == 2 && !std::exchange(seeked, true)) {
-            g.Seek(0);
-        }
-    };
-    const auto result = InitializeAndRun(options);
-    EXPECT_EQ(Summary(result), "code 0, 7 delivered, 0 skipped") << result.message;
-    // The reset comes between the frame that asked for the seek and the frame sought.
-    EXPECT_EQ(Events({"src.push", "tgt.reset", "quiet.reset"}),
-              "src.push 0, src.push 1, src.push 2, quiet.reset, tgt.reset, src.push 0, src.push 1, src.push 2, "
-              "src.push 3");
 }
 
 // One source feeding targets that take its streams, under names of their own.

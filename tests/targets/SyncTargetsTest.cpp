@@ -1,4 +1,3 @@
-#include <KelCommon/Logger.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -122,41 +121,6 @@ INSTANTIATE_TEST_SUITE_P(
                       TargetStrategy{"PerStreamSnapshotWriter", &TargetKEL2FilePerStreamSnapshotWriterFilterCreator,
                                      &TargetKEL2FilePerStreamSnapshotWriterAsyncFilterCreator, true, true}),
     [](const auto& param) { return std::string(param.param.name); });
-
-// Changes set before a frame apply after it: recording switched off before
-// frame 2 still writes it; a path set while not recording is used when
-// recording is switched on again (before frame 6: from frame 7 on); a path
-// change while recording moves to the new file after the frame in progress.
-TEST(SyncTargets, ParameterChangesApplyAfterTheFrameInProgress) {
-    TempDir dir;
-    KelCommon::ScopedLogCapture log;
-    const Frames frames = kel_test::MakeCompleteFrames({1, 2}, 10);
-    GraphRun run({1, 2}, frames);
-    KEL::Filter* target = run.AddTarget(&TargetKEL2FileWriterFilterCreator, "rec");
-    SetParam(*target, "KEL File Path", dir.File("a.kel"));
-    SetParam(*target, "Enable Recording", "true");
-    const std::map<std::uint32_t, std::pair<const char*, std::string>> changes = {
-        {2, {"Enable Recording", "false"}},
-        {5, {"KEL File Path", dir.File("b.kel")}},
-        {6, {"Enable Recording", "true"}},
-        {8, {"KEL File Path", dir.File("c.kel")}}};
-    KEL::RunOptions options;
-    options.beforeFrame = [&](KEL::Graph&, std::uint32_t nr) {
-        if (const auto change = changes.find(nr); change != changes.end()) {
-            SetParam(*target, change->second.first, change->second.second);
-        }
-    };
-    run.Run(options);
-    ExpectFileHoldsFrames(dir.File("a.kel"), Frames(frames.begin(), frames.begin() + 3));
-    ExpectFileHoldsFrames(dir.File("b.kel"), Frames(frames.begin() + 7, frames.begin() + 9));
-    ExpectFileHoldsFrames(dir.File("c.kel"), Frames(frames.begin() + 9, frames.end()));
-    EXPECT_EQ(log.CountContaining("WriterBase::Start writing"), 3U);
-    EXPECT_EQ(log.CountContaining("WriterBase::Stop writing"), 3U);
-    for (const char* file : {"a.kel", "b.kel", "c.kel"}) {
-        EXPECT_EQ(log.Count("WriterBase::Start writing '" + dir.File(file) + "+xml'"), 1U);
-        EXPECT_EQ(log.Count("WriterBase::Stop writing '" + dir.File(file) + "'"), 1U);
-    }
-}
 
 // Presses reach the strategy only while the target plays: one while paused
 // is not counted.
