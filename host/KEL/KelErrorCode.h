@@ -23,6 +23,7 @@ enum KelErrorCodes : KelErrorCode {
     KEL_ERR_EXCEPTION = 12,           // a filter threw an exception out of a hook
     KEL_ERR_PLUGIN = 13,              // a library could not be loaded as a plugin
     KEL_ERR_GRAPH = 14,               // the graph is not set up for the requested operation
+    KEL_ERR_TIMEOUT = 15,             // a target was not done when the run's time-out passed
 };
 
 // Short English name of a code, for messages ("not found", "corrupt", ...).

@@ -632,8 +632,11 @@ void Graph::Impl::WaitForTargets(const RunOptions& options, RunResult& result) {
             return;
         }
         if (options.doneTimeout.count() > 0 && std::chrono::steady_clock::now() >= deadline) {
-            Log(3, "filter " + Quote(pending->GetInstanceName()) + " is not done after " +
-                       std::to_string(options.doneTimeout.count()) + " ms; stopping it anyway");
+            // Stopping a target that is not done may discard what it still
+            // holds (an asynchronous writer's queue): the run has failed.
+            RecordFailure(result, KEL_ERR_TIMEOUT, pending,
+                          "filter " + Quote(pending->GetInstanceName()) + " is not done after " +
+                              std::to_string(options.doneTimeout.count()) + " ms; stopping it anyway");
             return;
         }
         // Targets finish on threads of their own and have no way to wake the

@@ -34,6 +34,8 @@ const char* KelErrorCodeName(KelErrorCode code) noexcept {
             return "plugin error";
         case KEL_ERR_GRAPH:
             return "graph error";
+        case KEL_ERR_TIMEOUT:
+            return "timed out";
         default:
             return "error";
     }

@@ -388,16 +388,18 @@ TEST_F(GraphTest, AFaultEndsInitialisationOrTheRunNamingTheFilterAndUndoingWhatS
 }
 
 // A target that never says it is done (an asynchronous writer whose disk
-// hangs) ends the run at the time-out rather than hanging it. (That a
-// natural end waits for a target's queue is checked by the asynchronous
+// hangs) is stopped at the time-out rather than hanging the run, and the run
+// fails naming it: stopping it may have discarded frames it accepted. (That
+// a natural end waits for a target's queue is checked by the asynchronous
 // `kel copy` runs, which would lose frames otherwise.)
-TEST_F(GraphTest, NaturalEndWaitsForTheTargetAtMostTheTimeout) {
+TEST_F(GraphTest, TargetNotDoneByTheTimeoutIsStoppedAndFailsTheRun) {
     Build(1, 2);
     tgt->done = [] { return false; };
     KEL::RunOptions options;
     options.doneTimeout = std::chrono::milliseconds(1);
     const auto result = InitializeAndRun(options);
-    EXPECT_EQ(Summary(result), "code 0, 2 delivered, 0 skipped") << result.message;
+    EXPECT_EQ(Summary(result), "code 15, 2 delivered, 0 skipped") << result.message;
+    EXPECT_EQ(result.failedFilter, "target");
     EXPECT_EQ(log->Count("tgt.onStop@7"), 1U);
 }
 

@@ -510,4 +510,20 @@ TEST(SequentialSource, PlaysTheFilesInPathOrderWithContinuingFrameNumbers) {
     }
 }
 
+// The first candidate that does not open ends the scan: the later ones are
+// never opened.
+TEST(SequentialSource, FirstFileThatDoesNotOpenEndsTheScan) {
+    TempDir dir;
+    WriteRecording(dir.File("a.kel"), {{1, 2}});
+    std::ofstream(dir.File("b.kel")) << "not a container";
+    std::ofstream(dir.File("c.kel")) << "neither is this one, and it must never be opened";
+    const KEL::KelErrorCode expected = KEL::ReadKEL2File(dir.File("b.kel").c_str()).Initialize();
+    std::vector<std::shared_ptr<KEL::ReadKEL2File>> readers;
+    KelCommon::ScopedLogCapture capture;
+    EXPECT_EQ(Kel2File::SourceKEL2MultiFileAppend().CollectReadersForFilesInDirectory(dir.Path().string(), readers),
+              expected);
+    ASSERT_EQ(readers.size(), 1U);
+    EXPECT_EQ(capture.CountContaining("c.kel"), 0U);
+}
+
 }  // namespace
