@@ -12,6 +12,7 @@
 #include <KEL/KELPurposeGuids.h>
 
 #include <array>
+#include <bit>
 #include <cstring>
 #include <map>
 #include <set>
@@ -205,20 +206,13 @@ std::string RandomText(Entropy& e) {
     return s;
 }
 
+// Zero, a value with a short binary fraction, or any bit pattern, infinities
+// and NaNs included.
 double RandomReal(Entropy& e) {
-    switch (e.Below(3)) {
-        case 0:
-            return 0.0;
-        case 1:
-            return static_cast<double>(static_cast<std::int64_t>(e.Bits64() >> 20)) / 1024.0;
-        default: {
-            // Any bit pattern, infinities and NaNs included.
-            const std::uint64_t bits = e.Bits64();
-            double d = 0;
-            std::memcpy(&d, &bits, sizeof d);
-            return d;
-        }
-    }
+    const std::uint64_t choice = e.Below(3);
+    const std::uint64_t bits = choice == 0 ? 0 : e.Bits64();
+    return choice == 1 ? static_cast<double>(static_cast<std::int64_t>(bits >> 20)) / 1024.0
+                       : std::bit_cast<double>(bits);
 }
 
 KelCommon::Guid RandomGuid(Entropy& e) {

@@ -8,6 +8,7 @@
 #include <KEL/PluginLoader.h>
 #include <KEL/Target.h>
 #include <KelCommon/Logger.h>
+#include <KelCommon/VarManager.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -65,6 +66,49 @@ TEST(PluginLoaderTest, LoadsTheBuiltPluginOnceAndReadsItsDescriptor) {
     EXPECT_EQ(again.filterClasses, loaded.filterClasses);
     EXPECT_EQ(KEL::FilterFactory::GetRegisteredClasses().size(), classes);
     EXPECT_EQ(TimesLoaded(KEL_TEST_PLUGIN_PATH), 1U);
+}
+
+// Every class's parameters in order, as "name|flags|type|domain": a source's
+// own; a target's shared ones, then its strategy's, then an asynchronous
+// target's queue and counters. Asking again adds the very same objects.
+TEST(PluginLoaderTest, EveryClassOffersItsParametersWithTheirFlagsDefaultsAndBounds) {
+    KEL::LoadedPlugin loaded;
+    ASSERT_EQ(KEL::PluginLoader::LoadPlugin(KEL_TEST_PLUGIN_PATH, &loaded, nullptr), KEL::KEL_OK);
+    const std::string root = KelCommon::VarManager::getInstance().getRootValue().str();
+    const std::string target = "KEL File Path|0|write-file|file path (*.kel), default \"" + root +
+                               "/record.kel\"\nWrite XML|1|bool|true/false, default true\n"
+                               "Create thumbnail for first frame|0|bool|true/false, default false\n";
+    const std::string snapshot =
+        "Take snapshot|0|callback|button (any value presses it)\n"
+        "Frames count per snapshot|0|uint32|[1, 4294967295], default 3\n";
+    const std::string queue =
+        "Buffer size|1|uint32|[0, 4294967295], default 1\nBuffered frames count|4|uint32|[0, 4294967295], default 0\n"
+        "Drop frames when full|0|bool|true/false, default true\n"
+        "Dropped frames count|4|int64|[0, 9223372036854775807], default 0\n"
+        "Reset dropped frames counter|0|callback|button (any value presses it)\n";
+    for (const auto& guid : loaded.filterClasses) {
+        const std::string name = KEL::FilterFactory::Find(guid).value().info.GetName();
+        const std::string expected =
+            name == "SourceKEL2FileReader" ? "KEL File Path|1|read-file|file path (*.kel), default \"\"\nIncluded "
+                                             "streams|1|string|text, default \"\"\n"
+            : name.starts_with("Source")   ? "KEL files dir|1|dir|text, default \"" + root + "/kel_files\"\n"
+                                           : target +
+                                               (name.find("Snapshot") != std::string::npos
+                                                    ? snapshot
+                                                    : "Enable Recording|0|bool|true/false, default false\n") +
+                                               (name.ends_with("Async") ? queue : "");
+        const auto filter = KEL::FilterFactory::CreateFilter(guid);
+        ASSERT_EQ(filter->onInitializeParams(nullptr), KEL::KEL_OK);
+        const auto params = filter->GetParams();
+        std::string described;
+        for (const auto& p : params) {
+            described += p->GetName() + "|" + std::to_string(p->GetFlags()) + "|" + p->GetTypeName() + "|" +
+                         p->DescribeDomain() + "\n";
+        }
+        EXPECT_EQ(described, expected) << name;
+        ASSERT_EQ(filter->onInitializeParams(nullptr), KEL::KEL_OK);
+        EXPECT_EQ(filter->GetParams(), params) << name;
+    }
 }
 
 // Each refusal names the file and the reason, is logged once, and leaves

@@ -3,9 +3,6 @@
 // atom with its stream-level layers optimized away. What a source plays is
 // compared with the atoms that went into the files.
 
-#include <KEL/DataTypeBinary.h>
-#include <KEL/DataTypeCylinderCrop.h>
-#include <KEL/DataTypeRecordingInfo.h>
 #include <KEL/DataTypeStaticInfo.h>
 #include <KEL/DataTypeStreamInfo.h>
 #include <KEL/Graph.h>
@@ -50,30 +47,23 @@ struct RecordingOptions {
 };
 
 // The atom a live source would deliver for `frame` of `stream`: a texture and
-// a mesh of the frame's own plus the stream-level layers (stream information,
-// recording and static information, binary attachment, cylinder crop and
-// version-1 camera parameters), which depend only on the stream, `numFrames`
-// and the take. The static information carries a marker of the stream, for
-// MakeFirstAtomUnreadable.
+// a mesh of the frame's own plus the stream-level layers, which depend only on
+// the stream, `numFrames` and the take. The static information carries a
+// marker of the stream, for MakeFirstAtomUnreadable.
 std::shared_ptr<KEL::Atom> MakeRecordedAtom(std::uint16_t stream, std::uint32_t frame, std::uint32_t numFrames,
                                             const RecordingOptions& options = {}) {
-    auto atom = std::make_shared<KEL::Atom>(stream, frame, options.timeStampOffset + 1'000'000LL + frame * 33'333LL);
-    const std::uint32_t seed = stream * 100'003U + frame;
-    atom->AddDataLayer(kel_test::MakeTexture(8, 4, seed), true);
-    if (!options.withoutMesh) {
-        atom->AddDataLayer(kel_test::MakeMesh(2, seed), true);
-    }
-    if (!options.withoutStreamInfo) {
-        atom->AddDataLayer(
-            std::make_shared<KEL::DataTypeStreamInfo>(numFrames, 30.0, "camera" + std::to_string(stream)), true);
-    }
-    atom->AddDataLayer(std::make_shared<KEL::DataTypeRecordingInfo>(1'700'000'000, "rig-a", "test take"), true);
+    auto atom = kel_test::MakeFirstAtom(stream, numFrames, 8, 4, frame);
+    atom->SetTimeStamp(atom->GetTimeStamp() + options.timeStampOffset);
+    atom->RemoveDataLayers(KEL::DataTypeStaticInfo::TheTypeGuid());
     atom->AddDataLayer(std::make_shared<KEL::DataTypeStaticInfo>(std::map<std::string, std::string>{
                            {"take", options.take}, {"marker", "MARK" + std::to_string(stream) + "."}}),
                        true);
-    atom->AddDataLayer(std::make_shared<KEL::DataTypeBinary>("calib.bin", kel_test::PatternBuffer(32, stream)), true);
-    atom->AddDataLayer(std::make_shared<KEL::DataTypeCylinderCrop>(0.0, 0.0, 1.5, 0.0, 2.2), true);
-    atom->AddDataLayer(kel_test::MakeCamera(1, stream), true);
+    for (const auto& [leftOut, type] : {std::pair{options.withoutStreamInfo, KEL::DataTypeStreamInfo::TheTypeGuid()},
+                                        std::pair{options.withoutMesh, KEL::DataTypeMesh::TheTypeGuid()}}) {
+        if (leftOut) {
+            atom->RemoveDataLayers(type);
+        }
+    }
     return atom;
 }
 

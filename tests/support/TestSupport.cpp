@@ -4,7 +4,6 @@
 #include <KEL/DataTypeCylinderCrop.h>
 #include <KEL/DataTypeRecordingInfo.h>
 #include <KEL/DataTypeStaticInfo.h>
-#include <KEL/KELPurposeGuids.h>
 #include <grp.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -116,8 +115,8 @@ std::shared_ptr<KEL::Atom> MakeFrameAtom(std::uint16_t stream, std::uint32_t fra
 }
 
 std::shared_ptr<KEL::Atom> MakeFirstAtom(std::uint16_t stream, std::uint32_t numFrames, std::uint32_t width,
-                                         std::uint32_t height) {
-    auto atom = MakeFrameAtom(stream, 0, width, height);
+                                         std::uint32_t height, std::uint32_t frame) {
+    auto atom = MakeFrameAtom(stream, frame, width, height);
     atom->RemoveDataLayers(KEL::DataTypeCameraParams::TheTypeGuid());
     atom->AddDataLayer(std::make_shared<KEL::DataTypeStreamInfo>(numFrames, 30.0, "camera" + std::to_string(stream)),
                        true);
@@ -152,14 +151,6 @@ bool AtomsEqual(const KEL::Atom& a, const KEL::Atom& b, std::string* why) {
         *why = difference;
     }
     return difference.empty();
-}
-
-std::vector<std::string> LayerKinds(const KEL::Atom& atom) {
-    std::vector<std::string> kinds;
-    for (const auto& layer : atom.GetAllDataLayers()) {
-        kinds.push_back(layer->TypeName() + "/" + KEL::KELPurposeGuids::Describe(layer->GetPurposeGuid()).str());
-    }
-    return kinds;
 }
 
 std::vector<std::uint8_t> ReadFileBytes(const std::string& path) {

@@ -52,15 +52,14 @@ std::shared_ptr<KEL::Atom> MakeFrameAtom(std::uint16_t stream, std::uint32_t fra
                                          std::uint32_t height = 8);
 // A stream's first atom as a writer would store it: a frame atom plus
 // stream information, recording information, static information, a binary
-// attachment, a cylinder crop and version-1 camera parameters.
+// attachment, a cylinder crop and version-1 camera parameters. With `frame`,
+// the same stream-level layers on that frame's atom.
 std::shared_ptr<KEL::Atom> MakeFirstAtom(std::uint16_t stream, std::uint32_t numFrames, std::uint32_t width = 16,
-                                         std::uint32_t height = 8);
+                                         std::uint32_t height = 8, std::uint32_t frame = 0);
 
 // True when both atoms have the same stream id, frame number, time stamp and
 // layers (same order, same content). On difference, `why` says what differs.
 bool AtomsEqual(const KEL::Atom& a, const KEL::Atom& b, std::string* why = nullptr);
-// Layer kinds of an atom as "TypeName/purpose" strings, in order.
-std::vector<std::string> LayerKinds(const KEL::Atom& atom);
 
 // Runs `body` in a forked child and returns its exit code (-1 when the child
 // did not exit normally). Resource limits and identities set there die with
