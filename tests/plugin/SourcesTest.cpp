@@ -501,8 +501,9 @@ TEST(SequentialSource, PlaysTheFilesInPathOrderWithContinuingFrameNumbers) {
 }
 
 // The first candidate that does not open ends the scan: the later ones are
-// never opened.
-TEST(SequentialSource, FirstFileThatDoesNotOpenEndsTheScan) {
+// never opened. A dangling link among them escapes as a filesystem error,
+// which the host reports as an exception of the filter.
+TEST(SequentialSource, FirstFileThatDoesNotOpenEndsTheScanAndADanglingLinkThrows) {
     TempDir dir;
     WriteRecording(dir.File("a.kel"), {{1, 2}});
     std::ofstream(dir.File("b.kel")) << "not a container";
@@ -514,6 +515,10 @@ TEST(SequentialSource, FirstFileThatDoesNotOpenEndsTheScan) {
               expected);
     ASSERT_EQ(readers.size(), 1U);
     EXPECT_EQ(capture.CountContaining("c.kel"), 0U);
+    std::filesystem::create_symlink(dir.File("gone.data"), dir.File("a0.kel"));
+    const auto source = Make(kSequential);
+    EXPECT_THROW(Open(*source, kSequential, dir.Path().string()), std::exception);
+    EXPECT_EQ(source->Initialize(nullptr), KEL::KEL_ERR_EXCEPTION);
 }
 
 }  // namespace

@@ -88,12 +88,6 @@ void RecordSynthetic(const std::string& path, std::uint32_t streams, std::uint32
     std::filesystem::remove(graph);
 }
 
-std::shared_ptr<KEL::ReadKEL2File> Open(const std::string& path) {
-    auto reader = std::make_shared<KEL::ReadKEL2File>(path.c_str());
-    EXPECT_EQ(reader->Initialize(), KEL::KEL_OK) << path << ": " << reader->GetLastError();
-    return reader;
-}
-
 testing::AssertionResult Contains(const std::string& text, const std::vector<std::string>& fragments) {
     for (const auto& fragment : fragments) {
         if (text.find(fragment) == std::string::npos) {

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "container/ContainerFiles.h"
 #include "support/TestSupport.h"
 
 namespace kel_tool_test {
@@ -57,7 +58,7 @@ void RecordSynthetic(const std::string& path, std::uint32_t streams, std::uint32
                      std::uint32_t width = 32, std::uint32_t height = 24);
 
 // Opens the container at `path`, failing the calling test when it does not open.
-std::shared_ptr<KEL::ReadKEL2File> Open(const std::string& path);
+inline auto Open(const std::string& path) { return kel_test::OpenContainer(path); }
 
 // The image in a PNG file as RGBA, decoded by libpng (empty when the file
 // is not a valid PNG).
