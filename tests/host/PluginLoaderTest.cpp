@@ -81,6 +81,10 @@ TEST(PluginLoaderTest, EveryClassOffersItsParametersWithTheirFlagsDefaultsAndBou
     const std::string snapshot =
         "Take snapshot|0|callback|button (any value presses it)\n"
         "Frames count per snapshot|0|uint32|[1, 4294967295], default 3\n";
+    const std::string recording = "Enable Recording|0|bool|true/false, default false\n";
+    const std::string fileSource =
+        "KEL File Path|1|read-file|file path (*.kel), default \"\"\nIncluded streams|1|string|text, default \"\"\n";
+    const std::string directorySource = "KEL files dir|1|dir|text, default \"" + root + "/kel_files\"\n";
     const std::string queue =
         "Buffer size|1|uint32|[0, 4294967295], default 1\nBuffered frames count|4|uint32|[0, 4294967295], default 0\n"
         "Drop frames when full|0|bool|true/false, default true\n"
@@ -88,15 +92,11 @@ TEST(PluginLoaderTest, EveryClassOffersItsParametersWithTheirFlagsDefaultsAndBou
         "Reset dropped frames counter|0|callback|button (any value presses it)\n";
     for (const auto& guid : loaded.filterClasses) {
         const std::string name = KEL::FilterFactory::Find(guid).value().info.GetName();
-        const std::string expected =
-            name == "SourceKEL2FileReader" ? "KEL File Path|1|read-file|file path (*.kel), default \"\"\nIncluded "
-                                             "streams|1|string|text, default \"\"\n"
-            : name.starts_with("Source")   ? "KEL files dir|1|dir|text, default \"" + root + "/kel_files\"\n"
-                                           : target +
-                                               (name.find("Snapshot") != std::string::npos
-                                                    ? snapshot
-                                                    : "Enable Recording|0|bool|true/false, default false\n") +
-                                               (name.ends_with("Async") ? queue : "");
+        const bool isSnapshot = name.find("Snapshot") != std::string::npos;
+        std::string expected = target + (isSnapshot ? snapshot : recording) + (name.ends_with("Async") ? queue : "");
+        if (name.starts_with("Source")) {
+            expected = name == "SourceKEL2FileReader" ? fileSource : directorySource;
+        }
         const auto filter = KEL::FilterFactory::CreateFilter(guid);
         ASSERT_EQ(filter->onInitializeParams(nullptr), KEL::KEL_OK);
         const auto params = filter->GetParams();

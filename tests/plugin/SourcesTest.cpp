@@ -58,11 +58,11 @@ std::shared_ptr<KEL::Atom> MakeRecordedAtom(std::uint16_t stream, std::uint32_t 
     atom->AddDataLayer(std::make_shared<KEL::DataTypeStaticInfo>(std::map<std::string, std::string>{
                            {"take", options.take}, {"marker", "MARK" + std::to_string(stream) + "."}}),
                        true);
-    for (const auto& [leftOut, type] : {std::pair{options.withoutStreamInfo, KEL::DataTypeStreamInfo::TheTypeGuid()},
-                                        std::pair{options.withoutMesh, KEL::DataTypeMesh::TheTypeGuid()}}) {
-        if (leftOut) {
-            atom->RemoveDataLayers(type);
-        }
+    if (options.withoutStreamInfo) {
+        atom->RemoveDataLayers(KEL::DataTypeStreamInfo::TheTypeGuid());
+    }
+    if (options.withoutMesh) {
+        atom->RemoveDataLayers(KEL::DataTypeMesh::TheTypeGuid());
     }
     return atom;
 }

@@ -12,7 +12,7 @@
 
 namespace {
 
-using kel_tool_test::Open;
+using kel_test::OpenContainer;
 using kel_tool_test::RecordSynthetic;
 using KelConvert = kel_tool_test::KelToolTest;
 
@@ -58,7 +58,7 @@ void ExpectSameStreams(KEL::ReadKEL2File& expected, KEL::ReadKEL2File& actual, c
 TEST_F(KelConvert, CopyWithEveryOptionCombinationSplitMergeAndConcatStoreTheStreamsUnchanged) {
     RecordSynthetic(File("in.kel"), 4, 6);
     KelFails({"copy", "in.kel", "./in.data"}, 1, "is the input");
-    const auto in = Open(File("in.kel"));
+    const auto in = OpenContainer(File("in.kel"));
     std::mt19937 random(static_cast<std::uint32_t>(kel_test::EnvNumber("KEL_TOOL_COPY_SEED", 7)));
     for (unsigned round = 0; round < 12; ++round) {
         const bool xml = (round & 1U) != 0;
@@ -93,17 +93,17 @@ TEST_F(KelConvert, CopyWithEveryOptionCombinationSplitMergeAndConcatStoreTheStre
         EXPECT_EQ(run.err, "");
         EXPECT_EQ(run.out.find("Frames delivered: 6") != std::string::npos, !quiet) << run.out;
         EXPECT_EQ(run.out.find("out: Dropped frames count = 0") != std::string::npos, !quiet && writer != 0);
-        ExpectSameStreams(*in, *Open(File(name + ".kel")), ids, thumbnail);
+        ExpectSameStreams(*in, *OpenContainer(File(name + ".kel")), ids, thumbnail);
         EXPECT_EQ(Exists(name + ".kel.xml"), xml);
     }
     const auto split = Kel({"split", "in.kel", "parts/"});
     ASSERT_EQ(split.exitCode, 0) << split.err;
     for (const std::uint16_t id : {0, 1, 2, 3}) {
-        ExpectSameStreams(*in, *Open(File("parts/in_" + std::to_string(id) + ".kel")), {id});
+        ExpectSameStreams(*in, *OpenContainer(File("parts/in_" + std::to_string(id) + ".kel")), {id});
     }
     const auto merge = Kel({"merge", "parts", "merged.kel"});
     ASSERT_EQ(merge.exitCode, 0) << merge.err;
-    ExpectSameStreams(*in, *Open(File("merged.kel")), {0, 1, 2, 3});
+    ExpectSameStreams(*in, *OpenContainer(File("merged.kel")), {0, 1, 2, 3});
     // Concat plays files of the same streams one after the other, numbered
     // on (how the sequential source keeps their atoms is checked in
     // SequentialSource.PlaysTheFilesInPathOrderWithContinuingFrameNumbers);
@@ -113,7 +113,7 @@ TEST_F(KelConvert, CopyWithEveryOptionCombinationSplitMergeAndConcatStoreTheStre
     std::filesystem::copy_file(File("in.kel"), File("takes/1.kel"));
     std::filesystem::copy_file(File("merged.kel"), File("takes/2.kel"));
     ASSERT_EQ(Kel({"concat", "takes", "all.kel"}).exitCode, 0);
-    const auto all = Open(File("all.kel"));
+    const auto all = OpenContainer(File("all.kel"));
     for (const std::uint16_t id : {0, 1, 2, 3}) {
         const auto once = in->GetTimeStamps(id);
         auto stamps = once;

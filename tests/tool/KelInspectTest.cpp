@@ -101,7 +101,7 @@ TEST_F(KelInfo, UnopenableFilesFailWithTheirNameAndTheReason) {
 TEST_F(KelVerify, VerdictRecoverableAtomsAndExitCodeFollowTheDamage) {
     RecordSynthetic(File("ok.kel"), 2, 4, false, 64, 64);
     const auto size = kel_test::FileSize(File("ok.kel"));
-    const auto reader = kel_tool_test::Open(File("ok.kel"));
+    const auto reader = kel_test::OpenContainer(File("ok.kel"));
     const std::uint64_t recordsEnd =
         KEL::container::kFirstRecordOffset + reader->GetStoredBytes(0) + reader->GetStoredBytes(1);
     // Name, damage, verdict and the atoms a reader recovers.

@@ -91,7 +91,7 @@ TEST_F(KelExport, WritesTheSelectedFramesAsPngsOfTheStoredPixelsAndOnlyOfImages)
     // Frames 2..16 of stream 1 are 2..7 and 13..16; every third of them.
     const auto files = std::filesystem::directory_iterator(File("frames"));
     EXPECT_EQ(std::distance(begin(files), end(files)), 4);
-    const auto reader = kel_tool_test::Open(File("take.kel"));
+    const auto reader = kel_test::OpenContainer(File("take.kel"));
     for (const std::uint32_t nr : {2U, 5U, 13U, 16U}) {
         const auto png =
             kel_tool_test::ReadPng(File("frames/frame_0000" + std::to_string(nr + 100).substr(1) + ".png"));

@@ -33,7 +33,7 @@ protected:
     // every atom reads back.
     Frames Stored(const std::string& name, std::uint16_t stream) const {
         constexpr std::int64_t kStart = 1'700'000'000'000'000;
-        const auto reader = kel_tool_test::Open(File(name));
+        const auto reader = kel_test::OpenContainer(File(name));
         const auto numbers = reader->GetFrameNumbers(stream);
         Frames frames;
         for (std::uint32_t i = 0; i < numbers.size(); ++i) {
@@ -69,7 +69,7 @@ TEST_F(KelRun, ShippedTimelineExampleRunsAndTakesOverrides) {
     EXPECT_TRUE(Contains(short_.out, {"Timeline events:  2 fired, 3 never reached"}));
     EXPECT_EQ(Stored("o.kel", 1), Range(0, 24));
     EXPECT_EQ(Stored("recordings/snapshots.kel", 1), Range(20, 24));
-    EXPECT_FALSE(kel_tool_test::Open(File("o.kel"))
+    EXPECT_FALSE(kel_test::OpenContainer(File("o.kel"))
                      ->GetFrameAtom(0, 3)
                      ->GetDataLayerByType(KEL::DataTypeMesh::TheTypeGuid(), false));
 }

@@ -57,9 +57,6 @@ std::string GraphJson(std::uint32_t streams, std::uint32_t frames, std::uint32_t
 void RecordSynthetic(const std::string& path, std::uint32_t streams, std::uint32_t frames, bool thumbnail = false,
                      std::uint32_t width = 32, std::uint32_t height = 24);
 
-// Opens the container at `path`, failing the calling test when it does not open.
-inline auto Open(const std::string& path) { return kel_test::OpenContainer(path); }
-
 // The image in a PNG file as RGBA, decoded by libpng (empty when the file
 // is not a valid PNG).
 struct PngImage {
