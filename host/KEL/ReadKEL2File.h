@@ -52,7 +52,8 @@ struct ReaderOptions {
     // Verify each record's payload checksum when it is first read (on by
     // default; the check costs less than reading the bytes from disk).
     bool verifyChecksums = true;
-    // Log recovery and damage at level 3 (walking, skipped records).
+    // Report damage: log recovery and damage at level 3 (walking, skipped
+    // records) and record what was lost for TakeReaderDamage.
     bool logDamage = true;
     // Open a closed file through its index (false: walk the records as for
     // a file that was not closed; for checking one against the other).
@@ -153,5 +154,28 @@ private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };
+
+// Something a reader lost to damage: a damaged atom record (its stream and
+// frame known from the index or the record walk), or a region of a file in
+// which no intact record could be found (the atoms it held are unknown).
+struct ReaderDamage {
+    std::string path;
+    std::uint64_t offset = 0;
+    std::uint64_t length = 0;  // the region's bytes (0 for an atom record)
+    bool atomKnown = false;
+    std::uint16_t streamId = 0;
+    std::uint32_t frameNr = 0;
+    std::string reason;
+};
+
+// Every damage that readers reporting damage (ReaderOptions::logDamage) met
+// in this process since the last call, in the order met, each once (a region
+// walked again by Refresh, an atom asked for again, are not repeated), and
+// forgets them. At most kMaxReaderDamage entries are kept; `dropped` (when
+// given) receives how many more there were. Thread-safe. Lets a host that
+// played a graph tell which frames its sources could not deliver because of
+// damage.
+inline constexpr std::size_t kMaxReaderDamage = 10000;
+KEL_API std::vector<ReaderDamage> TakeReaderDamage(std::uint64_t* dropped = nullptr);
 
 }  // namespace KEL

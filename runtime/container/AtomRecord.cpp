@@ -23,7 +23,10 @@ struct EncodedLayer {
 
 KelErrorCode EncodeAtomRecord(const Atom& atom, std::uint64_t recordOffset, std::uint64_t fileId,
                               EncodedAtomRecord& out, std::string& error) {
-    const auto layers = atom.GetAllDataLayers();
+    const AtomKey key{atom.GetStreamId(), atom.GetFrameNr(), atom.GetTimeStamp()};
+    out.key = key;
+    out.layers = atom.GetAllDataLayers();
+    const auto& layers = out.layers;
     if (layers.size() > std::numeric_limits<std::uint32_t>::max()) {
         error = "too many layers";
         return KEL_ERR_INVALID;
@@ -54,9 +57,9 @@ KelErrorCode EncodeAtomRecord(const Atom& atom, std::uint64_t recordOffset, std:
     out.iov.clear();
     std::uint8_t* h = out.head.data();
     std::uint8_t* meta = h + kRecordHeaderSize;
-    PutU16(meta, atom.GetStreamId());
-    PutU32(meta + 4, atom.GetFrameNr());
-    PutU64(meta + 8, static_cast<std::uint64_t>(atom.GetTimeStamp()));
+    PutU16(meta, key.streamId);
+    PutU32(meta + 4, key.frameNr);
+    PutU64(meta + 8, static_cast<std::uint64_t>(key.timeStamp));
     PutU32(meta + 16, atom.GetId());
     PutU32(meta + 20, static_cast<std::uint32_t>(encoded.size()));
 
@@ -116,7 +119,7 @@ KelErrorCode EncodeAtomRecord(const Atom& atom, std::uint64_t recordOffset, std:
     RecordHeader header;
     header.kind = RecordKind::kAtom;
     header.fileId = fileId;
-    header.key = {atom.GetStreamId(), atom.GetFrameNr(), atom.GetTimeStamp()};
+    header.key = key;
     header.offset = recordOffset;
     header.payloadSize = end - payloadStart;
     header.payloadChecksum = hasher.Digest();

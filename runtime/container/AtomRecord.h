@@ -19,6 +19,12 @@ namespace KEL::container {
 // own payload buffers, which `blobs` keeps alive. Nothing is copied but the
 // small fields.
 struct EncodedAtomRecord {
+    // The atom's stream, frame number and time stamp, read from it once:
+    // the record's header, its payload and the index must all say the same,
+    // even if another thread changes the atom meanwhile.
+    AtomKey key;
+    // The layers as they were encoded.
+    std::vector<Atom::LayerPtr> layers;
     std::vector<std::uint8_t> head;
     std::vector<KelCommon::SharedBuffer> blobs;
     std::vector<iovec> iov;

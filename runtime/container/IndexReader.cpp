@@ -8,7 +8,7 @@
 namespace KEL::container {
 
 bool ReadWholeRecord(const ReadableFile& file, std::uint64_t offset, std::uint64_t limit, RecordKind kind,
-                     std::uint64_t fileId, WholeRecord& out, std::string& reason) {
+                     std::uint64_t fileId, std::uint64_t maxPayload, WholeRecord& out, std::string& reason) {
     std::array<std::uint8_t, kRecordHeaderSize> bytes{};
     if (offset > limit || limit - offset < kRecordHeaderSize || !file.ReadExactly(offset, bytes.data(), bytes.size())) {
         reason = "record cut short";
@@ -22,6 +22,10 @@ bool ReadWholeRecord(const ReadableFile& file, std::uint64_t offset, std::uint64
     }
     if (header.payloadSize > limit - offset - kRecordHeaderSize) {
         reason = "record runs past its end";
+        return false;
+    }
+    if (header.payloadSize > maxPayload) {
+        reason = "record larger than it can be";
         return false;
     }
     out.memory = BufferPool::Shared()->Get(static_cast<std::size_t>(header.payloadSize));
@@ -61,7 +65,7 @@ IndexStatus ReadIndex(const ReadableFile& file, std::uint64_t size, std::uint64_
     WholeRecord record;
     Footer footer;
     if (status != HeaderStatus::kValid ||
-        !ReadWholeRecord(file, footerOffset, size, RecordKind::kFooter, fileId, record, reason) ||
+        !ReadWholeRecord(file, footerOffset, size, RecordKind::kFooter, fileId, kFooterPayloadSize, record, reason) ||
         !DecodeFooter(record.payload, record.header.payloadSize, footer)) {
         reason = "damaged footer";
         return IndexStatus::kDamaged;
@@ -74,7 +78,17 @@ IndexStatus ReadIndex(const ReadableFile& file, std::uint64_t size, std::uint64_
         return IndexStatus::kDamaged;
     }
     out.fileId = record.header.fileId;
-    if (!ReadWholeRecord(file, footer.indexOffset, footerOffset, RecordKind::kIndex, out.fileId, record, reason)) {
+    // The footer's atom count fixes the index's size: a damaged index
+    // header cannot make the reader allocate more than that.
+    const std::uint64_t indexBytes = footerOffset - footer.indexOffset;
+    if (indexBytes < kRecordHeaderSize + kIndexCountSize ||
+        footer.atoms > (indexBytes - kRecordHeaderSize - kIndexCountSize) / kIndexEntrySize ||
+        kRecordHeaderSize + kIndexCountSize + footer.atoms * kIndexEntrySize != indexBytes) {
+        reason = "index size does not match the footer";
+        return IndexStatus::kDamaged;
+    }
+    if (!ReadWholeRecord(file, footer.indexOffset, footerOffset, RecordKind::kIndex, out.fileId,
+                         kIndexCountSize + footer.atoms * kIndexEntrySize, record, reason)) {
         reason = "index: " + reason;
         return IndexStatus::kDamaged;
     }
@@ -112,7 +126,11 @@ bool ReadChain(const ReadableFile& file, std::uint64_t size, std::uint64_t fileI
     while (offset != 0) {
         // Each checkpoint lies before the one that names it, so the walk
         // back always ends.
-        if (offset >= limit || !ReadWholeRecord(file, offset, limit, RecordKind::kCheckpoint, fileId, record, reason)) {
+        const std::uint64_t unlisted = listed <= slot.atoms ? slot.atoms - listed : 0;
+        const std::uint64_t maxPayload =
+            kCheckpointPrefixSize + std::min<std::uint64_t>(unlisted, UINT64_MAX / 64) * kIndexEntrySize;
+        if (offset >= limit || listed > slot.atoms ||
+            !ReadWholeRecord(file, offset, limit, RecordKind::kCheckpoint, fileId, maxPayload, record, reason)) {
             reason = "checkpoint at " + std::to_string(offset) + ": " + reason;
             return false;
         }

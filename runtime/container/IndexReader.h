@@ -20,9 +20,11 @@ struct WholeRecord {
 
 // Reads the whole record of `kind` at `offset` (header and payload, its
 // checksum verified) of the file `fileId` (0: any file). The record must end
-// by `limit`. False with `reason` set when it cannot be read or is not intact.
+// by `limit`, and its payload may hold at most `maxPayload` bytes (what the
+// record can hold at most by what refers to it; nothing larger is allocated).
+// False with `reason` set when it cannot be read or is not intact.
 bool ReadWholeRecord(const ReadableFile& file, std::uint64_t offset, std::uint64_t limit, RecordKind kind,
-                     std::uint64_t fileId, WholeRecord& out, std::string& reason);
+                     std::uint64_t fileId, std::uint64_t maxPayload, WholeRecord& out, std::string& reason);
 
 enum class IndexStatus {
     kValid,

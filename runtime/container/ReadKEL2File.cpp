@@ -11,6 +11,7 @@
 #include "container/FileIdentity.h"
 #include "container/IndexReader.h"
 #include "container/ReadableFile.h"
+#include "container/ReaderDamageRecord.h"
 #include "container/RecordReader.h"
 #include "container/RecordWalker.h"
 
@@ -88,6 +89,14 @@ struct ReadKEL2File::Impl {
     // walked); Refresh continues walking at `resumeAt`.
     std::uint64_t recordsEnd = 0;
     std::uint64_t resumeAt = 0;
+    // Damage that reached the end of the walk. While the writer has not
+    // closed the file, Refresh walks it again (a record may yet be completed
+    // there), so what it counted is taken back first.
+    struct TrailingDamage {
+        std::uint64_t records = 0;
+        std::uint64_t bytes = 0;
+        std::uint64_t foreign = 0;
+    } trailing;
     std::uint64_t fileSize = 0;
     std::string lastError;
 
@@ -108,6 +117,7 @@ struct ReadKEL2File::Impl {
         streams.clear();
         lastList = nullptr;
         recordsEnd = resumeAt = fileSize = 0;
+        trailing = {};
         lastError.clear();
         lastFetched = SIZE_MAX;
         forwardRun = 0;
@@ -239,6 +249,10 @@ KelErrorCode ReadKEL2File::Impl::Open() {
 }
 
 void ReadKEL2File::Impl::Walk(std::uint64_t from, std::uint64_t to) {
+    report.skippedRecords -= trailing.records;
+    report.skippedBytes -= trailing.bytes;
+    report.foreignRecords -= trailing.foreign;
+    trailing = {};
     WalkVisitor visitor;
     visitor.onRecord = [&](std::uint64_t offset, const RecordHeader& h, bool) {
         if (h.kind == RecordKind::kAtom) {
@@ -247,10 +261,18 @@ void ReadKEL2File::Impl::Walk(std::uint64_t from, std::uint64_t to) {
             closed = true;
         }
     };
-    visitor.onDamage = [&](std::uint64_t, std::uint64_t length, std::uint64_t foreign) {
+    visitor.onDamage = [&](std::uint64_t offset, std::uint64_t length, std::uint64_t foreign) {
         ++report.skippedRecords;
         report.skippedBytes += length;
         report.foreignRecords += foreign;
+        if (offset + length == to) {
+            trailing = {1, length, foreign};
+        }
+        if (options.logDamage) {
+            RecordReaderDamage({path, offset, length, false, 0, 0,
+                                foreign != 0 ? "no intact record (" + std::to_string(foreign) + " of another file)"
+                                             : std::string("no intact record")});
+        }
     };
     visitor.onTail = [&](std::uint64_t, std::uint64_t length) { report.truncatedTailBytes = length; };
     report.truncatedTailBytes = 0;
@@ -269,6 +291,7 @@ std::shared_ptr<Atom> ReadKEL2File::Impl::MarkBad(std::size_t index, const std::
         LogContainer(3, "Container '%s': atom of stream %u frame %u at offset %llu is damaged (%s); skipped",
                      path.c_str(), static_cast<unsigned>(e.streamId), static_cast<unsigned>(e.frameNr),
                      static_cast<unsigned long long>(e.offset), why.c_str());
+        RecordReaderDamage({path, e.offset, 0, true, e.streamId, e.frameNr, why});
     }
     return nullptr;
 }
@@ -284,6 +307,17 @@ std::shared_ptr<Atom> ReadKEL2File::Impl::Load(std::size_t index) {
         *file, *pool, header.fileId,
         {record.offset, SizeHint(index), recordsEnd, options.verifyChecksums && state == RecordState::kUnchecked});
     if (!loaded.error.empty()) {
+        if (loaded.transient) {
+            // An I/O error says nothing about the record: it stays unchecked
+            // and the next fetch reads it again.
+            lastError = loaded.error;
+            if (options.logDamage) {
+                LogContainer(3, "Container '%s': atom of stream %u frame %u at offset %llu: %s", path.c_str(),
+                             static_cast<unsigned>(record.streamId), static_cast<unsigned>(record.frameNr),
+                             static_cast<unsigned long long>(record.offset), loaded.error.c_str());
+            }
+            return nullptr;
+        }
         return MarkBad(index, loaded.error);
     }
     const AtomKey& key = loaded.header.key;

@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <system_error>
 
 namespace KEL::container {
@@ -104,6 +106,14 @@ std::int64_t ReadableFile::ReadAt(std::uint64_t offset, void* dst, std::size_t s
 std::uint64_t ReadableFile::CurrentSize() const {
     struct stat st {};
     return ::fstat(fd_, &st) == 0 ? static_cast<std::uint64_t>(st.st_size) : 0;
+}
+
+std::uint64_t ReadableFile::NextData(std::uint64_t offset) const {
+    const off_t data = ::lseek(fd_, static_cast<off_t>(offset), SEEK_DATA);
+    if (data >= 0) {
+        return std::max(offset, static_cast<std::uint64_t>(data));
+    }
+    return errno == ENXIO ? UINT64_MAX : offset;
 }
 
 void ReadableFile::WillNeed(std::uint64_t offset, std::uint64_t size) const {

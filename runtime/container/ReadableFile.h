@@ -38,6 +38,10 @@ public:
     }
     // The file's size now (0 when it cannot be determined).
     std::uint64_t CurrentSize() const;
+    // The offset of the first byte at or after `offset` that is not in a
+    // hole of a sparse file: `offset` itself when it holds data or the file
+    // system cannot tell, UINT64_MAX when only holes follow.
+    std::uint64_t NextData(std::uint64_t offset) const;
     // Asks the kernel to start reading a range that will be needed soon.
     void WillNeed(std::uint64_t offset, std::uint64_t size) const;
 

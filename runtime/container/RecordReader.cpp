@@ -1,6 +1,7 @@
 #include "container/RecordReader.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <system_error>
 
@@ -19,6 +20,24 @@ std::string ReadError(std::int64_t result) {
                       : std::string("the file ends inside the record");
 }
 
+// Decodes and checks the header of an atom record at `offset` whose record
+// may take at most `room` bytes.
+bool CheckHeader(const std::uint8_t* bytes, std::uint64_t offset, std::uint64_t fileId, std::uint64_t room,
+                 RecordHeader& header, std::string& error) {
+    if (DecodeRecordHeader(bytes, offset, header) != HeaderStatus::kValid) {
+        error = "damaged record header";
+    } else if (header.fileId != fileId) {
+        error = "record of another file";
+    } else if (header.kind != RecordKind::kAtom) {
+        error = "not an atom record";
+    } else if (header.payloadSize > room - kRecordHeaderSize) {
+        error = "record runs past the end of the records";
+    } else {
+        return true;
+    }
+    return false;
+}
+
 }  // namespace
 
 LoadedRecord ReadAtomRecord(const ReadableFile& file, BufferPool& pool, std::uint64_t fileId,
@@ -31,39 +50,46 @@ LoadedRecord ReadAtomRecord(const ReadableFile& file, BufferPool& pool, std::uin
     }
     const std::uint64_t room = request.limit - offset;
     const std::uint64_t lead = offset % kBlobAlignment;
-    const std::uint64_t want =
+    std::uint64_t want =
         std::clamp<std::uint64_t>(request.sizeHint != 0 ? request.sizeHint : kFirstRead, kRecordHeaderSize, room);
-    auto block = pool.Get(lead + want);
-    std::uint8_t* base = block.get();
-    const std::uint64_t first = std::min(want, kChunk);
-    const std::int64_t got = file.ReadAt(offset - lead, base, lead + first);
-    if (got < static_cast<std::int64_t>(lead + kRecordHeaderSize)) {
-        out.error = ReadError(got);
-        return out;
-    }
-    const std::uint64_t have = static_cast<std::uint64_t>(got) - lead;
-
     RecordHeader& header = out.header;
-    if (DecodeRecordHeader(base + lead, offset, header) != HeaderStatus::kValid) {
-        out.error = "damaged record header";
-        return out;
+    std::shared_ptr<std::uint8_t> block;
+    std::uint64_t have = 0;
+    if (want > kChunk) {
+        // A hint is the distance to the next listed record or to the end of
+        // what was walked, and may span damage, zeros or a hole of a sparse
+        // file: the block is sized by the record's own header, read first.
+        std::array<std::uint8_t, kRecordHeaderSize> bytes{};
+        const std::int64_t got = file.ReadAt(offset, bytes.data(), bytes.size());
+        if (got != static_cast<std::int64_t>(bytes.size())) {
+            out.error = ReadError(got);
+            out.transient = got < 0;
+            return out;
+        }
+        if (!CheckHeader(bytes.data(), offset, fileId, room, header, out.error)) {
+            return out;
+        }
+        want = header.TotalSize();
+        block = pool.Get(lead + want);
+    } else {
+        block = pool.Get(lead + want);
+        const std::uint64_t first = std::min(want, kChunk);
+        const std::int64_t got = file.ReadAt(offset - lead, block.get(), lead + first);
+        if (got < static_cast<std::int64_t>(lead + kRecordHeaderSize)) {
+            out.error = ReadError(got);
+            out.transient = got < 0;
+            return out;
+        }
+        have = static_cast<std::uint64_t>(got) - lead;
+        if (!CheckHeader(block.get() + lead, offset, fileId, room, header, out.error)) {
+            return out;
+        }
     }
-    if (header.fileId != fileId) {
-        out.error = "record of another file";
-        return out;
-    }
-    if (header.kind != RecordKind::kAtom) {
-        out.error = "not an atom record";
-        return out;
-    }
-    if (header.payloadSize > room - kRecordHeaderSize) {
-        out.error = "record runs past the end of the records";
-        return out;
-    }
+    std::uint8_t* base = block.get();
     const std::uint64_t total = header.TotalSize();
     if (total > want) {
-        // The size was not known (or the hint was short): move what was read
-        // into a block that holds the whole record.
+        // The hint was short: move what was read into a block that holds
+        // the whole record.
         auto bigger = pool.Get(lead + total);
         std::memcpy(bigger.get(), base, lead + have);
         block = std::move(bigger);
@@ -74,13 +100,31 @@ LoadedRecord ReadAtomRecord(const ReadableFile& file, BufferPool& pool, std::uin
     if (request.verify) {
         hasher = std::make_unique<PayloadHasher>(offset + kRecordHeaderSize);
         const std::uint64_t ready = std::min(have, total);
-        hasher->Update(base + lead + kRecordHeaderSize, ready - kRecordHeaderSize);
+        if (ready > kRecordHeaderSize) {
+            hasher->Update(base + lead + kRecordHeaderSize, ready - kRecordHeaderSize);
+        }
+    }
+    if (have == 0) {
+        // Only the header was read so far (into the stack): the first piece
+        // reads it again into the block, the payload's hashing starts after it.
+        const std::uint64_t size = std::min(kChunk, total);
+        const std::int64_t n = file.ReadAt(offset - lead, base, lead + size);
+        if (n != static_cast<std::int64_t>(lead + size)) {
+            out.error = ReadError(n);
+            out.transient = n < 0;
+            return out;
+        }
+        if (hasher) {
+            hasher->Update(base + lead + kRecordHeaderSize, size - kRecordHeaderSize);
+        }
+        have = size;
     }
     for (std::uint64_t pos = have; pos < total;) {
         const std::uint64_t size = std::min(kChunk, total - pos);
         const std::int64_t n = file.ReadAt(offset + pos, base + lead + pos, size);
         if (n != static_cast<std::int64_t>(size)) {
             out.error = ReadError(n);
+            out.transient = n < 0;
             return out;
         }
         if (hasher) {

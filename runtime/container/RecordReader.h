@@ -28,6 +28,8 @@ struct LoadedRecord {
     const std::uint8_t* payload = nullptr;
     RecordHeader header;
     bool checksumVerified = false;
+    // The read itself failed (an I/O error): the record may read well later.
+    bool transient = false;
     // Why the record cannot be used ("" when it can).
     std::string error;
 };

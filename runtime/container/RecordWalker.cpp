@@ -27,7 +27,9 @@ public:
         if (offset > end_ || end_ - offset < size) {
             return nullptr;
         }
-        readSize_ = offset == start_ + length_ ? std::min(readSize_ * 2, kMaxRead) : kMinRead;
+        // A read that failed is followed by small ones, so that what cannot
+        // be read is passed over a page at a time.
+        readSize_ = offset == start_ + length_ && length_ != 0 ? std::min(readSize_ * 2, kMaxRead) : kMinRead;
         const std::size_t want = static_cast<std::size_t>(
             std::min<std::uint64_t>(end_ - offset, std::max<std::size_t>(std::min(size, kMaxRead), readSize_)));
         if (want > buffer_.size()) {
@@ -36,6 +38,9 @@ public:
         const std::int64_t got = file_.ReadAt(offset, buffer_.data(), want);
         start_ = offset;
         length_ = got > 0 ? static_cast<std::uint64_t>(got) : 0;
+        if (length_ < size) {
+            readSize_ = kMinRead;
+        }
         return length_ >= size ? buffer_.data() : nullptr;
     }
 
@@ -74,16 +79,75 @@ bool PayloadValid(const ReadableFile& file, std::uint64_t offset, const RecordHe
     return hasher.Digest() == header.payloadChecksum;
 }
 
-bool AllZero(Window& window, std::uint64_t from, std::uint64_t to) {
-    for (std::uint64_t pos = from; pos < to;) {
-        const std::size_t size = static_cast<std::size_t>(std::min<std::uint64_t>(to - pos, kMaxRead));
+bool AllZero(const std::uint8_t* p, std::size_t size) {
+    return std::all_of(p, p + size, [](std::uint8_t b) { return b == 0; });
+}
+
+// Where the search for the next intact header of the file ended.
+struct SearchResult {
+    std::uint64_t next = 0;     // the header found, or the end of the walk
+    std::uint64_t foreign = 0;  // intact records of another file passed over
+    bool allZero = true;        // every byte passed over was zero (or a hole)
+};
+
+// Searches (from, end) at record-aligned offsets for the next intact header
+// of the file (the bytes at `from` itself are checked for zeros only), one
+// window at a time: each byte is read once, and whether all of them are zero
+// is learnt on the way. A hole of a sparse file is skipped without reading
+// it, and what cannot be read (an I/O error, a file shortened meanwhile) is
+// passed over a page at a time, so the search ends in time proportional to
+// the data, not to the number of offsets.
+SearchResult SearchNextHeader(const ReadableFile& file, Window& window, std::uint64_t from, std::uint64_t end,
+                              std::uint64_t fileId) {
+    SearchResult result;
+    std::uint64_t pos = from;
+    std::uint64_t smallReadsUntil = 0;
+    while (pos < end && end - pos >= kRecordHeaderSize) {
+        const std::size_t step = pos < smallReadsUntil ? kMinRead : kMaxRead;
+        const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(end - pos, step));
         const std::uint8_t* p = window.Get(pos, size);
-        if (p == nullptr || !std::all_of(p, p + size, [](std::uint8_t b) { return b == 0; })) {
-            return false;
+        if (p == nullptr) {
+            result.allZero = false;
+            if (step == kMaxRead) {
+                smallReadsUntil = pos + kMaxRead;
+            } else {
+                pos += size;
+            }
+            continue;
         }
-        pos += size;
+        std::size_t i = 0;
+        for (; i + kRecordHeaderSize <= size; i += kRecordAlignment) {
+            if (GetU32(p + i) != kRecordMagic || pos + i == from) {
+                continue;
+            }
+            RecordHeader header;
+            if (DecodeRecordHeader(p + i, pos + i, header) != HeaderStatus::kValid) {
+                continue;
+            }
+            if (fileId == 0 || header.fileId == fileId) {
+                result.allZero = result.allZero && AllZero(p, i);
+                result.next = pos + i;
+                return result;
+            }
+            ++result.foreign;
+        }
+        const bool zero = AllZero(p, i);
+        result.allZero = result.allZero && zero;
+        pos += i;
+        if (zero && pos < end) {
+            // Past a zero window, a hole of a sparse file need not be read.
+            const std::uint64_t data = std::min(file.NextData(pos), end);
+            pos = std::max(pos, data - data % kRecordAlignment);
+        }
     }
-    return true;
+    if (result.allZero && pos < end) {
+        // The last few bytes, too short for a header.
+        const auto size = static_cast<std::size_t>(end - pos);
+        const std::uint8_t* p = window.Get(pos, size);
+        result.allZero = p != nullptr && AllZero(p, size);
+    }
+    result.next = end;
+    return result;
 }
 
 }  // namespace
@@ -111,30 +175,23 @@ std::uint64_t WalkRecords(const ReadableFile& file, const WalkRange& range, cons
         // Search for the next intact header of this file. Records of another
         // file met on the way are part of the damage: their lengths say
         // nothing about where this file's records are.
-        std::uint64_t foreign = here == Found::kForeign ? 1 : 0;
-        std::uint64_t next = pos + kRecordAlignment;
-        for (; next < range.end && range.end - next >= kRecordHeaderSize; next += kRecordAlignment) {
-            const std::uint8_t* magic = window.Get(next, 4);
-            if (magic == nullptr || GetU32(magic) != kRecordMagic) {
-                continue;
-            }
-            const Found found = Inspect(window, next, range.fileId, header);
-            if (found == Found::kOurs) {
-                break;
-            }
-            foreign += found == Found::kForeign ? 1 : 0;
-        }
-        if (next < range.end && range.end - next >= kRecordHeaderSize) {
-            visitor.onDamage(pos, next - pos, foreign);
-            pos = next;
+        const SearchResult found = SearchNextHeader(file, window, pos, range.end, range.fileId);
+        const std::uint64_t foreign = found.foreign + (here == Found::kForeign ? 1 : 0);
+        if (found.next < range.end) {
+            visitor.onDamage(pos, found.next - pos, foreign);
+            pos = found.next;
             continue;
         }
-        if (foreign == 0 && AllZero(window, pos, range.end)) {
+        if (foreign == 0 && here == Found::kNone && found.allZero) {
             visitor.onTail(pos, remaining);
             return pos;
         }
+        // Damage up to the end: a later walk of the grown file starts at
+        // its beginning again, because a writer that is still at work may
+        // yet complete a record there (pages arriving out of order, a
+        // record being written, a failed write that could not be cut back).
         visitor.onDamage(pos, remaining, foreign);
-        return range.end;
+        return pos;
     }
     return pos;
 }

@@ -146,9 +146,11 @@ struct SerializeToKel::Impl {
 
     void Open(bool overwrite, KELFormatVersion version);
     KelErrorCode CreateInPlace(bool overwrite);
+    KelErrorCode PutInPlace(const std::string& temp, bool overwrite);
     KelErrorCode WriteAt(std::vector<iovec>& iov, std::uint64_t size, const char* what);
     KelErrorCode Sync(const char* what);
     KelErrorCode Serialize(const Atom& atom);
+    void CutBack(std::uint64_t offset);
     void WriteCheckpoint();
     KelErrorCode Close();
 };
@@ -199,6 +201,24 @@ KelErrorCode SerializeToKel::Impl::CreateInPlace(bool overwrite) {
         fd = -1;
         return Failed(Step::kOpen, CodeForOpenErrno(err), "cannot create: " + ErrnoText(err));
     }
+    KelErrorCode code = KEL_OK;
+    try {
+        code = PutInPlace(temp, overwrite);
+    } catch (...) {
+        code = KEL_ERR_IO;
+        Failed(Step::kOpen, code, "out of memory while creating the file");
+    }
+    if (code != KEL_OK) {
+        io->Close(fd);
+        fd = -1;
+        io->Unlink(temp);
+        // When the rename had happened the file exists but is refused like
+        // any other failed open; it holds no atom.
+    }
+    return code;
+}
+
+KelErrorCode SerializeToKel::Impl::PutInPlace(const std::string& temp, bool overwrite) {
     header.fileId = NewFileId();
     header.createdUs =
         std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
@@ -230,19 +250,21 @@ KelErrorCode SerializeToKel::Impl::CreateInPlace(bool overwrite) {
             code = Failed(Step::kSync, CodeForWriteErrno(-rc), "cannot sync the directory: " + ErrnoText(-rc));
         }
     }
-    if (code != KEL_OK) {
-        io->Close(fd);
-        fd = -1;
-        io->Unlink(temp);
-        // When the rename had happened the file exists but is refused like
-        // any other failed open; it holds no atom.
-    }
     return code;
 }
 
 KelErrorCode SerializeToKel::Impl::WriteAt(std::vector<iovec>& iov, std::uint64_t size, const char* what) {
     std::uint64_t written = 0;
-    const int err = GatherWrite(*io, fd, end, iov, written);
+    int err = 0;
+    try {
+        err = GatherWrite(*io, fd, end, iov, written);
+    } catch (...) {
+        // Whatever reached the file is not acknowledged: cut it off.
+        if (io->FTruncate(fd, end) != 0) {
+            junkPastEnd = true;
+        }
+        throw;
+    }
     if (err != 0) {
         // Cut the partial record off; if even that fails a reader still
         // stops at the last complete record, and Close cuts it once more.
@@ -274,32 +296,54 @@ KelErrorCode SerializeToKel::Impl::Serialize(const Atom& atom) {
     std::string error;
     if (const KelErrorCode code = EncodeAtomRecord(atom, end, header.fileId, record, error); code != KEL_OK) {
         return Failed(Step::kAtom, code,
-                      "cannot store atom of stream " + std::to_string(atom.GetStreamId()) + ": " + error);
+                      "cannot store atom of stream " + std::to_string(record.key.streamId) + ": " + error);
     }
+    // Whatever the bookkeeping needs is allocated before the record is
+    // written: a record in the file is one that was acknowledged.
+    index.reserve(index.size() + 1);
     const std::uint64_t offset = end;
     if (const KelErrorCode code = WriteAt(record.iov, record.totalSize, "an atom record"); code != KEL_OK) {
         return code;
     }
-    if (syncEachAtom) {
-        if (const KelErrorCode code = Sync("an atom record"); code != KEL_OK) {
-            // The atom is reported as not written, so a reader must not find
-            // it either: cut its record off again.
-            if (io->FTruncate(fd, offset) == 0) {
-                end = offset;
+    try {
+        if (syncEachAtom) {
+            if (const KelErrorCode code = Sync("an atom record"); code != KEL_OK) {
+                CutBack(offset);
+                return code;
             }
-            return code;
         }
+        if (writeXml) {
+            companion.AddAtom(record.key, record.layers);
+        }
+    } catch (...) {
+        // Reported as not written (out of memory), so a reader must not
+        // find it either, nor a retry of the same atom hide behind it.
+        CutBack(offset);
+        throw;
     }
-    index.push_back({offset, atom.GetTimeStamp(), atom.GetFrameNr(), atom.GetStreamId()});
-    if (writeXml) {
-        companion.AddAtom(atom);
-    }
+    index.push_back({offset, record.key.timeStamp, record.key.frameNr, record.key.streamId});
     ++numAtoms;
     bytesSinceCheckpoint += record.totalSize;
     if (index.size() - uncheckpointed >= kCheckpointAtoms || bytesSinceCheckpoint >= kCheckpointBytes) {
-        WriteCheckpoint();
+        try {
+            WriteCheckpoint();
+        } catch (const std::exception& e) {
+            // The atom is stored and listed; only the checkpoint is missing.
+            Failed(Step::kCheckpoint, KEL_ERR_IO, std::string("cannot write a checkpoint: ") + e.what());
+        }
     }
     return KEL_OK;
+}
+
+// Takes back the record written last, at `offset`, which is reported as not
+// written. Should the cut fail, Close cuts the file once more after its index.
+void SerializeToKel::Impl::CutBack(std::uint64_t offset) {
+    if (io->FTruncate(fd, offset) == 0) {
+        end = offset;
+    } else {
+        end = offset;
+        junkPastEnd = true;
+    }
 }
 
 // Appends a checkpoint listing the atoms written since the previous one and

@@ -12,25 +12,25 @@
 
 namespace KEL::container {
 
-void XmlCompanion::AddAtom(const Atom& atom) {
-    auto [it, inserted] = streamIndex_.try_emplace(atom.GetStreamId(), streams_.size());
+void XmlCompanion::AddAtom(const AtomKey& key, const std::vector<Atom::LayerPtr>& layers) {
+    auto [it, inserted] = streamIndex_.try_emplace(key.streamId, streams_.size());
     if (inserted) {
         StreamSummary s;
-        s.id = atom.GetStreamId();
-        s.firstFrame = s.lastFrame = atom.GetFrameNr();
-        s.firstTimeStamp = s.lastTimeStamp = atom.GetTimeStamp();
+        s.id = key.streamId;
+        s.firstFrame = s.lastFrame = key.frameNr;
+        s.firstTimeStamp = s.lastTimeStamp = key.timeStamp;
         streams_.push_back(std::move(s));
     }
     StreamSummary& s = streams_[it->second];
     ++s.atoms;
     ++atoms_;
-    s.firstFrame = std::min(s.firstFrame, atom.GetFrameNr());
-    s.lastFrame = std::max(s.lastFrame, atom.GetFrameNr());
-    s.firstTimeStamp = std::min(s.firstTimeStamp, atom.GetTimeStamp());
-    s.lastTimeStamp = std::max(s.lastTimeStamp, atom.GetTimeStamp());
-    for (const auto& layer : atom.GetAllDataLayers()) {
-        const auto key = std::make_tuple(layer->GetTypeGuid(), layer->GetPurposeGuid(), layer->GetVersion());
-        auto [kind, added] = s.layerIndex.try_emplace(key, s.layers.size());
+    s.firstFrame = std::min(s.firstFrame, key.frameNr);
+    s.lastFrame = std::max(s.lastFrame, key.frameNr);
+    s.firstTimeStamp = std::min(s.firstTimeStamp, key.timeStamp);
+    s.lastTimeStamp = std::max(s.lastTimeStamp, key.timeStamp);
+    for (const auto& layer : layers) {
+        const auto kindKey = std::make_tuple(layer->GetTypeGuid(), layer->GetPurposeGuid(), layer->GetVersion());
+        auto [kind, added] = s.layerIndex.try_emplace(kindKey, s.layers.size());
         if (added) {
             LayerKind k;
             k.typeName = layer->TypeName();

@@ -9,6 +9,8 @@
 #include <tuple>
 #include <vector>
 
+#include "container/ContainerFormat.h"
+
 namespace KEL::container {
 
 // Collects what the XML companion of a container describes (streams, frame
@@ -17,8 +19,9 @@ namespace KEL::container {
 // docs/container-format.md gives the schema. One thread at a time.
 class XmlCompanion {
 public:
-    // Accounts for one atom that has been stored in the container.
-    void AddAtom(const Atom& atom);
+    // Accounts for one atom that has been stored in the container under
+    // `key` with `layers`.
+    void AddAtom(const AtomKey& key, const std::vector<Atom::LayerPtr>& layers);
 
     // The companion's text for the container file `containerPath` of
     // `fileSize` bytes, whose header carries `fileId` and `createdUs`.

@@ -4,12 +4,43 @@
 // back; the verifier locates the damage.
 
 #include <KEL/ContainerVerifier.h>
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <random>
 
 #include "container/ContainerFiles.h"
 #include "container/ContainerFormat.h"
+
+// Reads of the process fail with EIO while `gFailReadsAt` lies in the range
+// they ask for (the runtime's positioned reads resolve to these definitions
+// of the test executable, which otherwise pass them on), the way a failing
+// disk sector answers.
+namespace {
+std::atomic<std::int64_t> gFailReadsAt{-1};
+
+ssize_t ReadOrFail(const char* name, int fd, void* buf, std::size_t count, off_t offset) {
+    const std::int64_t at = gFailReadsAt.load();
+    if (at >= offset && at < offset + static_cast<off_t>(count)) {
+        errno = EIO;
+        return -1;
+    }
+    using Pread = ssize_t (*)(int, void*, std::size_t, off_t);
+    static const auto pread64Next = reinterpret_cast<Pread>(::dlsym(RTLD_NEXT, "pread64"));
+    static const auto preadNext = reinterpret_cast<Pread>(::dlsym(RTLD_NEXT, "pread"));
+    return (name[5] == '6' ? pread64Next : preadNext)(fd, buf, count, offset);
+}
+}  // namespace
+
+extern "C" ssize_t pread(int fd, void* buf, std::size_t count, off_t offset) {
+    return ReadOrFail("pread", fd, buf, count, offset);
+}
+extern "C" ssize_t pread64(int fd, void* buf, std::size_t count, off_t offset) {
+    return ReadOrFail("pread64", fd, buf, count, offset);
+}
 
 namespace {
 
@@ -114,6 +145,78 @@ TEST_F(ContainerDamage, VerifierLocatesADamagedRecordAndCountsTheRestRecoverable
     EXPECT_EQ(v.recoverableAtoms, 3U);
     ASSERT_EQ(v.problems.size(), 1U);
     EXPECT_EQ(v.problems[0].offset, ends[1]);
+}
+
+// An unclosed file followed by a hole of 8 TiB (a sparse file, as
+// `truncate -s +8T` or a crash of some file systems leaves it): opening it
+// skips the hole without reading it, and reading the last atom, whose
+// distance to the end of the file spans the whole hole, allocates that
+// record, not the hole.
+TEST_F(ContainerDamage, AHugeHoleAfterTheLastAtomIsSkippedAndNeverAllocated) {
+    const auto atoms = SmallAtoms(0, 3, 16);
+    const auto ends = WriteContainer(path, atoms, false);
+    constexpr std::uint64_t kHole = std::uint64_t{8} << 40;
+    if (::truncate(path.c_str(), static_cast<off_t>(ends.back() + kHole)) != 0) {
+        GTEST_SKIP() << "this file system holds no 8 TiB file";
+    }
+    auto reader = OpenContainer(path);
+    EXPECT_EQ(reader->GetNumAtoms(), 3U);
+    EXPECT_EQ(reader->GetDamageReport().truncatedTailBytes, kHole);
+    EXPECT_EQ(reader->GetDamageReport().skippedRecords, 0U);
+    for (const auto& atom : atoms) {
+        ExpectSameAtom(atom, reader->GetFrameAtom(0, atom->GetFrameNr()));
+    }
+}
+
+// A read that fails (EIO) loses the atom for that fetch only: the record is
+// not marked damaged, and the next fetch reads it again.
+TEST_F(ContainerDamage, AFailedReadIsRetriedByTheNextFetch) {
+    const auto atoms = SmallAtoms(1, 3, 64);
+    const auto ends = WriteContainer(path, atoms);
+    auto reader = OpenContainer(path);
+    gFailReadsAt = static_cast<std::int64_t>(ends[0] + 100);
+    EXPECT_FALSE(reader->GetFrameAtom(1, 1));
+    EXPECT_NE(reader->GetLastError().find("Input/output error"), std::string::npos) << reader->GetLastError();
+    gFailReadsAt = -1;
+    ExpectSameAtom(atoms[1], reader->GetFrameAtom(1, 1));
+    EXPECT_EQ(reader->GetDamageReport().skippedRecords, 0U);
+}
+
+// Damage that readers meet is recorded once per place for the host: a
+// damaged atom with its stream and frame, a region without intact records
+// with its length; asking again adds nothing.
+TEST_F(ContainerDamage, ReadersRecordWhatTheyLostOncePerPlace) {
+    (void)KEL::TakeReaderDamage();
+    const auto ends = WriteContainer(path, SmallAtoms(1, 4));
+    FlipByte(path, ends[1] + 90);
+    {
+        auto reader = OpenContainer(path);
+        EXPECT_FALSE(reader->GetFrameAtom(1, 2));
+        EXPECT_FALSE(reader->GetFrameAtom(1, 2));
+        auto quiet = OpenContainer(path, KEL::KEL_OK, {.logDamage = false});
+        EXPECT_FALSE(quiet->GetFrameAtom(1, 2));
+    }
+    auto damage = KEL::TakeReaderDamage();
+    ASSERT_EQ(damage.size(), 1U);
+    EXPECT_EQ(damage[0].path, path);
+    EXPECT_TRUE(damage[0].atomKnown);
+    EXPECT_EQ(damage[0].streamId, 1U);
+    EXPECT_EQ(damage[0].frameNr, 2U);
+    EXPECT_EQ(damage[0].offset, ends[1]);
+    EXPECT_EQ(damage[0].reason, "checksum mismatch");
+    EXPECT_TRUE(KEL::TakeReaderDamage().empty());
+
+    // Without the index, the damaged record header makes a region.
+    const auto unclosed = dir.File("unclosed.kel");
+    const auto unclosedEnds = WriteContainer(unclosed, SmallAtoms(1, 4), false);
+    FlipByte(unclosed, unclosedEnds[1] + 10);
+    auto walked = OpenContainer(unclosed);
+    EXPECT_EQ(walked->GetNumAtoms(), 3U);
+    damage = KEL::TakeReaderDamage();
+    ASSERT_EQ(damage.size(), 1U);
+    EXPECT_FALSE(damage[0].atomKnown);
+    EXPECT_EQ(damage[0].offset, unclosedEnds[1]);
+    EXPECT_EQ(damage[0].length, unclosedEnds[2] - unclosedEnds[1]);
 }
 
 }  // namespace

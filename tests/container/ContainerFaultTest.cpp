@@ -1,7 +1,8 @@
 // I/O fault injection: generated write sequences are run once cleanly, then
 // again with each of their file operations failing once in every way that
 // operation can fail (errors, short writes, a short write followed by an
-// error, a write whose cut-back fails too). Each time the serializer must
+// error, a write whose cut-back fails too, memory running out right after a
+// write or a sync). Each time the serializer must
 // report the matching code, refuse atoms after a failed sync, and leave a
 // file that holds every acknowledged atom exactly once and no failed one,
 // through the index and by walking the records alike, with nothing damaged.
@@ -10,6 +11,7 @@
 
 #include <KEL/ContainerVerifier.h>
 #include <KEL/KELLogger.h>
+#include <KEL/SerializeToKel.h>
 #include <KelCommon/Logger.h>
 #include <gtest/gtest.h>
 
@@ -18,6 +20,7 @@
 #include <filesystem>
 #include <iostream>
 
+#include "container/ContainerFormat.h"
 #include "harness/WriterRun.h"
 #include "support/TestSupport.h"
 
@@ -46,6 +49,7 @@ std::vector<std::vector<Fault>> FaultPlans(const std::vector<Op>& ops, std::size
                 plans.push_back({{i, Mode::kError, error}});
             }
             plans.push_back({{i, Mode::kShortWrite, 0}});
+            plans.push_back({{i, Mode::kThrowAfter, ENOMEM}});
             plans.push_back({{i, Mode::kShortWriteThenError, ENOSPC}});
             // The short write, the failing rest, then the cut-back fails too.
             plans.push_back({{i, Mode::kShortWriteThenError, ENOSPC}, {i + 2, Mode::kError, EIO}});
@@ -53,6 +57,10 @@ std::vector<std::vector<Fault>> FaultPlans(const std::vector<Op>& ops, std::size
         case OpKind::kOpen:
             plans.push_back({{i, Mode::kError, EACCES}});
             plans.push_back({{i, Mode::kError, EIO}});
+            break;
+        case OpKind::kSync:
+            plans.push_back({{i, Mode::kError, EIO}});
+            plans.push_back({{i, Mode::kThrowAfter, ENOMEM}});
             break;
         default:
             plans.push_back({{i, Mode::kError, EIO}});
@@ -66,6 +74,7 @@ std::string Describe(const std::vector<Op>& ops, const std::vector<Fault>& plan)
     std::string s = std::string(OpKindName(ops[f.op].kind)) + " #" + std::to_string(f.op) +
                     (f.mode == Mode::kError        ? " fails"
                      : f.mode == Mode::kShortWrite ? " is short"
+                     : f.mode == Mode::kThrowAfter ? " is done, then memory runs out"
                                                    : " is short, then fails") +
                     (f.error != 0 ? " (" + std::string(std::strerror(f.error)) + ")" : "");
     return plan.size() > 1 ? s + ", and so does the cut-back" : s;
@@ -111,8 +120,8 @@ TEST(ContainerFaults, EveryFailingFileOperationIsReportedAndLosesNothingAcknowle
                 } else {
                     EXPECT_EQ(run.firstFailure, CodeForErrno(fault.error));
                 }
-                if (clean[fault.op].kind == OpKind::kSync && fault.op < ContainerClosedAt(clean) &&
-                    run.openResult == 0) {
+                if (clean[fault.op].kind == OpKind::kSync && fault.mode == Mode::kError &&
+                    fault.op < ContainerClosedAt(clean) && run.openResult == 0) {
                     // Nothing is accepted after a failed sync, and the log says why, once.
                     for (auto a = static_cast<std::size_t>(run.failedAt); a < atoms.size(); ++a) {
                         EXPECT_EQ(run.acknowledgedAfter[a], 0U) << "atom " << a << " accepted after a failed sync";
@@ -144,6 +153,36 @@ TEST(ContainerFaults, EveryFailingFileOperationIsReportedAndLosesNothingAcknowle
     }
     logger->SetStderrLevel(stderrLevel);
     std::cout << "failed file operations: " << failedCalls << " over " << sequences << " sequences\n";
+}
+
+// An atom that another thread changes while the serializer writes it (here
+// the write itself changes it) is stored as the serializer first read it:
+// the record's header, its payload and the index agree, and it reads back.
+TEST(ContainerFaults, AnAtomChangedWhileItIsWrittenIsStoredAsFirstRead) {
+    kel_test::TempDir dir;
+    const auto atom = kel_test::MakeFrameAtom(3, 7, 8, 8);
+    const auto asGiven = KEL::Atom::Copy(atom, 7, false);
+    auto io = std::make_shared<SimulatedFileIo>(dir.Path().string());
+    io->OnEachOperation([&](const Op& op) {
+        if (op.kind == OpKind::kWrite && op.offset >= KEL::container::kFirstRecordOffset) {
+            atom->SetTimeStamp(atom->GetTimeStamp() + 1000);
+            atom->SetFrameNr(atom->GetFrameNr() + 1);
+        }
+    });
+    const std::string path = dir.File("changed.kel");
+    KEL::container::SetFileIoForTesting(io);
+    {
+        KEL::SerializeToKel writer(path.c_str(), true, KEL::CURRENT_VERSION, false);
+        ASSERT_EQ(writer.SerializeAtom(atom), KEL::KEL_OK);
+        ASSERT_EQ(writer.Close(), KEL::KEL_OK);
+    }
+    KEL::container::SetFileIoForTesting(nullptr);
+    KEL::ReadKEL2File reader(path.c_str());
+    ASSERT_EQ(reader.Initialize(), KEL::KEL_OK);
+    const auto back = reader.GetFrameAtom(3, 7);
+    ASSERT_TRUE(back) << "the atom as first read is not in the file";
+    std::string why;
+    EXPECT_TRUE(kel_test::AtomsEqual(*asGiven, *back, &why)) << why;
 }
 
 }  // namespace

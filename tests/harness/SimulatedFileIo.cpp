@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <utility>
 
@@ -196,9 +197,16 @@ template <typename Call>
 int SimulatedFileIo::Perform(Op op, Call call) {
     std::lock_guard lock(mutex_);
     const Fault* f = NextFault();
-    op.result = f != nullptr ? -f->error : call(op);
+    const bool throwAfter = f != nullptr && f->mode == Fault::Mode::kThrowAfter;
+    op.result = f != nullptr && !throwAfter ? -f->error : call(op);
     const int result = op.result;
     ops_.push_back(std::move(op));
+    if (observer_) {
+        observer_(ops_.back());
+    }
+    if (throwAfter) {
+        throw std::bad_alloc();
+    }
     return result;
 }
 
@@ -227,7 +235,7 @@ std::int64_t SimulatedFileIo::PWriteV(int fd, const iovec* iov, int count, std::
     } else if (f != nullptr && f->mode == Fault::Mode::kError) {
         n = -f->error;
     } else {
-        if (f != nullptr) {
+        if (f != nullptr && f->mode != Fault::Mode::kThrowAfter) {
             limit = std::max<std::uint64_t>(1, limit / 2);
             failNextWrite_ = f->mode == Fault::Mode::kShortWriteThenError ? f->error : 0;
         }
@@ -238,6 +246,12 @@ std::int64_t SimulatedFileIo::PWriteV(int fd, const iovec* iov, int count, std::
     }
     op.result = static_cast<int>(std::min<std::int64_t>(n, 1 << 30));
     ops_.push_back(std::move(op));
+    if (observer_) {
+        observer_(ops_.back());
+    }
+    if (f != nullptr && f->mode == Fault::Mode::kThrowAfter) {
+        throw std::bad_alloc();
+    }
     return n;
 }
 
@@ -280,6 +294,11 @@ int SimulatedFileIo::Rename(const std::string& from, const std::string& to, bool
 
 int SimulatedFileIo::SyncDirectory(const std::string& dir) {
     return Perform(MakeOp(OpKind::kSyncDir, Relative(dir.empty() ? root_ : dir)), [](Op&) { return 0; });
+}
+
+void SimulatedFileIo::OnEachOperation(std::function<void(const Op&)> observer) {
+    std::lock_guard lock(mutex_);
+    observer_ = std::move(observer);
 }
 
 std::size_t SimulatedFileIo::OpCount() const {

@@ -6,6 +6,7 @@
 // and of the fault injection (every operation failing once).
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -40,6 +41,7 @@ struct Fault {
         kError,                // the operation fails with `error` and does nothing
         kShortWrite,           // a write writes half of what was asked and says so
         kShortWriteThenError,  // the same, and the next write fails with `error`
+        kThrowAfter,           // the operation is done, then memory runs out (std::bad_alloc)
     };
     std::size_t op = 0;  // index of the operation, counting from 0
     Mode mode = Mode::kError;
@@ -63,6 +65,9 @@ public:
     int Rename(const std::string& from, const std::string& to, bool replace) override;
     int SyncDirectory(const std::string& dir) override;
 
+    // Calls `observer` after each operation, with the operation as
+    // recorded (on the thread that made it, before it returns).
+    void OnEachOperation(std::function<void(const Op&)> observer);
     std::size_t OpCount() const;
     std::vector<Op> Ops() const;
     // Faults that have been applied so far.
@@ -82,6 +87,7 @@ private:
     mutable std::mutex mutex_;
     std::vector<Op> ops_;
     std::size_t fired_ = 0;
+    std::function<void(const Op&)> observer_;
     int failNextWrite_ = 0;
 };
 
