@@ -1,5 +1,6 @@
 #include <KEL/ContainerVerifier.h>
 
+#include <algorithm>
 #include <map>
 #include <new>
 #include <set>
@@ -132,6 +133,19 @@ void Verify(const std::string& path, ContainerVerification& v) {
     }
     // The checkpoints are a shortcut for readers of an unclosed file; what
     // they list must be true even when nobody needs them.
+    // A slot is all zeros until the writer first uses it; any other bytes
+    // must pass the slot's check, in use or not.
+    for (std::size_t i = 0; i < kCheckpointSlotOffsets.size() && !v.headerDamaged; ++i) {
+        const std::uint8_t* slot = identity.slots.data() + i * kCheckpointSlotSize;
+        CheckpointSlot decoded;
+        if (std::any_of(slot, slot + kCheckpointSlotSize, [](std::uint8_t b) { return b != 0; }) &&
+            !DecodeCheckpointSlot(slot, v.fileId, decoded)) {
+            ++v.damagedRecords;
+            v.damagedBytes += kCheckpointSlotSize;
+            v.problems.push_back(
+                {kCheckpointSlotOffsets[i], kCheckpointSlotSize, "checkpoint slot " + std::to_string(i) + " is damaged"});
+        }
+    }
     CheckpointChain chain;
     if (!v.headerDamaged && ReadCheckpoints(*file, v.fileSize, v.fileId, identity.slots.data(), chain, reason)) {
         CheckEntries(chain.entries, atoms, "checkpoint", v, nullptr);

@@ -145,6 +145,16 @@ TEST_F(ContainerDamage, VerifierLocatesADamagedRecordAndCountsTheRestRecoverable
     EXPECT_EQ(v.recoverableAtoms, 3U);
     ASSERT_EQ(v.problems.size(), 1U);
     EXPECT_EQ(v.problems[0].offset, ends[1]);
+
+    // A checkpoint slot the writer never used is damage too.
+    WriteContainer(path, SmallAtoms(1, 4));
+    FlipByte(path, KEL::container::kCheckpointSlotOffsets[1] + 3);
+    const auto slot = KEL::VerifyContainer(path);
+    EXPECT_FALSE(slot.IsIntact());
+    EXPECT_EQ(slot.recoverableAtoms, 4U);
+    ASSERT_EQ(slot.problems.size(), 1U);
+    EXPECT_EQ(slot.problems[0].offset, KEL::container::kCheckpointSlotOffsets[1]);
+    EXPECT_EQ(slot.problems[0].what, "checkpoint slot 1 is damaged");
 }
 
 // An unclosed file followed by a hole of 8 TiB (a sparse file, as
