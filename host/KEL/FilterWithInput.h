@@ -22,8 +22,11 @@ public:
 
     virtual std::shared_ptr<Profile> GetInputProfile();
     // Host side, before onInitialize: the upstream filter and its output
-    // profile. The input stream ids are taken from `source`'s GetStreamIds().
+    // profile. The input stream ids are taken from `source`'s GetStreamIds(),
+    // their number from the same list or, for a source that does not list
+    // its ids, from its GetOutputNumStreams().
     virtual void SetInputProfile(Filter* source, std::shared_ptr<Profile> profile);
+    // The number of atoms each frame brings (one per input stream).
     virtual std::int32_t GetInputNumStreams();
     virtual std::vector<std::uint32_t> GetInputStreamIds();
     // One atom of the current frame; atoms of a frame come one per input
@@ -42,6 +45,7 @@ private:
     mutable std::mutex inputMutex_;
     std::shared_ptr<Profile> inputProfile_;
     std::vector<std::uint32_t> inputStreamIds_;
+    std::int32_t inputNumStreams_ = 0;
 };
 
 }  // namespace KEL

@@ -17,18 +17,21 @@ std::shared_ptr<Profile> FilterWithInput::GetInputProfile() {
 
 void FilterWithInput::SetInputProfile(Filter* source, std::shared_ptr<Profile> profile) {
     std::vector<std::uint32_t> ids;
+    std::uint32_t count = 0;
     if (source != nullptr) {
         ids = source->GetStreamIds();
+        count = ids.empty() ? source->GetOutputNumStreams() : static_cast<std::uint32_t>(ids.size());
     }
     std::lock_guard lock(inputMutex_);
     inputSource_ = source;
     inputProfile_ = std::move(profile);
     inputStreamIds_ = std::move(ids);
+    inputNumStreams_ = static_cast<std::int32_t>(count);
 }
 
 std::int32_t FilterWithInput::GetInputNumStreams() {
     std::lock_guard lock(inputMutex_);
-    return static_cast<std::int32_t>(inputStreamIds_.size());
+    return inputNumStreams_;
 }
 
 std::vector<std::uint32_t> FilterWithInput::GetInputStreamIds() {

@@ -323,6 +323,14 @@ KelErrorCode Graph::Initialize(std::string* error) {
     if (!initialize(source)) {
         return fail();
     }
+    if (source->GetStreamIds().empty() && source->GetOutputNumStreams() == 0) {
+        // Targets count a frame's atoms to know when it is complete.
+        RecordFailure(outcome, KEL_ERR_GRAPH, source,
+                      "source " + Quote(source->GetInstanceName()) +
+                          " names no output streams (neither GetStreamIds nor GetOutputNumStreams), so its "
+                          "targets cannot tell when a frame is complete");
+        return fail();
+    }
     for (FilterWithInput* target : impl_->targets) {
         auto* asTarget = dynamic_cast<Target*>(target);
         const bool handedInput = CallHook(target, "SetInputProfile", outcome, [&] {

@@ -10,6 +10,7 @@
 #include "host/Gate.h"
 #include "support/TestSupport.h"
 #include "targets/TargetKEL2FileAsyncWriter.h"
+#include "targets/TargetKEL2FileWriterAsync.h"
 #include "targets/TargetTestSupport.h"
 #include "writers/BasicWriter.h"
 #include "writers/SnapshotWriter.h"
@@ -285,6 +286,29 @@ TEST(AsyncTargets, SnapshotPressOnAnotherThreadWhileTheWriterHoldsAFrameAddsToTh
     f.driver.Deliver(f.frames[2]);
     f.NaturalEnd();
     f.ExpectFileHolds("rec.kel", {0, 1});
+}
+
+// A source that tells how many streams it has but not their ids gives an
+// asynchronous writer complete frames all the same; a source that tells
+// neither is refused before the first frame, by name.
+TEST(AsyncTargets, FramesAreCompleteWhenTheSourceCountsItsStreamsWithoutListingThem) {
+    TempDir dir;
+    const Frames frames = kel_test::MakeCompleteFrames({3, 5}, 6);
+    for (const auto listing : {kel_test::StreamListing::kCountOnly, kel_test::StreamListing::kNothing}) {
+        kel_test::GraphRun run({3, 5}, frames, listing);
+        KEL::Filter* target = run.AddTarget(&TargetKEL2FileWriterAsyncFilterCreator, "out");
+        SetParam(*target, "KEL File Path", dir.File("counted.kel"));
+        SetParam(*target, "Enable Recording", "true");
+        SetParam(*target, "Drop frames when full", "false");
+        if (listing == kel_test::StreamListing::kCountOnly) {
+            ASSERT_TRUE(run.Run().Ok());
+            kel_test::ExpectFileHoldsFrames(dir.File("counted.kel"), frames);
+        } else {
+            std::string error;
+            EXPECT_EQ(run.Graph().Initialize(&error), KEL::KEL_ERR_GRAPH);
+            EXPECT_NE(error.find("source 'source' names no output streams"), std::string::npos) << error;
+        }
+    }
 }
 
 }  // namespace

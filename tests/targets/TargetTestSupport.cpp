@@ -18,8 +18,8 @@ namespace {
 // frame numbers whatever the targets do.
 class MemorySource final : public KEL::Source {
 public:
-    MemorySource(std::vector<std::uint16_t> streams, Frames frames)
-        : streams_(std::move(streams)), frames_(std::move(frames)) {}
+    MemorySource(std::vector<std::uint16_t> streams, Frames frames, StreamListing listing)
+        : streams_(std::move(streams)), frames_(std::move(frames)), listing_(listing) {}
 
     KelCommon::Guid TypeGuid() const override {
         return KelCommon::Guid::FromHexString("0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F0");
@@ -27,7 +27,13 @@ public:
     KEL::FilterClassInfo GetFilterClassInfo() const override {
         return KEL::FilterClassInfo("MemorySource", KEL::FILTER_CATEGORY_SOURCE);
     }
-    std::vector<std::uint32_t> GetStreamIds() override { return {streams_.begin(), streams_.end()}; }
+    std::vector<std::uint32_t> GetStreamIds() override {
+        return listing_ == StreamListing::kIds ? std::vector<std::uint32_t>(streams_.begin(), streams_.end())
+                                               : std::vector<std::uint32_t>{};
+    }
+    std::uint32_t GetOutputNumStreams() override {
+        return listing_ == StreamListing::kNothing ? 0 : static_cast<std::uint32_t>(streams_.size());
+    }
     KEL::KelErrorCode pushDataToOutput(std::uint32_t frameNr) override {
         if (frameNr >= frames_.size()) {
             return 1;
@@ -41,6 +47,7 @@ public:
 private:
     std::vector<std::uint16_t> streams_;
     Frames frames_;
+    StreamListing listing_;
 };
 
 }  // namespace
@@ -148,8 +155,9 @@ void ExpectFileHoldsFrames(const std::string& path, const Frames& frames) {
     }
 }
 
-GraphRun::GraphRun(std::vector<std::uint16_t> streams, Frames frames)
-    : source_(graph_.AddFilter(std::make_unique<MemorySource>(std::move(streams), std::move(frames)), "source")) {}
+GraphRun::GraphRun(std::vector<std::uint16_t> streams, Frames frames, StreamListing listing)
+    : source_(graph_.AddFilter(std::make_unique<MemorySource>(std::move(streams), std::move(frames), listing),
+                               "source")) {}
 
 KEL::Filter* GraphRun::AddTarget(KEL::FilterCreator creator, const std::string& name) {
     std::string error;
@@ -168,7 +176,7 @@ KEL::RunResult GraphRun::Run(const KEL::RunOptions& options) {
 }
 
 DirectDriver::DirectDriver(KEL::Target& target, std::vector<std::uint16_t> streams)
-    : source_(std::make_unique<MemorySource>(std::move(streams), Frames{})), target_(target) {
+    : source_(std::make_unique<MemorySource>(std::move(streams), Frames{}, StreamListing::kIds)), target_(target) {
     EXPECT_EQ(target_.onInitializeParams(nullptr), 0U);
     target_.SetFilterState(KEL::FILTER_STATE_PARAMS_READY);
 }

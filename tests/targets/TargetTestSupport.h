@@ -63,11 +63,15 @@ bool SameContent(const KEL::Atom& a, const KEL::Atom& b, std::string* why);
 // Checks that `path` holds `frames` (every stream, renumbered from 0).
 void ExpectFileHoldsFrames(const std::string& path, const Frames& frames);
 
+// What the source tells the graph of its streams: their ids (and number),
+// only their number, or nothing.
+enum class StreamListing { kIds, kCountOnly, kNothing };
+
 // One source playing `frames` (copies of them) into any number of targets
 // through a real graph.
 class GraphRun {
 public:
-    GraphRun(std::vector<std::uint16_t> streams, Frames frames);
+    GraphRun(std::vector<std::uint16_t> streams, Frames frames, StreamListing listing = StreamListing::kIds);
     // Creates a target with its exported creator and connects it.
     KEL::Filter* AddTarget(KEL::FilterCreator creator, const std::string& name);
     // Initialises the graph and runs it once.
