@@ -76,7 +76,11 @@ void Verify(const std::string& path, ContainerVerification& v) {
         if (!payloadValid) {
             ++v.damagedRecords;
             v.damagedBytes += header.TotalSize();
-            v.problems.push_back({offset, header.TotalSize(), "record payload checksum mismatch"});
+            v.problems.push_back({offset, header.TotalSize(),
+                                  header.kind == RecordKind::kAtom
+                                      ? "atom of stream " + std::to_string(header.key.streamId) + " frame " +
+                                            std::to_string(header.key.frameNr) + ": record payload checksum mismatch"
+                                      : std::string("record payload checksum mismatch")});
         }
         if (header.kind == RecordKind::kAtom) {
             atoms.emplace(offset, WalkedAtom{header.key, payloadValid});
@@ -142,8 +146,8 @@ void Verify(const std::string& path, ContainerVerification& v) {
             !DecodeCheckpointSlot(slot, v.fileId, decoded)) {
             ++v.damagedRecords;
             v.damagedBytes += kCheckpointSlotSize;
-            v.problems.push_back(
-                {kCheckpointSlotOffsets[i], kCheckpointSlotSize, "checkpoint slot " + std::to_string(i) + " is damaged"});
+            v.problems.push_back({kCheckpointSlotOffsets[i], kCheckpointSlotSize,
+                                  "checkpoint slot " + std::to_string(i) + " is damaged"});
         }
     }
     CheckpointChain chain;

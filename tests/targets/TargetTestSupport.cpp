@@ -156,8 +156,8 @@ void ExpectFileHoldsFrames(const std::string& path, const Frames& frames) {
 }
 
 GraphRun::GraphRun(std::vector<std::uint16_t> streams, Frames frames, StreamListing listing)
-    : source_(graph_.AddFilter(std::make_unique<MemorySource>(std::move(streams), std::move(frames), listing),
-                               "source")) {}
+    : source_(
+          graph_.AddFilter(std::make_unique<MemorySource>(std::move(streams), std::move(frames), listing), "source")) {}
 
 KEL::Filter* GraphRun::AddTarget(KEL::FilterCreator creator, const std::string& name) {
     std::string error;

@@ -6,6 +6,7 @@
 #include <KEL/PurposeGuids.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 
 #include "ToolTestSupport.h"
@@ -13,6 +14,7 @@
 namespace {
 
 using kel_test::OpenContainer;
+using kel_tool_test::Contains;
 using kel_tool_test::RecordSynthetic;
 using KelConvert = kel_tool_test::KelToolTest;
 
@@ -121,6 +123,37 @@ TEST_F(KelConvert, CopyWithEveryOptionCombinationSplitMergeAndConcatStoreTheStre
         EXPECT_EQ(all->GetTimeStamps(id), stamps);
         EXPECT_EQ(all->GetFrameNumbers(id), (std::vector<std::uint32_t>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}));
     }
+}
+
+// One flipped byte in one texture costs the copy that whole frame (the file
+// source's rule), and the tool says so: it fails, naming the file, stream,
+// frame and offset, unless --skip-damaged, which succeeds and counts it.
+TEST_F(KelConvert, AFrameLostToDamageFailsTheConversionUnlessSkipped) {
+    RecordSynthetic(File("in.kel"), 2, 4);
+    std::vector<std::uint8_t> pixels;
+    {
+        auto reader = OpenContainer(File("in.kel"));
+        const auto atom = reader->GetFrameAtom(1, 2);
+        ASSERT_TRUE(atom);
+        const auto texture = KEL::LayerCast<KEL::DataTypeTextureRGBA>(
+            atom->GetDataLayer(KEL::PurposeGuid_PRIMARY_COLOR, KEL::DataTypeTextureRGBA::TheTypeGuid(), false));
+        ASSERT_TRUE(texture);
+        const auto& buffer = texture->GetPixels();
+        pixels.assign(buffer.data(), buffer.data() + buffer.size());
+    }
+    const auto bytes = kel_test::ReadFileBytes(File("in.kel"));
+    const auto at = std::search(bytes.begin(), bytes.end(), pixels.begin(), pixels.end());
+    ASSERT_NE(at, bytes.end());
+    kel_test::FlipByte(File("in.kel"), static_cast<std::uint64_t>(at - bytes.begin()) + pixels.size() / 2);
+
+    const auto failed = Kel({"copy", "in.kel", "out.kel"});
+    EXPECT_EQ(failed.exitCode, 1);
+    EXPECT_TRUE(Contains(failed.err,
+                         {"damaged: '", "in.kel' stream 1 frame 2 at offset ", "checksum mismatch", "--skip-damaged"}));
+    const auto skipped = Kel({"copy", "in.kel", "skipped.kel", "--skip-damaged"});
+    EXPECT_EQ(skipped.exitCode, 0) << skipped.err;
+    EXPECT_TRUE(Contains(skipped.err, {"Skipped as damaged: 1"}));
+    EXPECT_EQ(OpenContainer(File("skipped.kel"))->GetNumFrames(0), 3U);
 }
 
 }  // namespace

@@ -15,6 +15,7 @@ struct RunCommandOptions {
     std::optional<std::uint32_t> loops;
     std::optional<std::uint32_t> frames;
     bool quiet = false;
+    bool skipDamaged = false;
 };
 
 int RunRun(const GlobalOptions& global, const RunCommandOptions& options) {
@@ -41,10 +42,11 @@ int RunRun(const GlobalOptions& global, const RunCommandOptions& options) {
     if (!BuildGraph(*description, graph, &error)) {
         return Fail(error);
     }
-    const GraphRunOutcome outcome = RunGraph(graph, *description, !options.quiet);
+    const GraphRunOutcome outcome = RunGraph(graph, *description, !options.quiet, options.skipDamaged);
     if (!options.quiet || !outcome.ok) {
         PrintRunSummary(std::cout, outcome);
     }
+    PrintDamage(std::cerr, outcome, options.skipDamaged);
     if (!outcome.ok) {
         return Fail(outcome.error);
     }
@@ -63,6 +65,8 @@ Command AddRunCommand(CLI::App& root, const GlobalOptions& global) {
         ->type_name("N");
     app->add_option("--frames", options->frames, "Frames per pass; overrides the file")->type_name("N");
     app->add_flag("-q,--quiet", options->quiet, "No progress bar and no summary unless the run fails");
+    app->add_flag("--skip-damaged", options->skipDamaged,
+                  "Leave out frames whose atoms are damaged and succeed (default: name them and fail)");
     return {app, [&global, options] { return RunRun(global, *options); }};
 }
 

@@ -19,6 +19,7 @@ struct WriterOptions {
     bool xml = false;                     // "Write XML"
     bool thumbnail = false;               // "Create thumbnail for first frame"
     bool quiet = false;
+    bool skipDamaged = false;  // frames lost to damage do not fail the run
 };
 
 void AddWriterOptions(CLI::App* app, WriterOptions& options);

@@ -83,12 +83,15 @@ void ReadStatusValues(const KEL::Graph& graph, std::vector<GraphRunOutcome::Stat
 
 }  // namespace
 
-GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description, bool showProgress) {
+GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description, bool showProgress, bool acceptDamage) {
     GraphRunOutcome outcome;
-    (void)KEL::TakeSerializerFailures();  // failures of earlier work are not this run's
+    // Failures and damage of earlier work are not this run's.
+    (void)KEL::TakeSerializerFailures();
+    (void)KEL::TakeReaderDamage();
     std::string why;
     if (graph.Initialize(&why) != KEL::KEL_OK) {
         outcome.error = "initialisation failed: " + why;
+        outcome.damage = KEL::TakeReaderDamage(&outcome.damageNotListed);
         return outcome;
     }
 
@@ -152,6 +155,7 @@ GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description,
         (f ? outcome.eventsFired : outcome.eventsNotFired) += 1;
     }
     outcome.writeFailures = KEL::TakeSerializerFailures();
+    outcome.damage = KEL::TakeReaderDamage(&outcome.damageNotListed);
     if (!eventError.empty()) {
         outcome.error = eventError;
     } else if (!outcome.result.Ok()) {
@@ -164,8 +168,37 @@ GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description,
                          "' failed: " + f.reason +
                          (f.count > 1 ? " (" + std::to_string(f.count) + " failed writes)" : "");
     }
+    if (!outcome.damage.empty() && !acceptDamage) {
+        const std::uint64_t lost = outcome.damage.size() + outcome.damageNotListed;
+        outcome.error += (outcome.error.empty() ? "" : "; ") + std::to_string(lost) +
+                         " damaged atom(s) or region(s) could not be read, and the frames holding them are "
+                         "missing from the output (--skip-damaged accepts that)";
+    }
     outcome.ok = outcome.error.empty();
     return outcome;
+}
+
+void PrintDamage(std::ostream& out, const GraphRunOutcome& outcome, bool countOnly) {
+    if (outcome.damage.empty()) {
+        return;
+    }
+    const std::uint64_t lost = outcome.damage.size() + outcome.damageNotListed;
+    if (countOnly) {
+        out << "Skipped as damaged: " << lost << " atom(s) or region(s)\n";
+        return;
+    }
+    for (const KEL::ReaderDamage& d : outcome.damage) {
+        out << "damaged: '" << d.path << "' ";
+        if (d.atomKnown) {
+            out << "stream " << d.streamId << " frame " << d.frameNr << " at offset " << d.offset;
+        } else {
+            out << d.length << " byte(s) at offset " << d.offset << " (atoms unknown)";
+        }
+        out << ": " << d.reason << "\n";
+    }
+    if (outcome.damageNotListed > 0) {
+        out << "damaged: " << outcome.damageNotListed << " more not listed\n";
+    }
 }
 
 void PrintRunSummary(std::ostream& out, const GraphRunOutcome& outcome) {

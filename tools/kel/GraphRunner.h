@@ -1,6 +1,7 @@
 #pragma once
 
 #include <KEL/Graph.h>
+#include <KEL/ReadKEL2File.h>
 #include <KEL/SerializeToKel.h>
 
 #include <ostream>
@@ -30,6 +31,11 @@ struct GraphRunOutcome {
     // limit, a failing sync), whichever writer wrote them: the asynchronous
     // targets cannot report write errors to the graph.
     std::vector<KEL::SerializerFailure> writeFailures;
+    // What the sources' readers lost to damage during the run (each damaged
+    // atom, whose frame the source could then not deliver, and each region
+    // without an intact record), and how many more there were than listed.
+    std::vector<KEL::ReaderDamage> damage;
+    std::uint64_t damageNotListed = 0;
     std::size_t eventsFired = 0;
     std::size_t eventsNotFired = 0;  // events whose frame (or pass) the run never reached
 };
@@ -41,12 +47,18 @@ struct GraphRunOutcome {
 // natural end). With `showProgress` a progress bar is drawn on stderr when it
 // is a terminal. The graph is left initialised; destroying it de-initialises
 // its filters. A run in which any file could not be written is a failed run
-// whose error names the files.
-GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description, bool showProgress);
+// whose error names the files; so is a run whose sources lost frames to
+// damage, unless `acceptDamage`.
+GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description, bool showProgress,
+                         bool acceptDamage = false);
 
 // Frames delivered and skipped, whether the run was stopped early, and every
 // status value of every filter (such as "Dropped frames count") as it stood
 // after the last frame.
 void PrintRunSummary(std::ostream& out, const GraphRunOutcome& outcome);
+
+// One line per damage of the run ("damaged: ..."), naming file, stream,
+// frame and offset; with `countOnly` a single line with their number.
+void PrintDamage(std::ostream& out, const GraphRunOutcome& outcome, bool countOnly);
 
 }  // namespace KelTool

@@ -99,6 +99,9 @@ struct StreamReport {
 struct FileReport {
     ContainerSummary summary;
     std::vector<StreamReport> streams;
+    // What the reader lost to damage while opening the file and reading
+    // the sampled frames.
+    std::vector<KEL::ReaderDamage> lost;
 };
 
 // A group of files shown together: one directory, or the files named alone.
@@ -152,9 +155,8 @@ std::string ThumbnailPng(const KEL::Atom& atom, std::uint32_t* width, std::uint3
 
 FileReport Examine(const std::string& path, const ReportOptions& options, ReportContents* contents) {
     FileReport file;
-    KEL::ReaderOptions readerOptions;
-    readerOptions.logDamage = false;
-    KEL::ReadKEL2File reader(path.c_str(), readerOptions);
+    (void)KEL::TakeReaderDamage();
+    KEL::ReadKEL2File reader(path.c_str());
     const KEL::KelErrorCode code = reader.Initialize();
     if (code != KEL::KEL_OK) {
         file.summary.path = path;
@@ -191,6 +193,7 @@ FileReport Examine(const std::string& path, const ReportOptions& options, Report
     }
     // Damage met while reading the sampled atoms counts too.
     file.summary.damage = reader.GetDamageReport();
+    file.lost = KEL::TakeReaderDamage();
     return file;
 }
 
@@ -314,6 +317,17 @@ void RenderFile(std::ostream& out, const FileReport& file, std::int64_t origin, 
         << "</td></tr>\n";
     out << "<tr><th>damage</th><td" << (damaged ? " class=\"bad\"" : "") << ">" << Escape(DamageText(s))
         << "</td></tr>\n";
+    if (!file.lost.empty()) {
+        out << "<tr><th>lost to damage</th><td class=\"bad\"><ul class=\"lost\">";
+        for (const KEL::ReaderDamage& d : file.lost) {
+            out << "<li>"
+                << Escape(d.atomKnown ? "stream " + std::to_string(d.streamId) + " frame " + std::to_string(d.frameNr) +
+                                            " at offset " + std::to_string(d.offset)
+                                      : std::to_string(d.length) + " byte(s) at offset " + std::to_string(d.offset))
+                << ": " << Escape(d.reason) << "</li>";
+        }
+        out << "</ul>(among the frames this report read; kel verify reads every byte)</td></tr>\n";
+    }
     char id[17];
     std::snprintf(id, sizeof id, "%016llx", static_cast<unsigned long long>(s.fileId));
     out << "<tr><th>format</th><td>version " << s.formatVersion << ", file identity " << id << "</td></tr>\n";
