@@ -82,6 +82,18 @@ private:
     std::unique_ptr<Impl> impl_;
 };
 
+// Settings of the host that every serializer created afterwards follows,
+// whoever creates it (the plugin's writers included).
+struct SerializerSettings {
+    // False: a serializer asked to replace an existing file (or its XML
+    // companion) refuses with KEL_ERR_ALREADY_EXISTS and changes nothing, as
+    // with `overwrite` false. For hosts that must never destroy a recording.
+    bool allowReplace = true;
+};
+// Thread-safe; serializers already open keep what they were created with.
+KEL_API void SetSerializerSettings(const SerializerSettings& settings);
+KEL_API SerializerSettings GetSerializerSettings();
+
 // One file whose serializer failed, as the process-wide record keeps it.
 struct SerializerFailure {
     std::string path;

@@ -1,6 +1,7 @@
 #include <KEL/SerializeToKel.h>
 #include <fcntl.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -84,6 +85,8 @@ private:
     std::mutex mutex_;
     std::vector<SerializerFailure> failures_;
 };
+
+std::atomic<bool> gAllowReplace{true};
 
 // What failed, for logging each kind of failure once.
 enum class Step { kOpen, kWrite, kSync, kRefused, kIndex, kClose, kCompanion, kAtom, kCheckpoint };
@@ -420,7 +423,7 @@ SerializeToKel::SerializeToKel(const char* path, bool overwrite, KELFormatVersio
     impl_->filePath = p;
     impl_->syncEachAtom = syncEachAtom;
     try {
-        impl_->Open(overwrite, version);
+        impl_->Open(overwrite && gAllowReplace.load(), version);
     } catch (const std::exception& e) {
         impl_->openResult = impl_->Failed(Step::kOpen, KEL_ERR_IO, e.what());
     }
@@ -476,5 +479,9 @@ std::uint64_t SerializeToKel::GetBytesWritten() const noexcept { return impl_->e
 const std::string& SerializeToKel::GetLastError() const noexcept { return impl_->lastError; }
 
 std::vector<SerializerFailure> TakeSerializerFailures() { return FailureRecord::Instance().Take(); }
+
+void SetSerializerSettings(const SerializerSettings& settings) { gAllowReplace.store(settings.allowReplace); }
+
+SerializerSettings GetSerializerSettings() { return {gAllowReplace.load()}; }
 
 }  // namespace KEL

@@ -92,4 +92,20 @@ TEST_F(ContainerWriter, UnsupportedVersionAndEmptyAtomAreInvalidAndWritingAfterC
     EXPECT_EQ(OpenContainer(path)->GetNumAtoms(), 1U);
 }
 
+// A host that forbids replacing files (kel without --overwrite) keeps every
+// existing file whoever asks the serializer to replace it.
+TEST(ContainerSettings, AHostThatForbidsReplacingKeepsEveryExistingFile) {
+    TempDir dir;
+    const auto path = dir.File("take.kel");
+    WriteContainer(path, SmallAtoms(1, 2));
+    const auto before = ReadFileBytes(path);
+    KEL::SetSerializerSettings({.allowReplace = false});
+    KEL::SerializeToKel writer(path.c_str(), true, KEL::CURRENT_VERSION, false);
+    KEL::SetSerializerSettings({});
+    EXPECT_EQ(writer.GetOpenResult(), KEL::KEL_ERR_ALREADY_EXISTS);
+    EXPECT_EQ(writer.SerializeAtom(MakeFrameAtom(1, 0)), KEL::KEL_ERR_ALREADY_EXISTS);
+    writer.Close();
+    EXPECT_EQ(ReadFileBytes(path), before);
+}
+
 }  // namespace

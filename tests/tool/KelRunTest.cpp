@@ -122,7 +122,7 @@ TEST_F(KelRun, WriteFailureFailsTheRunAndNamesTheFileForEveryTarget) {
         const std::string noDrop = target.ends_with("Async") ? R"(, "Drop frames when full": false)" : "";
         WriteText(File("graph.json"), GraphJson(2, 30, 64, 64, target,
                                                 R"("KEL File Path": "full.kel", "Enable Recording": true)" + noDrop));
-        const auto run = Kel({"run", "graph.json", "--quiet"}, std::uint64_t{64} * 1024);
+        const auto run = Kel({"run", "graph.json", "--quiet", "--overwrite"}, std::uint64_t{64} * 1024);
         EXPECT_EQ(run.exitCode, 1) << run.err;
         EXPECT_TRUE(Contains(run.err, {"writing '" + File("full.kel") + "' failed", "File too large"}));
         const auto stored = Stored("full.kel", 0);
@@ -143,6 +143,24 @@ TEST_F(KelRun, GraphErrorsFailTheRunAndSayWhere) {
                         R"("timeline": [{"frame": 3, "filter": "rec", "set": {"Enable Recording": "maybe"}}])"));
     KelFails({"run", "graph.json", "--set", "cams.Colour=red"}, 1, "has no parameter 'Colour'");
     KelFails({"run", "graph.json"}, 1, "timeline event at frame 3: cannot set 'Enable Recording'");
+}
+
+// Nothing that exists is replaced without --overwrite: not by a second run of
+// a graph (even one that plays no frame), not by a per-stream writer, not by
+// a conversion. The run does not start, names the file, and every file in
+// the directory stays as it was.
+TEST_F(KelRun, ExistingOutputsAreReplacedOnlyWithOverwrite) {
+    WriteText(File("graph.json"), GraphJson(2, 5, 16, 16, "TargetKEL2FileWriter", kRecordToRecKel));
+    ASSERT_EQ(Kel({"run", "graph.json"}).exitCode, 0);
+    KelFails({"run", "graph.json", "--frames", "0"}, 1,
+             "'" + File("rec.kel") + "' exists; nothing was written (pass --overwrite to replace)");
+    WriteText(File("split.json"), GraphJson(2, 5, 16, 16, "TargetKEL2FilePerStreamWriter", kRecordToRecKel));
+    WriteText(File("rec_1.kel"), "not mine to replace");
+    KelFails({"run", "split.json"}, 1, "'" + File("rec_1.kel") + "' exists");
+    KelFails({"copy", "rec.kel", "rec_1.kel"}, 1, "'" + File("rec_1.kel") + "' exists");
+    const auto replaced = Kel({"run", "graph.json", "--overwrite", "--frames", "3"});
+    ASSERT_EQ(replaced.exitCode, 0) << replaced.err;
+    EXPECT_EQ(Stored("rec.kel", 0), Range(0, 2));
 }
 
 }  // namespace

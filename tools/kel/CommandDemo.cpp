@@ -73,7 +73,7 @@ bool RunStep(const GraphDescription& description, const std::string& what) {
         Fail(error);
         return false;
     }
-    const GraphRunOutcome outcome = RunGraph(graph, description, true);
+    const GraphRunOutcome outcome = RunGraph(graph, description, true, {.overwrite = true});
     if (!outcome.ok) {
         Fail(outcome.error);
         return false;

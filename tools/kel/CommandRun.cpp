@@ -16,6 +16,7 @@ struct RunCommandOptions {
     std::optional<std::uint32_t> frames;
     bool quiet = false;
     bool skipDamaged = false;
+    bool overwrite = false;
 };
 
 int RunRun(const GlobalOptions& global, const RunCommandOptions& options) {
@@ -42,7 +43,8 @@ int RunRun(const GlobalOptions& global, const RunCommandOptions& options) {
     if (!BuildGraph(*description, graph, &error)) {
         return Fail(error);
     }
-    const GraphRunOutcome outcome = RunGraph(graph, *description, !options.quiet, options.skipDamaged);
+    const GraphRunOutcome outcome = RunGraph(graph, *description, !options.quiet,
+                                             {.acceptDamage = options.skipDamaged, .overwrite = options.overwrite});
     if (!options.quiet || !outcome.ok) {
         PrintRunSummary(std::cout, outcome);
     }
@@ -65,6 +67,8 @@ Command AddRunCommand(CLI::App& root, const GlobalOptions& global) {
         ->type_name("N");
     app->add_option("--frames", options->frames, "Frames per pass; overrides the file")->type_name("N");
     app->add_flag("-q,--quiet", options->quiet, "No progress bar and no summary unless the run fails");
+    app->add_flag("--overwrite", options->overwrite,
+                  "Let the writers replace files that exist (default: refuse to start)");
     app->add_flag("--skip-damaged", options->skipDamaged,
                   "Leave out frames whose atoms are damaged and succeed (default: name them and fail)");
     return {app, [&global, options] { return RunRun(global, *options); }};

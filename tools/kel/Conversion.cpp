@@ -24,6 +24,7 @@ void AddWriterOptions(CLI::App* app, WriterOptions& options) {
     app->add_flag("--xml", options.xml, "Write an XML companion next to each file");
     app->add_flag("--thumbnail", options.thumbnail, "Store a thumbnail in the first atom of each stream");
     app->add_flag("-q,--quiet", options.quiet, "No progress bar and no summary");
+    app->add_flag("--overwrite", options.overwrite, "Replace output files that exist (default: refuse to start)");
     app->add_flag("--skip-damaged", options.skipDamaged,
                   "Leave out frames whose atoms are damaged and succeed (default: name them and fail)");
 }
@@ -95,7 +96,8 @@ int PlayConversion(const GlobalOptions& global, const GraphDescription& descript
     if (!BuildGraph(description, graph, &error)) {
         return Fail(error);
     }
-    const GraphRunOutcome outcome = RunGraph(graph, description, !options.quiet, options.skipDamaged);
+    const GraphRunOutcome outcome = RunGraph(graph, description, !options.quiet,
+                                             {.acceptDamage = options.skipDamaged, .overwrite = options.overwrite});
     if (!options.quiet || !outcome.ok) {
         PrintRunSummary(std::cout, outcome);
     }

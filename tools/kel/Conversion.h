@@ -20,6 +20,7 @@ struct WriterOptions {
     bool thumbnail = false;               // "Create thumbnail for first frame"
     bool quiet = false;
     bool skipDamaged = false;  // frames lost to damage do not fail the run
+    bool overwrite = false;    // the outputs may replace existing files
 };
 
 void AddWriterOptions(CLI::App* app, WriterOptions& options);

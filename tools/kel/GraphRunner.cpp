@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "GraphBuilder.h"
+#include "PlannedOutputs.h"
 #include "ProgressBar.h"
 
 namespace KelTool {
@@ -34,6 +35,21 @@ public:
 
 private:
     struct sigaction previous_ {};
+};
+
+// Sets the serializers' settings for as long as it lives.
+class SerializerSettingsGuard {
+public:
+    explicit SerializerSettingsGuard(const KEL::SerializerSettings& settings)
+        : previous_(KEL::GetSerializerSettings()) {
+        KEL::SetSerializerSettings(settings);
+    }
+    ~SerializerSettingsGuard() { KEL::SetSerializerSettings(previous_); }
+    SerializerSettingsGuard(const SerializerSettingsGuard&) = delete;
+    SerializerSettingsGuard& operator=(const SerializerSettingsGuard&) = delete;
+
+private:
+    KEL::SerializerSettings previous_;
 };
 
 bool PressButton(KEL::Filter& filter, const std::string& name, std::string* error) {
@@ -83,8 +99,10 @@ void ReadStatusValues(const KEL::Graph& graph, std::vector<GraphRunOutcome::Stat
 
 }  // namespace
 
-GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description, bool showProgress, bool acceptDamage) {
+GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description, bool showProgress,
+                         const RunPolicy& policy) {
     GraphRunOutcome outcome;
+    const SerializerSettingsGuard settings({.allowReplace = policy.overwrite});
     // Failures and damage of earlier work are not this run's.
     (void)KEL::TakeSerializerFailures();
     (void)KEL::TakeReaderDamage();
@@ -93,6 +111,12 @@ GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description,
         outcome.error = "initialisation failed: " + why;
         outcome.damage = KEL::TakeReaderDamage(&outcome.damageNotListed);
         return outcome;
+    }
+    if (!policy.overwrite) {
+        if (const auto existing = ExistingFiles(PlannedOutputs(graph, description)); !existing.empty()) {
+            outcome.error = DescribeExisting(existing);
+            return outcome;
+        }
     }
 
     std::vector<bool> fired(description.timeline.size(), false);
@@ -168,7 +192,7 @@ GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description,
                          "' failed: " + f.reason +
                          (f.count > 1 ? " (" + std::to_string(f.count) + " failed writes)" : "");
     }
-    if (!outcome.damage.empty() && !acceptDamage) {
+    if (!outcome.damage.empty() && !policy.acceptDamage) {
         const std::uint64_t lost = outcome.damage.size() + outcome.damageNotListed;
         outcome.error += (outcome.error.empty() ? "" : "; ") + std::to_string(lost) +
                          " damaged atom(s) or region(s) could not be read, and the frames holding them are "

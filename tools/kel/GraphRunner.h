@@ -40,6 +40,12 @@ struct GraphRunOutcome {
     std::size_t eventsNotFired = 0;  // events whose frame (or pass) the run never reached
 };
 
+// What a run may do that it refuses by default.
+struct RunPolicy {
+    bool acceptDamage = false;  // frames lost to damage do not fail the run
+    bool overwrite = false;     // writers may replace existing files
+};
+
 // Initialises `graph` (already built from `description`) and plays it on the
 // calling thread with the description's run options, applying the timeline
 // events before their frames. A failing event stops the run after the
@@ -48,9 +54,11 @@ struct GraphRunOutcome {
 // is a terminal. The graph is left initialised; destroying it de-initialises
 // its filters. A run in which any file could not be written is a failed run
 // whose error names the files; so is a run whose sources lost frames to
-// damage, unless `acceptDamage`.
+// damage, unless the policy accepts it. Unless the policy allows
+// overwriting, a run whose writers would create a file that exists does not
+// start, and no serializer of the run replaces a file.
 GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description, bool showProgress,
-                         bool acceptDamage = false);
+                         const RunPolicy& policy = {});
 
 // Frames delivered and skipped, whether the run was stopped early, and every
 // status value of every filter (such as "Dropped frames count") as it stood

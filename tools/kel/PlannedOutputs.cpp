@@ -1,0 +1,88 @@
+#include "PlannedOutputs.h"
+
+#include <KEL/FilterParams.h>
+#include <KEL/FilterWithInput.h>
+
+#include <filesystem>
+#include <set>
+
+#include "writers/PerStreamFilePath.h"
+
+namespace KelTool {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kPathParam = "KEL File Path";
+
+// The path a writer opens for `value` of its path parameter: variables
+// expanded, absolute, ".kel" as the extension.
+std::string WrittenPath(const std::string& value) {
+    const KEL::FilterParamWriteFilePath param("path", 0, value.c_str(), "kel");
+    return fs::path(param.GetAbsoluteFilePath().str()).replace_extension(".kel").string();
+}
+
+}  // namespace
+
+std::vector<std::string> PlannedOutputs(KEL::Graph& graph, const GraphDescription& description) {
+    std::set<std::string> planned;
+    for (KEL::Filter* filter : graph.GetFilters()) {
+        const std::string className = filter->GetFilterClassInfo().GetName().str();
+        auto* target = dynamic_cast<KEL::FilterWithInput*>(filter);
+        const auto param = filter->FindParam(kPathParam);
+        if (target == nullptr || param == nullptr || !className.starts_with("TargetKEL2File")) {
+            continue;
+        }
+        std::vector<std::string> values{param->GetValueAsString()};
+        for (const TimelineEvent& event : description.timeline) {
+            if (event.filter != filter->GetInstanceName()) {
+                continue;
+            }
+            for (const auto& [name, value] : event.set) {
+                if (name == kPathParam) {
+                    values.push_back(value);
+                }
+            }
+        }
+        const bool perStream = className.find("PerStream") != std::string::npos;
+        for (const std::string& value : values) {
+            if (!perStream) {
+                planned.insert(WrittenPath(value));
+                continue;
+            }
+            for (const std::uint32_t id : target->GetInputStreamIds()) {
+                planned.insert(WrittenPath(Kel2File::PerStreamFilePath(value, static_cast<std::uint16_t>(id))));
+            }
+        }
+    }
+    return {planned.begin(), planned.end()};
+}
+
+std::vector<std::string> ExistingFiles(const std::vector<std::string>& paths) {
+    std::vector<std::string> existing;
+    for (const std::string& path : paths) {
+        for (const std::string& candidate : {path, path + ".xml"}) {
+            std::error_code ec;
+            if (fs::symlink_status(candidate, ec).type() != fs::file_type::not_found) {
+                existing.push_back(candidate);
+            }
+        }
+    }
+    return existing;
+}
+
+std::string DescribeExisting(const std::vector<std::string>& existing) {
+    constexpr std::size_t kNamed = 3;
+    std::string text;
+    for (std::size_t i = 0; i < existing.size() && i < kNamed; ++i) {
+        text += (i == 0 ? "'" : "', '") + existing[i];
+    }
+    text += "'";
+    if (existing.size() > kNamed) {
+        text += " and " + std::to_string(existing.size() - kNamed) + " more";
+    }
+    return text + (existing.size() == 1 ? " exists" : " exist") + "; nothing was written (pass --overwrite to replace)";
+}
+
+}  // namespace KelTool
