@@ -122,12 +122,26 @@ TEST_F(KelRun, WriteFailureFailsTheRunAndNamesTheFileForEveryTarget) {
         const std::string noDrop = target.ends_with("Async") ? R"(, "Drop frames when full": false)" : "";
         WriteText(File("graph.json"), GraphJson(2, 30, 64, 64, target,
                                                 R"("KEL File Path": "full.kel", "Enable Recording": true)" + noDrop));
-        const auto run = Kel({"run", "graph.json", "--quiet", "--overwrite"}, std::uint64_t{64} * 1024);
-        EXPECT_EQ(run.exitCode, 1) << run.err;
-        EXPECT_TRUE(Contains(run.err, {"writing '" + File("full.kel") + "' failed", "File too large"}));
-        const auto stored = Stored("full.kel", 0);
-        ASSERT_TRUE(!stored.empty() && stored.size() < 30U) << stored.size();
-        EXPECT_EQ(stored, Range(0, static_cast<std::uint32_t>(stored.size() - 1)));
+        // The run stops after the frame in which writing failed; with
+        // --keep-going it plays every frame.
+        for (const bool keepGoing : {false, true}) {
+            std::vector<std::string> args{"run", "graph.json", "--overwrite"};
+            if (keepGoing) {
+                args.emplace_back("--keep-going");
+            }
+            const auto run = Kel(args, std::uint64_t{64} * 1024);
+            EXPECT_EQ(run.exitCode, 1) << run.err;
+            EXPECT_TRUE(Contains(run.err, {"writing '" + File("full.kel") + "' failed", "File too large"}));
+            if (!noDrop.empty()) {
+                // (A synchronous writer's failure fails its hook, which ends
+                // the run at that frame either way.)
+                EXPECT_EQ(Contains(run.out, {"Frames delivered: 30\n"}), keepGoing) << run.out;
+                EXPECT_EQ(Contains(run.out, {"Stopped early:    yes\n"}), !keepGoing) << run.out;
+            }
+            const auto stored = Stored("full.kel", 0);
+            ASSERT_TRUE(!stored.empty() && stored.size() < 30U) << stored.size();
+            EXPECT_EQ(stored, Range(0, static_cast<std::uint32_t>(stored.size() - 1)));
+        }
     }
 }
 
@@ -143,6 +157,12 @@ TEST_F(KelRun, GraphErrorsFailTheRunAndSayWhere) {
                         R"("timeline": [{"frame": 3, "filter": "rec", "set": {"Enable Recording": "maybe"}}])"));
     KelFails({"run", "graph.json", "--set", "cams.Colour=red"}, 1, "has no parameter 'Colour'");
     KelFails({"run", "graph.json"}, 1, "timeline event at frame 3: cannot set 'Enable Recording'");
+    // Names are checked before the first frame: nothing is written.
+    WriteText(File("graph.json"),
+              GraphJson(1, 20, 16, 16, "TargetKEL2FileSnapshotWriter", R"("KEL File Path": "snap.kel")",
+                        R"("timeline": [{"frame": 15, "filter": "rec", "press": ["Take Snapshot"]}])"));
+    KelFails({"run", "graph.json"}, 1, "timeline event at frame 15: filter 'rec' has no button 'Take Snapshot'");
+    EXPECT_FALSE(Exists("snap.kel"));
 }
 
 // Nothing that exists is replaced without --overwrite: not by a second run of

@@ -17,6 +17,7 @@ struct RunCommandOptions {
     bool quiet = false;
     bool skipDamaged = false;
     bool overwrite = false;
+    bool keepGoing = false;
 };
 
 int RunRun(const GlobalOptions& global, const RunCommandOptions& options) {
@@ -43,8 +44,9 @@ int RunRun(const GlobalOptions& global, const RunCommandOptions& options) {
     if (!BuildGraph(*description, graph, &error)) {
         return Fail(error);
     }
-    const GraphRunOutcome outcome = RunGraph(graph, *description, !options.quiet,
-                                             {.acceptDamage = options.skipDamaged, .overwrite = options.overwrite});
+    const GraphRunOutcome outcome =
+        RunGraph(graph, *description, !options.quiet,
+                 {.acceptDamage = options.skipDamaged, .overwrite = options.overwrite, .keepGoing = options.keepGoing});
     if (!options.quiet || !outcome.ok) {
         PrintRunSummary(std::cout, outcome);
     }
@@ -69,6 +71,8 @@ Command AddRunCommand(CLI::App& root, const GlobalOptions& global) {
     app->add_flag("-q,--quiet", options->quiet, "No progress bar and no summary unless the run fails");
     app->add_flag("--overwrite", options->overwrite,
                   "Let the writers replace files that exist (default: refuse to start)");
+    app->add_flag("--keep-going", options->keepGoing,
+                  "Play on after a target failed to write (default: stop after the frame)");
     app->add_flag("--skip-damaged", options->skipDamaged,
                   "Leave out frames whose atoms are damaged and succeed (default: name them and fail)");
     return {app, [&global, options] { return RunRun(global, *options); }};

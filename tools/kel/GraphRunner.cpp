@@ -2,6 +2,7 @@
 
 #include <KEL/FilterParams.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <memory>
@@ -86,6 +87,52 @@ bool ApplyEvent(KEL::Graph& graph, const TimelineEvent& event, std::string* erro
     return true;
 }
 
+// Checks that every event of the timeline names a filter of the graph and,
+// of that filter, parameters and buttons that exist.
+bool CheckTimeline(const KEL::Graph& graph, const std::vector<TimelineEvent>& timeline, std::string* error) {
+    for (const TimelineEvent& event : timeline) {
+        if (event.filter.empty()) {
+            continue;
+        }
+        const std::string where = "timeline event at frame " + std::to_string(event.frame) + ": ";
+        const KEL::Filter* filter = graph.FindFilter(event.filter);
+        if (filter == nullptr) {
+            *error = where + "no filter named '" + event.filter + "'";
+            return false;
+        }
+        for (const auto& [name, value] : event.set) {
+            if (filter->FindParam(name) == nullptr) {
+                *error = where + "filter '" + event.filter + "' has no parameter '" + name + "'";
+                return false;
+            }
+        }
+        for (const auto& name : event.press) {
+            if (!std::dynamic_pointer_cast<KEL::FilterParamCallback>(filter->FindParam(name))) {
+                *error = where + "filter '" + event.filter + "' has no button '" + name + "'";
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+// Adds the serializer failures of the process since the last call to
+// `failures`, one entry per file. True when there were any.
+bool CollectWriteFailures(std::vector<KEL::SerializerFailure>* failures) {
+    bool any = false;
+    for (KEL::SerializerFailure& f : KEL::TakeSerializerFailures()) {
+        any = true;
+        const auto same = std::find_if(failures->begin(), failures->end(),
+                                       [&](const KEL::SerializerFailure& known) { return known.path == f.path; });
+        if (same != failures->end()) {
+            same->count += f.count;
+        } else {
+            failures->push_back(std::move(f));
+        }
+    }
+    return any;
+}
+
 void ReadStatusValues(const KEL::Graph& graph, std::vector<GraphRunOutcome::StatusValue>* values) {
     values->clear();
     for (const KEL::Filter* filter : graph.GetFilters()) {
@@ -117,6 +164,10 @@ GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description,
             outcome.error = DescribeExisting(existing);
             return outcome;
         }
+    }
+    if (!CheckTimeline(graph, description.timeline, &why)) {
+        outcome.error = why;
+        return outcome;
     }
 
     std::vector<bool> fired(description.timeline.size(), false);
@@ -159,6 +210,9 @@ GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description,
     };
     options.afterFrame = [&](KEL::Graph& g, std::uint32_t /*frameNr*/, bool /*delivered*/) {
         ReadStatusValues(g, &outcome.lastStatus);
+        if (CollectWriteFailures(&outcome.writeFailures) && !policy.keepGoing) {
+            g.RequestStop();
+        }
         const std::uint64_t perPass = g.FramesPerPass();
         const std::uint32_t current = g.CurrentFrame();
         const std::uint64_t inPass = current >= description.startFrame ? current - description.startFrame + 1 : 0;
@@ -178,7 +232,7 @@ GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description,
     for (bool f : fired) {
         (f ? outcome.eventsFired : outcome.eventsNotFired) += 1;
     }
-    outcome.writeFailures = KEL::TakeSerializerFailures();
+    CollectWriteFailures(&outcome.writeFailures);
     outcome.damage = KEL::TakeReaderDamage(&outcome.damageNotListed);
     if (!eventError.empty()) {
         outcome.error = eventError;

@@ -44,12 +44,15 @@ struct GraphRunOutcome {
 struct RunPolicy {
     bool acceptDamage = false;  // frames lost to damage do not fail the run
     bool overwrite = false;     // writers may replace existing files
+    bool keepGoing = false;     // a failed write does not stop the run
 };
 
 // Initialises `graph` (already built from `description`) and plays it on the
 // calling thread with the description's run options, applying the timeline
 // events before their frames. A failing event stops the run after the
-// current frame. Ctrl-C stops the run cleanly (files are closed as at a
+// current frame, and so does the first failed write of any target unless the
+// policy says to keep going; every timeline event's filter, parameters and
+// buttons are checked before the first frame. Ctrl-C stops the run cleanly (files are closed as at a
 // natural end). With `showProgress` a progress bar is drawn on stderr when it
 // is a terminal. The graph is left initialised; destroying it de-initialises
 // its filters. A run in which any file could not be written is a failed run
