@@ -165,13 +165,21 @@ TEST_F(KelRun, GraphErrorsFailTheRunAndSayWhere) {
     EXPECT_FALSE(Exists("snap.kel"));
 }
 
-// Nothing that exists is replaced without --overwrite: not by a second run of
-// a graph (even one that plays no frame), not by a per-stream writer, not by
-// a conversion. The run does not start, names the file, and every file in
-// the directory stays as it was.
-TEST_F(KelRun, ExistingOutputsAreReplacedOnlyWithOverwrite) {
+// A run says which files it wrote, with what, and warns of a target that
+// wrote none. Nothing that exists is replaced without --overwrite: not by a
+// second run of a graph (even one that plays no frame), not by a per-stream
+// writer, not by a conversion. The run does not start, names the file, and
+// every file in the directory stays as it was.
+TEST_F(KelRun, RunsListWhatTheyWroteAndReplaceFilesOnlyWithOverwrite) {
     WriteText(File("graph.json"), GraphJson(2, 5, 16, 16, "TargetKEL2FileWriter", kRecordToRecKel));
-    ASSERT_EQ(Kel({"run", "graph.json"}).exitCode, 0);
+    const auto first = Kel({"run", "graph.json"});
+    ASSERT_EQ(first.exitCode, 0);
+    EXPECT_TRUE(Contains(first.out, {"Wrote " + File("rec.kel") + ": 2 stream(s), 5 frame(s), 10 atom(s), "}));
+    EXPECT_EQ(first.err, "");
+    WriteText(File("idle.json"), GraphJson(2, 5, 16, 16, "TargetKEL2FileWriter", R"("KEL File Path": "idle.kel")"));
+    const auto idle = Kel({"run", "idle.json"});
+    EXPECT_EQ(idle.exitCode, 0);
+    EXPECT_TRUE(Contains(idle.err, {"kel: warning: target 'rec' wrote no file"}));
     KelFails({"run", "graph.json", "--frames", "0"}, 1,
              "'" + File("rec.kel") + "' exists; nothing was written (pass --overwrite to replace)");
     WriteText(File("split.json"), GraphJson(2, 5, 16, 16, "TargetKEL2FilePerStreamWriter", kRecordToRecKel));

@@ -50,6 +50,7 @@ int RunRun(const GlobalOptions& global, const RunCommandOptions& options) {
     if (!options.quiet || !outcome.ok) {
         PrintRunSummary(std::cout, outcome);
     }
+    PrintWarnings(std::cerr, outcome);
     PrintDamage(std::cerr, outcome, options.skipDamaged);
     if (!outcome.ok) {
         return Fail(outcome.error);

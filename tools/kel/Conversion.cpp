@@ -101,6 +101,7 @@ int PlayConversion(const GlobalOptions& global, const GraphDescription& descript
     if (!options.quiet || !outcome.ok) {
         PrintRunSummary(std::cout, outcome);
     }
+    PrintWarnings(std::cerr, outcome);
     PrintDamage(std::cerr, outcome, options.skipDamaged);
     if (!outcome.ok) {
         return Fail(outcome.error);
@@ -115,11 +116,6 @@ int PlayConversion(const GlobalOptions& global, const GraphDescription& descript
         if (reader.Initialize() != KEL::KEL_OK) {
             std::cerr << "kel: error: expected output '" << path << "' was not written\n";
             allWritten = false;
-            continue;
-        }
-        if (!options.quiet) {
-            std::cout << "Wrote " << path << ": " << reader.GetNumStreams() << " stream(s), " << reader.GetNumAtoms()
-                      << " atom(s)\n";
         }
     }
     return allWritten ? kExitOk : kExitFailure;

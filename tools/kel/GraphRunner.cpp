@@ -133,6 +133,42 @@ bool CollectWriteFailures(std::vector<KEL::SerializerFailure>* failures) {
     return any;
 }
 
+// The planned files that the run created (their identity changed), with
+// what they hold, and the targets that created none.
+void ListWrittenFiles(const std::vector<PlannedOutput>& planned, const std::vector<FileIdentity>& before,
+                      GraphRunOutcome* outcome) {
+    std::vector<std::string> targets;
+    for (std::size_t i = 0; i < planned.size(); ++i) {
+        const PlannedOutput& output = planned[i];
+        if (std::find(targets.begin(), targets.end(), output.target) == targets.end()) {
+            targets.push_back(output.target);
+        }
+        const FileIdentity now = IdentifyPath(output.path);
+        if (now == FileIdentity{} || now == before[i]) {
+            continue;
+        }
+        GraphRunOutcome::WrittenFile file{output.target, output.path};
+        KEL::ReadKEL2File reader(output.path.c_str(), {.verifyChecksums = false, .logDamage = false});
+        if (reader.Initialize() == KEL::KEL_OK) {
+            file.readable = true;
+            file.streams = reader.GetNumStreams();
+            file.atoms = reader.GetNumAtoms();
+            file.bytes = reader.GetFileSize();
+            file.frames = file.streams > 0 ? UINT32_MAX : 0;
+            for (int s = 0; s < file.streams; ++s) {
+                file.frames = std::min(file.frames, reader.GetNumFrames(reader.GetStreamId(s)));
+            }
+        }
+        outcome->written.push_back(std::move(file));
+    }
+    for (const std::string& target : targets) {
+        if (std::none_of(outcome->written.begin(), outcome->written.end(),
+                         [&](const GraphRunOutcome::WrittenFile& f) { return f.target == target; })) {
+            outcome->idleTargets.push_back(target);
+        }
+    }
+}
+
 void ReadStatusValues(const KEL::Graph& graph, std::vector<GraphRunOutcome::StatusValue>* values) {
     values->clear();
     for (const KEL::Filter* filter : graph.GetFilters()) {
@@ -159,8 +195,13 @@ GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description,
         outcome.damage = KEL::TakeReaderDamage(&outcome.damageNotListed);
         return outcome;
     }
+    const std::vector<PlannedOutput> planned = PlannedOutputs(graph, description);
+    std::vector<FileIdentity> before;
+    for (const PlannedOutput& output : planned) {
+        before.push_back(IdentifyPath(output.path));
+    }
     if (!policy.overwrite) {
-        if (const auto existing = ExistingFiles(PlannedOutputs(graph, description)); !existing.empty()) {
+        if (const auto existing = ExistingFiles(planned); !existing.empty()) {
             outcome.error = DescribeExisting(existing);
             return outcome;
         }
@@ -233,6 +274,7 @@ GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description,
         (f ? outcome.eventsFired : outcome.eventsNotFired) += 1;
     }
     CollectWriteFailures(&outcome.writeFailures);
+    ListWrittenFiles(planned, before, &outcome);
     outcome.damage = KEL::TakeReaderDamage(&outcome.damageNotListed);
     if (!eventError.empty()) {
         outcome.error = eventError;
@@ -254,6 +296,15 @@ GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description,
     }
     outcome.ok = outcome.error.empty();
     return outcome;
+}
+
+void PrintWarnings(std::ostream& out, const GraphRunOutcome& outcome) {
+    if (!outcome.played) {
+        return;
+    }
+    for (const auto& target : outcome.idleTargets) {
+        out << "kel: warning: target '" << target << "' wrote no file\n";
+    }
 }
 
 void PrintDamage(std::ostream& out, const GraphRunOutcome& outcome, bool countOnly) {
@@ -298,6 +349,16 @@ void PrintRunSummary(std::ostream& out, const GraphRunOutcome& outcome) {
     }
     for (const auto& status : outcome.lastStatus) {
         out << status.filter << ": " << status.name << " = " << status.value << "\n";
+    }
+    for (const auto& file : outcome.written) {
+        out << "Wrote " << file.path;
+        if (file.readable) {
+            out << ": " << file.streams << " stream(s), " << file.frames << " frame(s), " << file.atoms << " atom(s), "
+                << file.bytes << " bytes";
+        } else {
+            out << ": cannot be opened";
+        }
+        out << "\n";
     }
 }
 

@@ -36,6 +36,19 @@ struct GraphRunOutcome {
     // without an intact record), and how many more there were than listed.
     std::vector<KEL::ReaderDamage> damage;
     std::uint64_t damageNotListed = 0;
+    // Each file a target of the plugin created in the run, and the targets
+    // that created none.
+    struct WrittenFile {
+        std::string target;
+        std::string path;
+        int streams = 0;
+        std::uint64_t atoms = 0;
+        std::uint32_t frames = 0;  // playable: the shortest stream's
+        std::uint64_t bytes = 0;
+        bool readable = false;
+    };
+    std::vector<WrittenFile> written;
+    std::vector<std::string> idleTargets;
     std::size_t eventsFired = 0;
     std::size_t eventsNotFired = 0;  // events whose frame (or pass) the run never reached
 };
@@ -63,10 +76,14 @@ struct RunPolicy {
 GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description, bool showProgress,
                          const RunPolicy& policy = {});
 
-// Frames delivered and skipped, whether the run was stopped early, and every
+// Frames delivered and skipped, whether the run was stopped early, every
 // status value of every filter (such as "Dropped frames count") as it stood
-// after the last frame.
+// after the last frame, and each file written with its streams, frames,
+// atoms and size.
 void PrintRunSummary(std::ostream& out, const GraphRunOutcome& outcome);
+
+// A line per target of the plugin that wrote no file in a run that played.
+void PrintWarnings(std::ostream& out, const GraphRunOutcome& outcome);
 
 // One line per damage of the run ("damaged: ..."), naming file, stream,
 // frame and offset; with `countOnly` a single line with their number.

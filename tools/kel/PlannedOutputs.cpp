@@ -2,6 +2,7 @@
 
 #include <KEL/FilterParams.h>
 #include <KEL/FilterWithInput.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <set>
@@ -25,8 +26,14 @@ std::string WrittenPath(const std::string& value) {
 
 }  // namespace
 
-std::vector<std::string> PlannedOutputs(KEL::Graph& graph, const GraphDescription& description) {
-    std::set<std::string> planned;
+std::vector<PlannedOutput> PlannedOutputs(KEL::Graph& graph, const GraphDescription& description) {
+    std::vector<PlannedOutput> planned;
+    std::set<std::string> seen;
+    const auto plan = [&](const std::string& target, const std::string& path) {
+        if (seen.insert(path).second) {
+            planned.push_back({target, path});
+        }
+    };
     for (KEL::Filter* filter : graph.GetFilters()) {
         const std::string className = filter->GetFilterClassInfo().GetName().str();
         auto* target = dynamic_cast<KEL::FilterWithInput*>(filter);
@@ -48,21 +55,30 @@ std::vector<std::string> PlannedOutputs(KEL::Graph& graph, const GraphDescriptio
         const bool perStream = className.find("PerStream") != std::string::npos;
         for (const std::string& value : values) {
             if (!perStream) {
-                planned.insert(WrittenPath(value));
+                plan(filter->GetInstanceName(), WrittenPath(value));
                 continue;
             }
             for (const std::uint32_t id : target->GetInputStreamIds()) {
-                planned.insert(WrittenPath(Kel2File::PerStreamFilePath(value, static_cast<std::uint16_t>(id))));
+                plan(filter->GetInstanceName(),
+                     WrittenPath(Kel2File::PerStreamFilePath(value, static_cast<std::uint16_t>(id))));
             }
         }
     }
-    return {planned.begin(), planned.end()};
+    return planned;
 }
 
-std::vector<std::string> ExistingFiles(const std::vector<std::string>& paths) {
+FileIdentity IdentifyPath(const std::string& path) {
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0) {
+        return {};
+    }
+    return {static_cast<std::uint64_t>(st.st_dev), static_cast<std::uint64_t>(st.st_ino)};
+}
+
+std::vector<std::string> ExistingFiles(const std::vector<PlannedOutput>& planned) {
     std::vector<std::string> existing;
-    for (const std::string& path : paths) {
-        for (const std::string& candidate : {path, path + ".xml"}) {
+    for (const PlannedOutput& output : planned) {
+        for (const std::string& candidate : {output.path, output.path + ".xml"}) {
             std::error_code ec;
             if (fs::symlink_status(candidate, ec).type() != fs::file_type::not_found) {
                 existing.push_back(candidate);

@@ -2,6 +2,7 @@
 
 #include <KEL/Graph.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -9,15 +10,31 @@
 
 namespace KelTool {
 
+// A file a target filter of the plugin will create.
+struct PlannedOutput {
+    std::string target;  // the filter's instance name
+    std::string path;
+};
+
 // The container files that the plugin's target filters of `graph` will
 // create: each target's "KEL File Path" and every path a timeline event of
 // `description` gives it, with the extension the writers put (".kel"), and
 // for the per-stream writers one file per input stream. `graph` must be
 // initialised (its targets know their input streams).
-std::vector<std::string> PlannedOutputs(KEL::Graph& graph, const GraphDescription& description);
+std::vector<PlannedOutput> PlannedOutputs(KEL::Graph& graph, const GraphDescription& description);
 
-// Those of `paths`, and of their XML companions ("<path>.xml"), that exist.
-std::vector<std::string> ExistingFiles(const std::vector<std::string>& paths);
+// Which file a path names (device and inode), to tell afterwards whether a
+// writer created it anew; {0, 0} when nothing is there.
+struct FileIdentity {
+    std::uint64_t device = 0;
+    std::uint64_t inode = 0;
+    bool operator==(const FileIdentity&) const = default;
+};
+FileIdentity IdentifyPath(const std::string& path);
+
+// Those of the planned files, and of their XML companions ("<path>.xml"),
+// that exist.
+std::vector<std::string> ExistingFiles(const std::vector<PlannedOutput>& planned);
 
 // "'a' exists" or "'a', 'b' and 2 more exist", and how to replace them.
 std::string DescribeExisting(const std::vector<std::string>& existing);
