@@ -41,6 +41,10 @@ struct RunOptions {
     // How long the natural end waits for targets whose IsDone() is false;
     // zero waits as long as it takes.
     std::chrono::milliseconds doneTimeout{0};
+    // Called on the graph thread right before the started filters are
+    // stopped, whatever ended the run (status values read here are those
+    // the targets hold when they stop).
+    std::function<void(Graph&)> beforeStop;
 };
 
 struct RunResult {
@@ -49,7 +53,8 @@ struct RunResult {
     std::string failedFilter;    // instance name of the filter that failed
     std::uint64_t framesDelivered = 0;
     std::uint64_t framesSkipped = 0;
-    bool stoppedEarly = false;  // RequestStop or ForceGraphStop ended the run
+    bool stoppedEarly = false;   // RequestStop or ForceGraphStop ended the run
+    bool finishedEarly = false;  // RequestFinish ended it before its last frame, as a natural end
     bool Ok() const noexcept { return code == KEL_OK; }
 };
 
@@ -92,6 +97,12 @@ public:
     void DeInitialize();
 
     void RequestStop();
+    // Ends the run after the current frame as its natural end does: no more
+    // frames are asked of the source, the targets' input is finished and
+    // the graph waits until they are done (an asynchronous writer writes
+    // what it holds) before it stops them. A RequestStop during that wait
+    // still stops at once.
+    void RequestFinish();
     void Pause();
     void Resume();
     // The next frame asked of the source is `frameNr`; the listeners hear of

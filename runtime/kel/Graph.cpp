@@ -53,6 +53,7 @@ struct Graph::Impl {
     std::mutex controlMutex;
     std::condition_variable controlCv;
     bool stopRequested = false;
+    bool finishRequested = false;
     bool pauseRequested = false;
     std::optional<std::uint32_t> seekTo;
 
@@ -77,7 +78,7 @@ struct Graph::Impl {
 namespace {
 
 // What the graph thread does next after looking at the pending requests.
-enum Control : int { kContinue, kStop, kFail };
+enum Control : int { kContinue, kStop, kFinish, kFail };
 
 void RecordFailure(RunResult& result, KelErrorCode code, Filter* filter, const std::string& message) {
     if (!result.Ok()) {
@@ -381,6 +382,14 @@ void Graph::RequestStop() {
     impl_->controlCv.notify_all();
 }
 
+void Graph::RequestFinish() {
+    {
+        std::lock_guard lock(impl_->controlMutex);
+        impl_->finishRequested = true;
+    }
+    impl_->controlCv.notify_all();
+}
+
 void Graph::Pause() {
     std::lock_guard lock(impl_->controlMutex);
     impl_->pauseRequested = true;
@@ -442,6 +451,7 @@ void Graph::Impl::RunInitialized(Graph& graph, const RunOptions& options, RunRes
     {
         std::lock_guard lock(controlMutex);
         stopRequested = false;
+        finishRequested = false;
         pauseRequested = false;
         seekTo.reset();
     }
@@ -486,6 +496,9 @@ void Graph::Impl::RunInitialized(Graph& graph, const RunOptions& options, RunRes
             WaitForTargets(options, result);
         }
     }
+    if (options.beforeStop && !started.empty()) {
+        CallCallback("beforeStop", result, [&] { options.beforeStop(graph); });
+    }
     StopStarted(result);
 }
 
@@ -503,6 +516,9 @@ bool Graph::Impl::PlayFrames(Graph& graph, const RunOptions& options, std::uint6
                 case kStop:
                     result.stoppedEarly = true;
                     return false;
+                case kFinish:
+                    result.finishedEarly = true;
+                    return true;
                 case kFail:
                     return false;
                 default:
@@ -573,6 +589,9 @@ int Graph::Impl::HandleRequests(Graph& graph, std::uint64_t& frame, RunResult& r
         if (stopRequested) {
             return kStop;
         }
+        if (finishRequested) {
+            return kFinish;
+        }
         if (pauseRequested) {
             lock.unlock();
             for (Filter* filter : started) {
@@ -584,7 +603,7 @@ int Graph::Impl::HandleRequests(Graph& graph, std::uint64_t& frame, RunResult& r
                 filter->SetFilterState(FILTER_STATE_PAUSED);
             }
             lock.lock();
-            controlCv.wait(lock, [&] { return !pauseRequested || stopRequested; });
+            controlCv.wait(lock, [&] { return !pauseRequested || stopRequested || finishRequested; });
             if (stopRequested) {
                 return kStop;
             }

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -401,6 +402,42 @@ TEST_F(GraphTest, TargetNotDoneByTheTimeoutIsStoppedAndFailsTheRun) {
     EXPECT_EQ(Summary(result), "code 15, 2 delivered, 0 skipped") << result.message;
     EXPECT_EQ(result.failedFilter, "target");
     EXPECT_EQ(log->Count("tgt.onStop@7"), 1U);
+}
+
+// A finish request ends the run after the current frame as a natural end
+// does: the targets' input is finished and the graph waits until they are
+// done before it stops them; a stop request during that wait cuts it short.
+TEST_F(GraphTest, FinishEndsTheRunAsANaturalEndAndAStopCutsItsWaitShort) {
+    for (const bool stopWhileWaiting : {false, true}) {
+        Build(1, 10);
+        std::atomic<bool> released{false};
+        tgt->done = [&] { return released.load(); };
+        KEL::RunOptions options;
+        options.afterFrame = [&](KEL::Graph& g, std::uint32_t f, bool) {
+            if (f == 3) {
+                g.RequestFinish();
+            }
+        };
+        std::string error;
+        ASSERT_EQ(graph->Initialize(&error), KEL::KEL_OK) << error;
+        std::thread controller([&] {
+            log->WaitFor("tgt.post", 4);
+            while (!tgt->KEL::Target::IsDone()) {
+                std::this_thread::yield();  // the graph has finished the targets' input
+            }
+            if (stopWhileWaiting) {
+                graph->RequestStop();
+            } else {
+                released = true;
+            }
+        });
+        const auto result = graph->Run(options);
+        controller.join();
+        EXPECT_EQ(Summary(result),
+                  std::string("code 0, 4 delivered, 0 skipped") + (stopWhileWaiting ? ", stopped early" : ""));
+        EXPECT_EQ(result.finishedEarly, true);
+        EXPECT_EQ(released.load(), !stopWhileWaiting);
+    }
 }
 
 // Pausing at frame 1 and resuming, then pausing at frame 3 and stopping.

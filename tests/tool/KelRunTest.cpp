@@ -93,9 +93,11 @@ TEST_F(KelRun, LoopsRepeatTheTimelineEveryPassUntilAStopEndsTheRunAfterItsFrame)
 
 constexpr const char* kRecordToRecKel = R"("KEL File Path": "rec.kel", "Write XML": false, "Enable Recording": true)";
 
-TEST_F(KelRun, InterruptStopsAnEndlessRunCleanly) {
+TEST_F(KelRun, InterruptEndsALongRunAsANaturalEnd) {
     WriteText(File("graph.json"),
-              GraphJson(2, 50, 16, 16, "TargetKEL2FileWriter", kRecordToRecKel, R"("options": {"loops": 0})"));
+              GraphJson(2, 1'000'000, 16, 16, "TargetKEL2FileWriterAsync",
+                        R"("KEL File Path": "rec.kel", "Write XML": false, "Enable Recording": true, )"
+                        R"("Buffer size": 1000, "Drop frames when full": false)"));
     kel_tool_test::KelChild kel({"run", "graph.json"}, dir.Path().string());
     ASSERT_GT(kel.Pid(), 0);
     // The writer creates its file when the graph starts playing, after the
@@ -105,9 +107,15 @@ TEST_F(KelRun, InterruptStopsAnEndlessRunCleanly) {
     }
     ASSERT_TRUE(Exists("rec.kel"));
     ASSERT_EQ(kill(kel.Pid(), SIGINT), 0);
-    EXPECT_EQ(kel.Wait().exitCode, 130);
-    // Stopped between frames as at a natural end: the file is closed with its
-    // index and holds the same whole frames of both cameras.
+    const auto run = kel.Wait();
+    EXPECT_EQ(run.exitCode, 130);
+    // The first Ctrl-C ends the run between frames as a natural end does:
+    // the asynchronous writer writes every frame it queued, the file is
+    // closed with its index and holds the same whole frames of both cameras.
+    EXPECT_TRUE(Contains(run.out, {"rec: 0 queued frame(s) discarded at stop\n"}));
+    const auto delivered = run.out.find("Frames delivered: ");
+    ASSERT_NE(delivered, std::string::npos);
+    EXPECT_EQ(Stored("rec.kel", 0).size(), std::stoul(run.out.substr(delivered + 18)));
     EXPECT_TRUE(Contains(Kel({"verify", "rec.kel"}).out, {"rec.kel: OK"}));
     EXPECT_EQ(Stored("rec.kel", 0), Stored("rec.kel", 1));
 }

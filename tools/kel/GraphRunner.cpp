@@ -4,8 +4,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <memory>
+#include <stop_token>
+#include <thread>
 
 #include "GraphBuilder.h"
 #include "PlannedOutputs.h"
@@ -15,27 +18,51 @@ namespace KelTool {
 
 namespace {
 
-std::atomic<bool> gInterrupted{false};
+std::atomic<int> gInterrupts{0};
 
-extern "C" void OnInterrupt(int /*signal*/) { gInterrupted.store(true); }
+extern "C" void OnInterrupt(int /*signal*/) { gInterrupts.fetch_add(1); }
 
-// Routes SIGINT to a flag for as long as it lives; the graph thread polls
-// the flag between frames and asks the graph to stop.
+// Routes SIGINT to a counter for as long as it lives, and asks the graph to
+// end from a thread of its own: the first Ctrl-C ends the run as its natural
+// end does (no more frames; the targets write what they hold), the second
+// stops it at once. A signal handler may not take the graph's locks, and the
+// graph thread may be waiting for its targets, so neither can do it.
 class InterruptGuard {
 public:
-    InterruptGuard() {
-        gInterrupted.store(false);
+    explicit InterruptGuard(KEL::Graph& graph) {
+        gInterrupts.store(0);
         struct sigaction action {};
         action.sa_handler = &OnInterrupt;
         sigemptyset(&action.sa_mask);
         sigaction(SIGINT, &action, &previous_);
+        watcher_ = std::jthread([&graph](const std::stop_token& stop) {
+            int handled = 0;
+            while (!stop.stop_requested()) {
+                const int seen = gInterrupts.load();
+                if (seen > handled) {
+                    handled = seen;
+                    if (seen == 1) {
+                        graph.RequestFinish();
+                    } else {
+                        graph.RequestStop();
+                    }
+                }
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            }
+        });
     }
-    ~InterruptGuard() { sigaction(SIGINT, &previous_, nullptr); }
+    ~InterruptGuard() {
+        watcher_.request_stop();
+        watcher_.join();
+        sigaction(SIGINT, &previous_, nullptr);
+    }
     InterruptGuard(const InterruptGuard&) = delete;
     InterruptGuard& operator=(const InterruptGuard&) = delete;
+    int Count() const { return gInterrupts.load(); }
 
 private:
     struct sigaction previous_ {};
+    std::jthread watcher_;
 };
 
 // Sets the serializers' settings for as long as it lives.
@@ -217,7 +244,7 @@ GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description,
     std::uint32_t lastFrame = 0;
     std::string eventError;
     ProgressBar progress(stderr, showProgress);
-    InterruptGuard interruptGuard;
+    InterruptGuard interruptGuard(graph);
 
     KEL::RunOptions options;
     options.startFrame = description.startFrame;
@@ -231,10 +258,6 @@ GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description,
         }
         seenFrame = true;
         lastFrame = frameNr;
-        if (gInterrupted.load()) {
-            g.RequestStop();
-            return;
-        }
         for (std::size_t i = 0; i < description.timeline.size() && eventError.empty(); ++i) {
             const TimelineEvent& event = description.timeline[i];
             if (event.frame != frameNr || (event.pass && *event.pass != pass)) {
@@ -260,14 +283,12 @@ GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description,
         const std::uint64_t done = static_cast<std::uint64_t>(pass) * perPass + inPass;
         const std::uint64_t total = description.loops == 0 ? 0 : perPass * description.loops;
         progress.Update(done, total, description.loops > 1 ? "pass " + std::to_string(pass + 1) : std::string());
-        if (gInterrupted.load()) {
-            g.RequestStop();
-        }
     };
+    options.beforeStop = [&](KEL::Graph& g) { ReadStatusValues(g, &outcome.statusAtStop); };
 
     outcome.result = graph.Run(options);
     outcome.played = true;
-    outcome.interrupted = gInterrupted.load();
+    outcome.interrupted = interruptGuard.Count() > 0;
     progress.Finish();
 
     for (bool f : fired) {
@@ -349,6 +370,11 @@ void PrintRunSummary(std::ostream& out, const GraphRunOutcome& outcome) {
     }
     for (const auto& status : outcome.lastStatus) {
         out << status.filter << ": " << status.name << " = " << status.value << "\n";
+    }
+    for (const auto& status : outcome.statusAtStop) {
+        if (status.name == "Buffered frames count") {
+            out << status.filter << ": " << status.value << " queued frame(s) discarded at stop\n";
+        }
     }
     for (const auto& file : outcome.written) {
         out << "Wrote " << file.path;

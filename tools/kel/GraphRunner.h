@@ -15,7 +15,7 @@ namespace KelTool {
 struct GraphRunOutcome {
     bool ok = false;
     bool played = false;       // initialisation succeeded and the graph was played
-    bool interrupted = false;  // Ctrl-C ended the run (cleanly)
+    bool interrupted = false;  // Ctrl-C ended the run (once: as a natural end; twice: stopped at once)
     std::string error;         // what went wrong: initialisation, a filter's hook, a timeline event
     KEL::RunResult result;
     // Status values (flag 4) of every filter as they stood after the last
@@ -27,6 +27,9 @@ struct GraphRunOutcome {
         std::string value;
     };
     std::vector<StatusValue> lastStatus;
+    // The same as the targets were stopped: an asynchronous writer's
+    // "Buffered frames count" then is what its stop discards.
+    std::vector<StatusValue> statusAtStop;
     // Files whose serializer failed during the run (a full disk, a size
     // limit, a failing sync), whichever writer wrote them: the asynchronous
     // targets cannot report write errors to the graph.
