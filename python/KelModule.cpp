@@ -60,4 +60,5 @@ PYBIND11_MODULE(kel, m) {
     kel_python::BindAtom(m);
     kel_python::BindRecording(m);
     kel_python::BindWriter(m);
+    kel_python::BindTestGate(m);
 }
