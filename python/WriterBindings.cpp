@@ -1,5 +1,6 @@
 // kel.create: writing containers with the runtime's serializer.
 
+#include <KEL/Atom.h>
 #include <KEL/SerializeToKel.h>
 
 #include <memory>
@@ -48,9 +49,13 @@ public:
         if (!atom) {
             throw py::type_error("write() takes a kel.Atom");
         }
+        // What is written is taken now, while the GIL keeps other threads
+        // from changing the atom: its keys, its layer list and each layer's
+        // fields are copied; payload buffers are immutable and shared.
+        const std::shared_ptr<KEL::Atom> snapshot = KEL::Atom::Copy(atom, -1, true);
         std::string why;
         const KEL::KelErrorCode code = With([&](KEL::SerializeToKel& s) {
-            const KEL::KelErrorCode result = s.SerializeAtom(atom);
+            const KEL::KelErrorCode result = s.SerializeAtom(snapshot);
             if (result != KEL::KEL_OK) {
                 why = s.GetLastError();
             }
@@ -104,7 +109,9 @@ void BindWriter(py::module_& m) {
                        "Writes atoms into a new container; a context manager that closes the file (index, sync, "
                        "companion) on exit.")
         .def("write", &Writer::Write, "atom"_a,
-             "Stores the atom. Once it returns the atom is in the file; raises KelError (disk full, ...) otherwise.")
+             "Stores the atom as it is when the call is made (later changes, also from other threads during the "
+             "call, are not written). Once it returns the atom is in the file; raises KelError (disk full, ...) "
+             "otherwise.")
         .def("close", &Writer::Close,
              "Waits for a write in flight on another thread, then writes the index, syncs and closes; raises "
              "KelError when that fails. Every call after it raises ValueError; closing again does nothing.")

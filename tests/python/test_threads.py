@@ -1,7 +1,7 @@
 """The module's objects used from several threads, with each interleaving
 forced through the module's test gate (kel._testing_hold_next_call): a reader
 or writer call is stopped at a known point, without the GIL, while the test
-closes the object from another thread."""
+closes the object or changes the atom being written from another thread."""
 
 import threading
 
@@ -141,3 +141,24 @@ def test_close_and_other_calls_wait_for_a_call_in_flight(demo_dir, tmp_path, gat
         assert refreshed["value"] == 2 and counted["atoms"] == 5
         assert list(growing.frame_numbers(3)) == list(range(5))
     writer.close()
+
+
+def test_write_stores_the_atom_as_it_was_when_called(tmp_path, gate):
+    path = str(tmp_path / "snapshot.kel")
+    writer = kel.create(path)
+    atom = sample_atom(7, time_stamp=123_456)
+    expected = atom_fields(atom)
+    write, wrote = in_flight("locked", lambda: writer.write(atom))
+    # Changed while the write is in flight; none of it may reach the file.
+    atom.time_stamp = 999_999
+    atom.frame = 8
+    atom.stream = 4
+    atom.layer("CameraParams").fx = 1.0
+    atom.layer("TextureRGBA").purpose = "THUMBNAIL"
+    atom.add_layer(kel.Binary("late", b"not written"))
+    assert waits(writer.close, write), "close() did not wait for the write in flight"
+    assert wrote == {"value": None}
+    with kel.open(path) as rec:
+        assert rec.verify()["intact"]
+        assert [atom_fields(a) for a in rec.atoms()] == [expected]
+        assert list(rec.time_stamps(3)) == [123_456]
