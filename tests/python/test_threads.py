@@ -1,8 +1,11 @@
 """The module's objects used from several threads, with each interleaving
 forced through the module's test gate (kel._testing_hold_next_call): a reader
 or writer call is stopped at a known point, without the GIL, while the test
-closes the object or changes the atom being written from another thread."""
+closes the object or changes the atom from another thread. Also: importing
+the module where numpy is missing."""
 
+import subprocess
+import sys
 import threading
 
 import numpy as np
@@ -162,3 +165,25 @@ def test_write_stores_the_atom_as_it_was_when_called(tmp_path, gate):
         assert rec.verify()["intact"]
         assert [atom_fields(a) for a in rec.atoms()] == [expected]
         assert list(rec.time_stamps(3)) == [123_456]
+
+
+def test_importing_without_numpy_says_how_to_get_it(tmp_path):
+    fake = tmp_path / "numpy"
+    fake.mkdir()
+    (fake / "__init__.py").write_text("raise ImportError(\"No module named 'numpy'\")\n")
+    probe = f"""
+import sys
+sys.path.insert(0, {str(tmp_path)!r})
+try:
+    import kel
+except ImportError as error:
+    print(error)
+else:
+    print("imported")
+"""
+    run = subprocess.run([sys.executable, "-c", probe], capture_output=True, text=True, timeout=60)
+    message = run.stdout
+    assert run.returncode == 0, run.stderr
+    version = f"{sys.version_info.major}.{sys.version_info.minor}"
+    for part in ["numpy", "No module named 'numpy'", "apt-get install python3-numpy", "/usr/bin/python3", version]:
+        assert part in message, message
