@@ -5,6 +5,7 @@
 #include <KEL/KelErrorCode.h>
 
 #include <cstdlib>
+#include <string>
 
 #include "PythonSupport.h"
 
@@ -30,8 +31,15 @@ PYBIND11_MODULE(kel, m) {
         "payloads are read-only numpy views of the reader's memory (no copy); kel.create(path) writes one.";
     QuietLogUnlessAsked();
     // Arrays are numpy's: load it with the module rather than at the first
-    // array a user asks for.
-    pybind11::module_::import("numpy");
+    // array a user asks for, and say what to do when it is missing.
+    try {
+        pybind11::module_::import("numpy");
+    } catch (pybind11::error_already_set& e) {
+        throw pybind11::import_error(
+            "the kel module needs numpy, which this Python cannot import (" + std::string(pybind11::str(e.value())) +
+            "). Install Debian's package: apt-get install python3-numpy. The module is built for Debian's Python " +
+            KEL_PYTHON_VERSION + " (" + KEL_PYTHON_EXECUTABLE + ") and uses its numpy.");
+    }
     kel_python::DefineKelError(m);
     m.def(
         "set_log_level",
@@ -60,4 +68,5 @@ PYBIND11_MODULE(kel, m) {
     kel_python::BindAtom(m);
     kel_python::BindRecording(m);
     kel_python::BindWriter(m);
+    kel_python::BindTestGate(m);
 }

@@ -2,12 +2,86 @@
 
 #include <KEL/KELPurposeGuids.h>
 
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
 namespace kel_python {
 
 namespace {
 // Owned by the module for the life of the process.
 PyObject* gKelError = nullptr;
+
+// The test gate: the point armed (-1 none), whether a call is held there, and
+// whether the test has let it go on.
+constexpr int kGateDisarmed = -1;
+std::atomic<int> gGateArmedAt{kGateDisarmed};
+std::mutex gGateMutex;
+std::condition_variable gGateChanged;
+bool gGateHolding = false;
+bool gGateReleased = false;
+
+const char* GatePointName(GatePoint point) { return point == GatePoint::kUnlocked ? "unlocked" : "locked"; }
 }  // namespace
+
+void PassTestGate(GatePoint point) {
+    int armed = static_cast<int>(point);
+    if (gGateArmedAt.load(std::memory_order_relaxed) != armed) {
+        return;
+    }
+    std::unique_lock lock(gGateMutex);
+    // Only the first call to get here is held; the gate is then disarmed.
+    if (!gGateArmedAt.compare_exchange_strong(armed, kGateDisarmed)) {
+        return;
+    }
+    gGateHolding = true;
+    gGateReleased = false;
+    gGateChanged.notify_all();
+    gGateChanged.wait(lock, [] { return gGateReleased; });
+    gGateHolding = false;
+    gGateChanged.notify_all();
+}
+
+void BindTestGate(py::module_& m) {
+    m.def(
+        "_testing_hold_next_call",
+        [](const std::string& where) {
+            if (where != GatePointName(GatePoint::kUnlocked) && where != GatePointName(GatePoint::kLocked)) {
+                throw py::value_error("the gate points are 'unlocked' and 'locked'");
+            }
+            const GatePoint point =
+                where == GatePointName(GatePoint::kLocked) ? GatePoint::kLocked : GatePoint::kUnlocked;
+            const std::lock_guard lock(gGateMutex);
+            if (gGateHolding || gGateArmedAt.load() != kGateDisarmed) {
+                throw py::value_error("the gate is already in use");
+            }
+            gGateArmedAt.store(static_cast<int>(point));
+        },
+        py::arg("point"),
+        "For the module's tests only: the next reader or writer call (from any thread) stops, without the GIL, "
+        "at `point`: 'unlocked' (before it waits for the object's lock) or 'locked' (holding it, the object "
+        "open), until _testing_release().");
+    m.def(
+        "_testing_wait_held",
+        [](double timeout) {
+            py::gil_scoped_release released;
+            std::unique_lock lock(gGateMutex);
+            return gGateChanged.wait_for(lock, std::chrono::duration<double>(timeout), [] { return gGateHolding; });
+        },
+        py::arg("timeout"), "For the module's tests only: waits until a call is held at the gate; False on timeout.");
+    m.def(
+        "_testing_release",
+        [] {
+            const std::lock_guard lock(gGateMutex);
+            gGateArmedAt.store(kGateDisarmed);
+            if (gGateHolding) {
+                gGateReleased = true;
+                gGateChanged.notify_all();
+            }
+        },
+        "For the module's tests only: lets the held call go on, or disarms the gate if none is held.");
+}
 
 py::array ViewOf(const KelCommon::SharedBuffer& buffer, const py::dtype& dtype, std::vector<py::ssize_t> shape) {
     auto* keep = new KelCommon::SharedBuffer(buffer);

@@ -36,6 +36,18 @@ std::string PurposeText(const KelCommon::Guid& purpose);
 // Raises ValueError for anything else.
 KelCommon::Guid PurposeFrom(const py::object& purpose);
 
+// A gate for the module's own tests, to put a reader or writer call in flight
+// at a known point and keep it there while the test calls close() or changes
+// the atom being written from another thread. Every reader and writer call
+// passes it twice, without the GIL: once before it waits for the object's
+// mutex (`kUnlocked`) and once holding that mutex, the object found open
+// (`kLocked`); Writer.close() passes `kLocked` too. Unarmed, passing costs one atomic load. Python reaches it
+// through kel._testing_hold_next_call(point), kel._testing_wait_held(timeout)
+// and kel._testing_release(); nothing else arms it.
+enum class GatePoint { kUnlocked, kLocked };
+void PassTestGate(GatePoint point);
+void BindTestGate(py::module_& m);
+
 // Raises kel.KelError(message) with `code` and `name` ("not found")
 // attributes.
 [[noreturn]] void RaiseKelError(KEL::KelErrorCode code, const std::string& message);

@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <utility>
 
 #include "PythonSupport.h"
 
@@ -23,28 +24,36 @@ namespace {
 using namespace pybind11::literals;
 namespace fs = std::filesystem;
 
-// The reader of an open recording, shared with the iterators made from it.
-// Reads run without the GIL, one at a time (the reader is single-threaded).
+// The reader of an open recording, shared with the iterators and playbacks
+// made from it. `path` never changes; `reader` is guarded by `mutex`, and is
+// empty once the recording is closed.
 struct RecordingState {
     std::string path;
-    std::unique_ptr<KEL::ReadKEL2File> reader;
     std::mutex mutex;
-
-    KEL::ReadKEL2File& Reader() {
-        if (!reader) {
-            throw py::value_error("the recording '" + path + "' is closed");
-        }
-        return *reader;
-    }
+    std::unique_ptr<KEL::ReadKEL2File> reader;
 };
 
-// An atom fetched without the GIL; empty when absent or damaged.
-template <class Fetcher>
-std::shared_ptr<KEL::Atom> Fetch(RecordingState& state, Fetcher&& fetch) {
-    KEL::ReadKEL2File& reader = state.Reader();
+[[noreturn]] void RaiseClosed(const RecordingState& state) {
+    throw py::value_error("the recording '" + state.path + "' is closed");
+}
+
+// Runs `use(reader)` and returns what it returns. Every access to the reader
+// goes through here: without the GIL, holding the recording's mutex, after
+// checking under that mutex that the recording is still open (ValueError when
+// not). close() takes the same mutex, so it waits for a call in flight. The
+// GIL is released before waiting for the mutex, never held while waiting:
+// the thread holding the mutex may need the GIL next. `use` must not touch
+// Python objects.
+template <class Use>
+auto WithReader(RecordingState& state, Use&& use) {
     py::gil_scoped_release released;
-    std::lock_guard lock(state.mutex);
-    return fetch(reader);
+    PassTestGate(GatePoint::kUnlocked);
+    const std::lock_guard lock(state.mutex);
+    if (!state.reader) {
+        RaiseClosed(state);
+    }
+    PassTestGate(GatePoint::kLocked);
+    return use(*state.reader);
 }
 
 py::dict DamageDict(const KEL::ContainerDamageReport& d) {
@@ -90,12 +99,13 @@ class AtomIterator {
 public:
     AtomIterator(std::shared_ptr<RecordingState> state, std::optional<std::uint16_t> stream)
         : state_(std::move(state)), stream_(stream) {
-        KEL::ReadKEL2File& reader = state_->Reader();
-        if (stream_) {
-            frames_ = reader.GetFrameNumbers(*stream_);
-        } else {
-            count_ = reader.GetNumAtoms();
-        }
+        WithReader(*state_, [&](KEL::ReadKEL2File& reader) {
+            if (stream_) {
+                frames_ = reader.GetFrameNumbers(*stream_);
+            } else {
+                count_ = reader.GetNumAtoms();
+            }
+        });
     }
 
     std::shared_ptr<KEL::Atom> Next() {
@@ -105,9 +115,9 @@ public:
                 throw py::stop_iteration();
             }
             const std::size_t i = next_++;
-            auto atom = stream_
-                            ? Fetch(*state_, [&](KEL::ReadKEL2File& r) { return r.GetFrameAtom(*stream_, frames_[i]); })
-                            : Fetch(*state_, [&](KEL::ReadKEL2File& r) { return r.GetAtomAt(i); });
+            auto atom = WithReader(*state_, [&](KEL::ReadKEL2File& r) {
+                return stream_ ? r.GetFrameAtom(*stream_, frames_[i]) : r.GetAtomAt(i);
+            });
             if (atom) {
                 return atom;
             }
@@ -155,10 +165,13 @@ void LoadFilePlugin() {
 
 // Frames as the plugin's single-file source pushes them into a graph: for
 // each frame number the atoms of every included stream, with the stream-level
-// layers that writers keep only in a stream's first atom restored.
+// layers that writers keep only in a stream's first atom restored. The source
+// reads the file itself, but is used as the recording's reader is (under its
+// mutex, one call at a time), and not after the recording is closed.
 class Playback {
 public:
-    Playback(const std::string& path, const std::vector<std::uint16_t>& streams) {
+    Playback(std::shared_ptr<RecordingState> state, const std::vector<std::uint16_t>& streams)
+        : state_(std::move(state)) {
         LoadFilePlugin();
         filter_ = KEL::FilterFactory::CreateFilter(std::string("SourceKEL2FileReader"));
         source_ = dynamic_cast<KEL::Source*>(filter_.get());
@@ -171,10 +184,11 @@ public:
             included += (included.empty() ? "" : ",") + std::to_string(id);
         }
         std::string error;
-        if (!source_->FindParam("KEL File Path")->SetValueFromString(path, &error) ||
+        if (!source_->FindParam("KEL File Path")->SetValueFromString(state_->path, &error) ||
             !source_->FindParam("Included streams")->SetValueFromString(included, &error)) {
             throw py::value_error(error);
         }
+        // Nothing else knows this object yet: no lock needed.
         KEL::KelErrorCode code = KEL::KEL_OK;
         {
             py::gil_scoped_release released;
@@ -200,12 +214,10 @@ public:
         while (next_ < frames_) {
             const std::uint32_t frame = next_++;
             KEL::KelErrorCode pushed = KEL::KEL_OK;
-            std::vector<std::shared_ptr<KEL::Atom>> atoms;
-            {
-                py::gil_scoped_release released;
+            auto atoms = WithReader(*state_, [&](KEL::ReadKEL2File&) {
                 pushed = source_->pushDataToOutput(frame);
-                atoms = source_->TakeOutputQueue();
-            }
+                return source_->TakeOutputQueue();
+            });
             if (pushed == KEL::KEL_OK) {
                 return atoms;
             }
@@ -213,13 +225,15 @@ public:
         throw py::stop_iteration();
     }
 
-    std::uint32_t NumFrames() const { return frames_; }
-    std::vector<std::uint32_t> StreamIds() const {
-        std::vector<std::uint32_t> ids = source_->GetStreamIds();
-        return ids;
+    std::uint32_t NumFrames() {
+        return WithReader(*state_, [&](KEL::ReadKEL2File&) { return frames_; });
+    }
+    std::vector<std::uint32_t> StreamIds() {
+        return WithReader(*state_, [&](KEL::ReadKEL2File&) { return source_->GetStreamIds(); });
     }
 
 private:
+    std::shared_ptr<RecordingState> state_;
     std::unique_ptr<KEL::Filter> filter_;
     KEL::Source* source_ = nullptr;
     bool initialized_ = false;
@@ -233,44 +247,69 @@ public:
         state_->path = path;
         KEL::ReaderOptions options;
         options.verifyChecksums = verify;
-        state_->reader = std::make_unique<KEL::ReadKEL2File>(path.c_str(), options);
+        // Nothing else knows this object yet: no lock needed.
+        auto reader = std::make_unique<KEL::ReadKEL2File>(path.c_str(), options);
         KEL::KelErrorCode code = KEL::KEL_OK;
         {
             py::gil_scoped_release released;
-            code = state_->reader->Initialize();
+            code = reader->Initialize();
         }
         if (code != KEL::KEL_OK) {
-            const std::string why = state_->reader->GetLastError();
-            state_->reader.reset();
+            const std::string why = reader->GetLastError();
             RaiseKelError(code, "cannot open '" + path + "'" + (why.empty() ? "" : ": " + why));
+        }
+        state_->reader = std::move(reader);
+    }
+
+    // Waits for a call in flight, then drops the reader; closing twice is
+    // harmless.
+    void Close() {
+        py::gil_scoped_release released;
+        std::unique_ptr<KEL::ReadKEL2File> reader;
+        {
+            const std::lock_guard lock(state_->mutex);
+            reader = std::move(state_->reader);
         }
     }
 
-    void Close() {
-        std::lock_guard lock(state_->mutex);
-        state_->reader.reset();
+    bool IsClosed() {
+        py::gil_scoped_release released;
+        const std::lock_guard lock(state_->mutex);
+        return !state_->reader;
     }
-    bool IsClosedByUs() const { return !state_->reader; }
-    KEL::ReadKEL2File& Reader() { return state_->Reader(); }
+
+    template <class Use>
+    auto With(Use&& use) {
+        return WithReader(*state_, std::forward<Use>(use));
+    }
+
     const std::string& Path() const { return state_->path; }
 
     std::vector<std::uint16_t> Streams() {
-        KEL::ReadKEL2File& r = Reader();
-        std::vector<std::uint16_t> ids;
-        ids.reserve(static_cast<std::size_t>(std::max(r.GetNumStreams(), 0)));
-        for (int i = 0; i < r.GetNumStreams(); ++i) {
-            ids.push_back(r.GetStreamId(i));
-        }
-        return ids;
+        return With([](KEL::ReadKEL2File& r) {
+            std::vector<std::uint16_t> ids;
+            ids.reserve(static_cast<std::size_t>(std::max(r.GetNumStreams(), 0)));
+            for (int i = 0; i < r.GetNumStreams(); ++i) {
+                ids.push_back(r.GetStreamId(i));
+            }
+            return ids;
+        });
     }
 
     std::shared_ptr<KEL::Atom> AtomOf(std::uint16_t stream, std::uint32_t frame) {
-        auto atom = Fetch(*state_, [&](KEL::ReadKEL2File& r) { return r.GetFrameAtom(stream, frame); });
+        bool listed = false;
+        auto atom = With([&](KEL::ReadKEL2File& r) {
+            auto found = r.GetFrameAtom(stream, frame);
+            if (!found) {
+                const auto numbers = r.GetFrameNumbers(stream);
+                listed = std::binary_search(numbers.begin(), numbers.end(), frame);
+            }
+            return found;
+        });
         if (atom) {
             return atom;
         }
-        const auto numbers = Reader().GetFrameNumbers(stream);
-        if (!std::binary_search(numbers.begin(), numbers.end(), frame)) {
+        if (!listed) {
             throw py::key_error("no frame " + std::to_string(frame) + " in stream " + std::to_string(stream));
         }
         RaiseKelError(KEL::KEL_ERR_CORRUPT, "frame " + std::to_string(frame) + " of stream " + std::to_string(stream) +
@@ -279,19 +318,41 @@ public:
 
     AtomIterator Atoms(std::optional<std::uint16_t> stream) { return {state_, stream}; }
 
+    std::unique_ptr<Playback> PlaybackOf(const std::optional<std::vector<std::uint16_t>>& streams) {
+        // All streams are named explicitly: the source's default (an empty
+        // list) works too but logs that it parsed nothing.
+        std::vector<std::uint16_t> ids = streams ? *streams : Streams();
+        With([](KEL::ReadKEL2File&) {});  // ValueError once closed, also with the streams given
+        return std::make_unique<Playback>(state_, ids);
+    }
+
     std::uint64_t Refresh() {
-        KEL::ReadKEL2File& r = Reader();
-        const std::uint64_t before = r.GetNumAtoms();
         KEL::KelErrorCode code = KEL::KEL_OK;
+        std::string why;
+        const std::uint64_t added = With([&](KEL::ReadKEL2File& r) -> std::uint64_t {
+            const std::uint64_t before = r.GetNumAtoms();
+            code = r.Refresh();
+            if (code != KEL::KEL_OK) {
+                why = r.GetLastError();
+                return 0;
+            }
+            return r.GetNumAtoms() - before;
+        });
+        if (code != KEL::KEL_OK) {
+            RaiseKelError(code, why);
+        }
+        return added;
+    }
+
+    py::dict Verify() {
+        With([](KEL::ReadKEL2File&) {});  // ValueError once closed
+        // The verifier reads the file on its own, not through the reader.
+        KEL::ContainerVerification v;
         {
             py::gil_scoped_release released;
-            std::lock_guard lock(state_->mutex);
-            code = r.Refresh();
+            v = KEL::VerifyContainer(state_->path);
         }
-        if (code != KEL::KEL_OK) {
-            RaiseKelError(code, r.GetLastError());
-        }
-        return r.GetNumAtoms() - before;
+        return VerificationDict(v);
     }
 
 private:
@@ -318,18 +379,22 @@ void BindRecording(py::module_& m) {
         .def_property_readonly("path", &Recording::Path)
         .def_property_readonly("streams", &Recording::Streams, "Stream ids in the order they first appear in the file.")
         .def(
-            "num_frames", [](Recording& r, std::uint16_t s) { return r.Reader().GetNumFrames(s); }, "stream"_a)
+            "num_frames",
+            [](Recording& r, std::uint16_t s) {
+                return r.With([s](KEL::ReadKEL2File& f) { return f.GetNumFrames(s); });
+            },
+            "stream"_a)
         .def(
             "frame_numbers",
             [](Recording& r, std::uint16_t s) {
-                const auto numbers = r.Reader().GetFrameNumbers(s);
+                const auto numbers = r.With([s](KEL::ReadKEL2File& f) { return f.GetFrameNumbers(s); });
                 return py::array_t<std::uint32_t>(static_cast<py::ssize_t>(numbers.size()), numbers.data());
             },
             "stream"_a, "The stream's stored frame numbers, ascending (from the index; nothing is read).")
         .def(
             "time_stamps",
             [](Recording& r, std::uint16_t s) {
-                const auto stamps = r.Reader().GetTimeStamps(s);
+                const auto stamps = r.With([s](KEL::ReadKEL2File& f) { return f.GetTimeStamps(s); });
                 return py::array_t<std::int64_t>(static_cast<py::ssize_t>(stamps.size()), stamps.data());
             },
             "stream"_a, "The time stamps (microseconds) of the stream's atoms, in the order of frame_numbers().")
@@ -339,41 +404,32 @@ void BindRecording(py::module_& m) {
         .def("atoms", &Recording::Atoms, "stream"_a = py::none(), py::keep_alive<0, 1>(),
              "Iterates the atoms: every record in file order, or with `stream` that stream's frames in order. "
              "Damaged atoms are skipped (and counted in `damage`).")
-        .def(
-            "playback",
-            [](Recording& r, std::optional<std::vector<std::uint16_t>> streams) {
-                // All streams are named explicitly: the source's default (an
-                // empty list) works too but logs that it parsed nothing.
-                return std::make_unique<Playback>(r.Path(), streams ? *streams : r.Streams());
-            },
-            "included_streams"_a = py::none(),
-            "The frames exactly as the plugin's SourceKEL2FileReader pushes them into a graph: per frame a list of "
-            "atoms, one per included stream, with stream-level layers restored.")
-        .def_property_readonly("damage", [](Recording& r) { return DamageDict(r.Reader().GetDamageReport()); })
-        .def(
-            "verify",
-            [](Recording& r) {
-                KEL::ContainerVerification v;
-                const std::string& path = r.Path();
-                {
-                    py::gil_scoped_release released;
-                    v = KEL::VerifyContainer(path);
-                }
-                return VerificationDict(v);
-            },
-            "Checks every byte of the file (as `kel verify`) and returns the findings as a dict.")
+        .def("playback", &Recording::PlaybackOf, "included_streams"_a = py::none(),
+             "The frames exactly as the plugin's SourceKEL2FileReader pushes them into a graph: per frame a list of "
+             "atoms, one per included stream, with stream-level layers restored.")
+        .def_property_readonly(
+            "damage",
+            [](Recording& r) { return DamageDict(r.With([](KEL::ReadKEL2File& f) { return f.GetDamageReport(); })); })
+        .def("verify", &Recording::Verify,
+             "Checks every byte of the file (as `kel verify`) and returns the findings as a dict.")
         .def("refresh", &Recording::Refresh,
              "Lists atoms appended since opening (a recording in progress); returns "
              "how many were added.")
-        .def_property_readonly("num_atoms", [](Recording& r) { return r.Reader().GetNumAtoms(); })
-        .def_property_readonly("file_size", [](Recording& r) { return r.Reader().GetFileSize(); })
-        .def_property_readonly("file_id", [](Recording& r) { return r.Reader().GetFileId(); })
-        .def_property_readonly("created", [](Recording& r) { return r.Reader().GetCreationTime(); })
         .def_property_readonly(
-            "writer_closed", [](Recording& r) { return r.Reader().IsClosed(); },
+            "num_atoms", [](Recording& r) { return r.With([](KEL::ReadKEL2File& f) { return f.GetNumAtoms(); }); })
+        .def_property_readonly(
+            "file_size", [](Recording& r) { return r.With([](KEL::ReadKEL2File& f) { return f.GetFileSize(); }); })
+        .def_property_readonly("file_id",
+                               [](Recording& r) { return r.With([](KEL::ReadKEL2File& f) { return f.GetFileId(); }); })
+        .def_property_readonly(
+            "created", [](Recording& r) { return r.With([](KEL::ReadKEL2File& f) { return f.GetCreationTime(); }); })
+        .def_property_readonly(
+            "writer_closed", [](Recording& r) { return r.With([](KEL::ReadKEL2File& f) { return f.IsClosed(); }); },
             "True when the writer closed the file (it ends with its index).")
-        .def_property_readonly("closed", &Recording::IsClosedByUs, "True once close() was called.")
-        .def("close", &Recording::Close)
+        .def_property_readonly("closed", &Recording::IsClosed, "True once close() was called.")
+        .def("close", &Recording::Close,
+             "Closes the file: waits for a call that is reading it on another thread, after which every call raises "
+             "ValueError. Closing again does nothing.")
         .def(
             "__enter__", [](Recording& r) -> Recording& { return r; }, py::return_value_policy::reference)
         .def("__exit__",
@@ -381,9 +437,8 @@ void BindRecording(py::module_& m) {
                  r.Close();
                  return false;
              })
-        .def("__repr__", [](Recording& r) {
-            return "<kel.Recording '" + r.Path() + "'" + (r.IsClosedByUs() ? " closed" : "") + ">";
-        });
+        .def("__repr__",
+             [](Recording& r) { return "<kel.Recording '" + r.Path() + "'" + (r.IsClosed() ? " closed" : "") + ">"; });
 
     m.def(
         "open", [](const std::string& path, bool verify) { return std::make_unique<Recording>(path, verify); },

@@ -1,9 +1,11 @@
 // kel.create: writing containers with the runtime's serializer.
 
+#include <KEL/Atom.h>
 #include <KEL/SerializeToKel.h>
 
 #include <memory>
 #include <mutex>
+#include <string>
 
 #include "PythonSupport.h"
 
@@ -17,6 +19,7 @@ public:
     Writer(const std::string& path, bool overwrite, bool xml)
         : serializer_(std::make_unique<KEL::SerializeToKel>((path + (xml ? "+xml" : "")).c_str(), overwrite,
                                                             KEL::CURRENT_VERSION, false)) {
+        // Nothing else knows this object yet: no lock needed.
         if (const KEL::KelErrorCode code = serializer_->GetOpenResult(); code != KEL::KEL_OK) {
             const std::string why = serializer_->GetLastError();
             serializer_.reset();
@@ -24,53 +27,80 @@ public:
         }
     }
 
+    // Runs `use(serializer)` and returns what it returns. Every access to the
+    // serializer goes through here: without the GIL, holding the writer's
+    // mutex, after checking under that mutex that the writer is still open
+    // (ValueError when not). close() takes the same mutex, so it waits for a
+    // write in flight. The GIL is released before waiting for the mutex,
+    // never held while waiting. `use` must not touch Python objects.
+    template <class Use>
+    auto With(Use&& use) {
+        py::gil_scoped_release released;
+        PassTestGate(GatePoint::kUnlocked);
+        const std::lock_guard lock(mutex_);
+        if (!serializer_) {
+            throw py::value_error("the writer is closed");
+        }
+        PassTestGate(GatePoint::kLocked);
+        return use(*serializer_);
+    }
+
     void Write(const std::shared_ptr<KEL::Atom>& atom) {
         if (!atom) {
             throw py::type_error("write() takes a kel.Atom");
         }
-        KEL::KelErrorCode code = KEL::KEL_OK;
-        {
-            py::gil_scoped_release released;
-            std::lock_guard lock(mutex_);
-            code = Serializer().SerializeAtom(atom);
-        }
-        if (code != KEL::KEL_OK) {
-            RaiseKelError(code, serializer_->GetLastError());
-        }
-    }
-
-    void Close() {
-        if (!serializer_) {
-            return;
-        }
-        KEL::KelErrorCode code = KEL::KEL_OK;
-        {
-            py::gil_scoped_release released;
-            std::lock_guard lock(mutex_);
-            code = serializer_->Close();
-        }
-        const std::string why = serializer_->GetLastError();
-        serializer_.reset();
+        // What is written is taken now, while the GIL keeps other threads
+        // from changing the atom: its keys, its layer list and each layer's
+        // fields are copied; payload buffers are immutable and shared.
+        const std::shared_ptr<KEL::Atom> snapshot = KEL::Atom::Copy(atom, -1, true);
+        std::string why;
+        const KEL::KelErrorCode code = With([&](KEL::SerializeToKel& s) {
+            const KEL::KelErrorCode result = s.SerializeAtom(snapshot);
+            if (result != KEL::KEL_OK) {
+                why = s.GetLastError();
+            }
+            return result;
+        });
         if (code != KEL::KEL_OK) {
             RaiseKelError(code, why);
         }
     }
 
-    std::uint64_t AtomsWritten() { return Serializer().GetNumAtomsWritten(); }
-    std::uint64_t BytesWritten() { return Serializer().GetBytesWritten(); }
-    bool IsClosed() const { return !serializer_; }
-    std::string Path() { return Serializer().GetFilePath().str(); }
-
-private:
-    KEL::SerializeToKel& Serializer() {
-        if (!serializer_) {
-            throw py::value_error("the writer is closed");
+    // Waits for a write in flight, then writes the index and closes; closing
+    // again does nothing.
+    void Close() {
+        KEL::KelErrorCode code = KEL::KEL_OK;
+        std::string why;
+        {
+            py::gil_scoped_release released;
+            std::unique_ptr<KEL::SerializeToKel> serializer;
+            {
+                const std::lock_guard lock(mutex_);
+                if (!serializer_) {
+                    return;
+                }
+                PassTestGate(GatePoint::kLocked);
+                code = serializer_->Close();
+                if (code != KEL::KEL_OK) {
+                    why = serializer_->GetLastError();
+                }
+                serializer = std::move(serializer_);
+            }
         }
-        return *serializer_;
+        if (code != KEL::KEL_OK) {
+            RaiseKelError(code, why);
+        }
     }
 
-    std::unique_ptr<KEL::SerializeToKel> serializer_;
+    bool IsClosed() {
+        py::gil_scoped_release released;
+        const std::lock_guard lock(mutex_);
+        return !serializer_;
+    }
+
+private:
     std::mutex mutex_;
+    std::unique_ptr<KEL::SerializeToKel> serializer_;
 };
 }  // namespace
 
@@ -79,12 +109,21 @@ void BindWriter(py::module_& m) {
                        "Writes atoms into a new container; a context manager that closes the file (index, sync, "
                        "companion) on exit.")
         .def("write", &Writer::Write, "atom"_a,
-             "Stores the atom. Once it returns the atom is in the file; raises KelError (disk full, ...) otherwise.")
-        .def("close", &Writer::Close, "Writes the index, syncs and closes; raises KelError when that fails.")
+             "Stores the atom as it is when the call is made (later changes, also from other threads during the "
+             "call, are not written). Once it returns the atom is in the file; raises KelError (disk full, ...) "
+             "otherwise.")
+        .def("close", &Writer::Close,
+             "Waits for a write in flight on another thread, then writes the index, syncs and closes; raises "
+             "KelError when that fails. Every call after it raises ValueError; closing again does nothing.")
         .def_property_readonly("closed", &Writer::IsClosed)
-        .def_property_readonly("path", &Writer::Path)
-        .def_property_readonly("atoms_written", &Writer::AtomsWritten)
-        .def_property_readonly("bytes_written", &Writer::BytesWritten)
+        .def_property_readonly(
+            "path", [](Writer& w) { return w.With([](KEL::SerializeToKel& s) { return s.GetFilePath().str(); }); })
+        .def_property_readonly(
+            "atoms_written",
+            [](Writer& w) { return w.With([](KEL::SerializeToKel& s) { return s.GetNumAtomsWritten(); }); })
+        .def_property_readonly(
+            "bytes_written",
+            [](Writer& w) { return w.With([](KEL::SerializeToKel& s) { return s.GetBytesWritten(); }); })
         .def(
             "__enter__", [](Writer& w) -> Writer& { return w; }, py::return_value_policy::reference)
         .def("__exit__", [](Writer& w, const py::object&, const py::object&, const py::object&) {
