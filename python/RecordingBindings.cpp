@@ -170,8 +170,8 @@ void LoadFilePlugin() {
 // mutex, one call at a time), and not after the recording is closed.
 class Playback {
 public:
-    Playback(std::shared_ptr<RecordingState> state, const std::vector<std::uint16_t>& streams)
-        : state_(std::move(state)) {
+    Playback(std::shared_ptr<RecordingState> state, const std::vector<std::uint16_t>& streams, bool skipDamaged)
+        : state_(std::move(state)), streams_(streams), skipDamaged_(skipDamaged) {
         LoadFilePlugin();
         filter_ = KEL::FilterFactory::CreateFilter(std::string("SourceKEL2FileReader"));
         source_ = dynamic_cast<KEL::Source*>(filter_.get());
@@ -214,15 +214,37 @@ public:
         while (next_ < frames_) {
             const std::uint32_t frame = next_++;
             KEL::KelErrorCode pushed = KEL::KEL_OK;
-            auto atoms = WithReader(*state_, [&](KEL::ReadKEL2File&) {
+            std::optional<KEL::ReaderDamage> lost;
+            auto atoms = WithReader(*state_, [&](KEL::ReadKEL2File& reader) {
                 pushed = source_->pushDataToOutput(frame);
+                if (pushed != KEL::KEL_OK) {
+                    lost = DamageOf(reader, frame);
+                }
                 return source_->TakeOutputQueue();
             });
             if (pushed == KEL::KEL_OK) {
                 return atoms;
             }
+            if (lost) {
+                damagedFrames_.push_back(frame);
+                if (!skipDamaged_) {
+                    const std::string where = lost->atomKnown ? "stream " + std::to_string(lost->streamId) + " frame " +
+                                                                    std::to_string(lost->frameNr) + " at offset " +
+                                                                    std::to_string(lost->offset) + ": "
+                                                              : std::string();
+                    RaiseKelError(KEL::KEL_ERR_CORRUPT, "frame " + std::to_string(frame) + " of '" + lost->path +
+                                                            "' is lost to damage (" + where + lost->reason +
+                                                            "); playback(skip_damaged=True) leaves such frames out");
+                }
+            }
         }
         throw py::stop_iteration();
+    }
+
+    // Frames left out because an atom of theirs is damaged (with
+    // skip_damaged), in order.
+    std::vector<std::uint32_t> DamagedFrames() {
+        return WithReader(*state_, [&](KEL::ReadKEL2File&) { return damagedFrames_; });
     }
 
     std::uint32_t NumFrames() {
@@ -233,7 +255,38 @@ public:
     }
 
 private:
+    // Why the source refused `frame`, when the reason is damage: every
+    // included stream lists the frame, and one of its atoms does not read.
+    // (A frame that some stream lacks is not played either, by the source's
+    // rule, and is no damage.)
+    std::optional<KEL::ReaderDamage> DamageOf(KEL::ReadKEL2File& reader, std::uint32_t frame) const {
+        std::optional<std::uint16_t> unreadable;
+        for (const std::uint16_t stream : streams_) {
+            const auto numbers = reader.GetFrameNumbers(stream);
+            if (!std::binary_search(numbers.begin(), numbers.end(), frame)) {
+                return std::nullopt;
+            }
+            if (!unreadable && !reader.GetFrameAtom(stream, frame)) {
+                unreadable = stream;
+            }
+        }
+        if (!unreadable) {
+            // Read without verification here, yet refused by the source,
+            // which verifies.
+            return KEL::ReaderDamage{state_->path, 0, 0, false, 0, frame, "an atom of it fails its checks"};
+        }
+        for (const KEL::ReaderDamage& d : reader.GetDamage()) {
+            if (d.atomKnown && d.streamId == *unreadable && d.frameNr == frame) {
+                return d;
+            }
+        }
+        return KEL::ReaderDamage{state_->path, 0, 0, true, *unreadable, frame, reader.GetLastError()};
+    }
+
     std::shared_ptr<RecordingState> state_;
+    std::vector<std::uint16_t> streams_;
+    bool skipDamaged_ = false;
+    std::vector<std::uint32_t> damagedFrames_;
     std::unique_ptr<KEL::Filter> filter_;
     KEL::Source* source_ = nullptr;
     bool initialized_ = false;
@@ -318,12 +371,12 @@ public:
 
     AtomIterator Atoms(std::optional<std::uint16_t> stream) { return {state_, stream}; }
 
-    std::unique_ptr<Playback> PlaybackOf(const std::optional<std::vector<std::uint16_t>>& streams) {
+    std::unique_ptr<Playback> PlaybackOf(const std::optional<std::vector<std::uint16_t>>& streams, bool skipDamaged) {
         // All streams are named explicitly: the source's default (an empty
         // list) works too but logs that it parsed nothing.
         std::vector<std::uint16_t> ids = streams ? *streams : Streams();
         With([](KEL::ReadKEL2File&) {});  // ValueError once closed, also with the streams given
-        return std::make_unique<Playback>(state_, ids);
+        return std::make_unique<Playback>(state_, ids, skipDamaged);
     }
 
     std::uint64_t Refresh() {
@@ -373,7 +426,9 @@ void BindRecording(py::module_& m) {
         .def("__next__", &Playback::Next)
         .def("__len__", &Playback::NumFrames)
         .def_property_readonly("num_frames", &Playback::NumFrames)
-        .def_property_readonly("streams", &Playback::StreamIds);
+        .def_property_readonly("streams", &Playback::StreamIds)
+        .def_property_readonly("damaged_frames", &Playback::DamagedFrames,
+                               "Frames left out because an atom of theirs is damaged (skip_damaged=True).");
 
     py::class_<Recording>(m, "Recording", "An open container file; a context manager that closes it on exit.")
         .def_property_readonly("path", &Recording::Path)
@@ -404,9 +459,11 @@ void BindRecording(py::module_& m) {
         .def("atoms", &Recording::Atoms, "stream"_a = py::none(), py::keep_alive<0, 1>(),
              "Iterates the atoms: every record in file order, or with `stream` that stream's frames in order. "
              "Damaged atoms are skipped (and counted in `damage`).")
-        .def("playback", &Recording::PlaybackOf, "included_streams"_a = py::none(),
+        .def("playback", &Recording::PlaybackOf, "included_streams"_a = py::none(), "skip_damaged"_a = false,
              "The frames exactly as the plugin's SourceKEL2FileReader pushes them into a graph: per frame a list of "
-             "atoms, one per included stream, with stream-level layers restored.")
+             "atoms, one per included stream, with stream-level layers restored. A frame with a damaged atom raises "
+             "KelError (KEL_ERR_CORRUPT) naming file, stream, frame and offset; with skip_damaged it is left out "
+             "and listed in the playback's damaged_frames.")
         .def_property_readonly(
             "damage",
             [](Recording& r) { return DamageDict(r.With([](KEL::ReadKEL2File& f) { return f.GetDamageReport(); })); })

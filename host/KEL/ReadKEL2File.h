@@ -63,6 +63,19 @@ struct ReaderOptions {
     bool readAhead = true;
 };
 
+// Something a reader lost to damage: a damaged atom record (its stream and
+// frame known from the index or the record walk), or a region of a file in
+// which no intact record could be found (the atoms it held are unknown).
+struct ReaderDamage {
+    std::string path;
+    std::uint64_t offset = 0;
+    std::uint64_t length = 0;  // the region's bytes (0 for an atom record)
+    bool atomKnown = false;
+    std::uint16_t streamId = 0;
+    std::uint32_t frameNr = 0;
+    std::string reason;
+};
+
 // One atom record as the index or its header lists it.
 struct AtomListing {
     std::uint16_t streamId = 0;
@@ -129,6 +142,9 @@ public:
     std::uint64_t GetFileId() const noexcept;
     std::int64_t GetCreationTime() const noexcept;
     const ContainerDamageReport& GetDamageReport() const noexcept;
+    // Every damaged atom and region this reader met since Initialize, in
+    // the order met, each once (at most kMaxReaderDamage).
+    std::vector<ReaderDamage> GetDamage() const;
     // The stored frame numbers of a stream, ascending, and the time stamps
     // of the same atoms in the same order; both from the index or the record
     // headers, without reading payloads.
@@ -153,19 +169,6 @@ public:
 private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
-};
-
-// Something a reader lost to damage: a damaged atom record (its stream and
-// frame known from the index or the record walk), or a region of a file in
-// which no intact record could be found (the atoms it held are unknown).
-struct ReaderDamage {
-    std::string path;
-    std::uint64_t offset = 0;
-    std::uint64_t length = 0;  // the region's bytes (0 for an atom record)
-    bool atomKnown = false;
-    std::uint16_t streamId = 0;
-    std::uint32_t frameNr = 0;
-    std::string reason;
 };
 
 // Every damage that readers reporting damage (ReaderOptions::logDamage) met

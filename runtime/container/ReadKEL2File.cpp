@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <new>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "container/AtomRecord.h"
 #include "container/BufferPool.h"
@@ -99,6 +100,8 @@ struct ReadKEL2File::Impl {
     } trailing;
     std::uint64_t fileSize = 0;
     std::string lastError;
+    std::vector<ReaderDamage> damage;
+    std::unordered_set<std::uint64_t> damagedOffsets;
 
     // Sequential access: the record fetched last, how many fetches in a row
     // went forward, and the end of the range the kernel was last asked to
@@ -119,6 +122,8 @@ struct ReadKEL2File::Impl {
         recordsEnd = resumeAt = fileSize = 0;
         trailing = {};
         lastError.clear();
+        damage.clear();
+        damagedOffsets.clear();
         lastFetched = SIZE_MAX;
         forwardRun = 0;
         adviseEnd = 0;
@@ -165,6 +170,17 @@ struct ReadKEL2File::Impl {
     // the records): the record and perhaps a checkpoint after it.
     std::uint64_t SizeHint(std::size_t index) const {
         return (index + 1 < records.Size() ? records[index + 1].offset : recordsEnd) - records[index].offset;
+    }
+
+    // Keeps what was lost for GetDamage and, when reporting damage, for
+    // TakeReaderDamage.
+    void NoteDamage(ReaderDamage lost) {
+        if (damage.size() < kMaxReaderDamage && damagedOffsets.insert(lost.offset).second) {
+            damage.push_back(lost);
+        }
+        if (options.logDamage) {
+            RecordReaderDamage(std::move(lost));
+        }
     }
 
     KelErrorCode Open();
@@ -268,11 +284,9 @@ void ReadKEL2File::Impl::Walk(std::uint64_t from, std::uint64_t to) {
         if (offset + length == to) {
             trailing = {1, length, foreign};
         }
-        if (options.logDamage) {
-            RecordReaderDamage({path, offset, length, false, 0, 0,
-                                foreign != 0 ? "no intact record (" + std::to_string(foreign) + " of another file)"
-                                             : std::string("no intact record")});
-        }
+        NoteDamage({path, offset, length, false, 0, 0,
+                    foreign != 0 ? "no intact record (" + std::to_string(foreign) + " of another file)"
+                                 : std::string("no intact record")});
     };
     visitor.onTail = [&](std::uint64_t, std::uint64_t length) { report.truncatedTailBytes = length; };
     report.truncatedTailBytes = 0;
@@ -291,8 +305,9 @@ std::shared_ptr<Atom> ReadKEL2File::Impl::MarkBad(std::size_t index, const std::
         LogContainer(3, "Container '%s': atom of stream %u frame %u at offset %llu is damaged (%s); skipped",
                      path.c_str(), static_cast<unsigned>(e.streamId), static_cast<unsigned>(e.frameNr),
                      static_cast<unsigned long long>(e.offset), why.c_str());
-        RecordReaderDamage({path, e.offset, 0, true, e.streamId, e.frameNr, why});
     }
+    const IndexEntry e = records[index];
+    NoteDamage({path, e.offset, 0, true, e.streamId, e.frameNr, why});
     return nullptr;
 }
 
@@ -455,6 +470,8 @@ std::uint64_t ReadKEL2File::GetFileId() const noexcept { return impl_->header.fi
 std::int64_t ReadKEL2File::GetCreationTime() const noexcept { return impl_->header.createdUs; }
 
 const ContainerDamageReport& ReadKEL2File::GetDamageReport() const noexcept { return impl_->report; }
+
+std::vector<ReaderDamage> ReadKEL2File::GetDamage() const { return impl_->damage; }
 
 std::vector<std::uint32_t> ReadKEL2File::GetFrameNumbers(std::uint16_t stream) const {
     std::vector<std::uint32_t> numbers;

@@ -199,6 +199,28 @@ def test_reading_a_large_file_frame_by_frame_does_not_grow_memory(tmp_path):
     os.remove(path)
 
 
+def test_a_frame_lost_to_damage_stops_playback_unless_skipped(demo_dir, tmp_path):
+    source = demo_dir / "capture.kel"
+    with kel.open(str(source)) as rec:
+        pixels = rec.atom(1, 5).layer("TextureRGBA", "PRIMARY_COLOR").pixels.tobytes()
+        frames = rec.num_frames(0)
+    data = bytearray(source.read_bytes())
+    at = data.find(pixels)
+    assert at > 0
+    data[at + len(pixels) // 2] ^= 1
+    path = tmp_path / "damaged.kel"
+    path.write_bytes(bytes(data))
+    with kel.open(str(path)) as rec:
+        with pytest.raises(kel.KelError) as error:
+            list(rec.playback())
+        assert error.value.code == kel.KEL_ERR_CORRUPT
+        assert "frame 5 of" in str(error.value) and "stream 1 frame 5 at offset" in str(error.value)
+        skipping = rec.playback(skip_damaged=True)
+        played = [frame[0].frame for frame in skipping]
+        assert played == [f for f in range(frames) if f != 5]
+        assert skipping.damaged_frames == [5]
+
+
 def test_damage_is_reported_and_costs_only_the_damaged_atoms(demo_dir, tmp_path):
     path = tmp_path / "damaged.kel"
     data = bytearray((demo_dir / "per-camera" / "camera_1.kel").read_bytes())
