@@ -15,7 +15,7 @@ using namespace pybind11::literals;
 // is `purpose` (an alias or a GUID text).
 std::shared_ptr<KEL::DataLayer> FindLayer(const KEL::Atom& atom, const std::string& type, const py::object& purpose) {
     const bool anyPurpose = purpose.is_none();
-    const KelCommon::Guid wanted = anyPurpose ? KelCommon::Guid{} : PurposeFrom(purpose);
+    const KelCommon::Guid wanted = anyPurpose ? KelCommon::Guid{} : PurposeFrom(purpose, {});
     for (const auto& layer : atom.GetAllDataLayers()) {
         if (layer->TypeName() == type && (anyPurpose || layer->GetPurposeGuid() == wanted)) {
             return layer;

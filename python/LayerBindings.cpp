@@ -13,9 +13,13 @@
 #include <KEL/DataTypeStaticInfo.h>
 #include <KEL/DataTypeStreamInfo.h>
 #include <KEL/DataTypeTextureRGBA.h>
+#include <KEL/PurposeGuids.h>
 #include <pybind11/stl.h>
 
 #include <algorithm>
+#include <limits>
+#include <string>
+#include <type_traits>
 
 #include "PythonSupport.h"
 
@@ -31,9 +35,46 @@ using Array = py::array_t<T, py::array::c_style | py::array::forcecast>;
 // Builds a layer, then sets the purpose (and the version, where given) that
 // every layer constructor takes last.
 template <class L>
-std::shared_ptr<L> WithPurpose(std::shared_ptr<L> layer, const py::object& purpose) {
-    layer->SetPurposeGuid(PurposeFrom(purpose));
+std::shared_ptr<L> WithPurpose(std::shared_ptr<L> layer, const py::object& purpose, const KelCommon::Guid& fallback) {
+    layer->SetPurposeGuid(PurposeFrom(purpose, fallback));
     return layer;
+}
+
+// `value` as a C-contiguous array of T. Numbers are never wrapped or cut to
+// fit: an array (or sequence) of another kind than T's is a TypeError, and
+// integers outside T's range a ValueError. Floating-point targets accept
+// any real numbers (float64 vertices become float32).
+template <class T>
+Array<T> Strict(const py::object& value, const std::string& what) {
+    const py::array given = py::array::ensure(value);
+    if (!given) {
+        throw py::type_error(what + " must be an array of " + std::string(py::str(py::dtype::of<T>())));
+    }
+    const char kind = given.dtype().kind();
+    const bool integral = kind == 'i' || kind == 'u';
+    if constexpr (std::is_floating_point_v<T>) {
+        if (!integral && kind != 'f') {
+            throw py::type_error(what + " must hold real numbers, not " + std::string(py::str(given.dtype())));
+        }
+    } else {
+        if (!integral) {
+            throw py::type_error(what + " must be an array of " + std::string(py::str(py::dtype::of<T>())) + ", not " +
+                                 std::string(py::str(given.dtype())));
+        }
+        if (!given.dtype().is(py::dtype::of<T>()) && given.size() > 0) {
+            const py::module_ np = py::module_::import("numpy");
+            const auto low = np.attr("min")(given).template cast<long double>();
+            const auto high = np.attr("max")(given).template cast<long double>();
+            if (low < static_cast<long double>(std::numeric_limits<T>::min()) ||
+                high > static_cast<long double>(std::numeric_limits<T>::max())) {
+                throw py::value_error(what + " must lie in " + std::to_string(std::numeric_limits<T>::min()) + ".." +
+                                      std::to_string(std::numeric_limits<T>::max()) + "; it holds " +
+                                      std::string(py::str(np.attr("min")(given))) + ".." +
+                                      std::string(py::str(np.attr("max")(given))));
+            }
+        }
+    }
+    return Array<T>::ensure(given);
 }
 
 py::array Pixels(const KEL::DataTypeTextureRGBA& t) {
@@ -41,14 +82,21 @@ py::array Pixels(const KEL::DataTypeTextureRGBA& t) {
                   {static_cast<py::ssize_t>(t.GetHeight()), static_cast<py::ssize_t>(t.GetWidth()), 4});
 }
 
-std::shared_ptr<KEL::DataTypeTextureRGBA> MakeTexture(const Array<std::uint8_t>& pixels, const py::object& purpose) {
+std::shared_ptr<KEL::DataTypeTextureRGBA> MakeTexture(const py::object& value, const py::object& purpose) {
+    // 8-bit pixels only: an image of another type needs scaling, not a cast.
+    const py::array given = py::array::ensure(value);
+    if (!given || !given.dtype().is(py::dtype::of<std::uint8_t>())) {
+        throw py::type_error("pixels must be a (height, width, 4) array of uint8" +
+                             (given ? ", not " + std::string(py::str(given.dtype())) : std::string()));
+    }
+    const Array<std::uint8_t> pixels = Array<std::uint8_t>::ensure(given);
     if (pixels.ndim() != 3 || pixels.shape(2) != 4) {
         throw py::value_error("pixels must be a (height, width, 4) array of uint8");
     }
     return WithPurpose(
         std::make_shared<KEL::DataTypeTextureRGBA>(static_cast<std::uint32_t>(pixels.shape(1)),
                                                    static_cast<std::uint32_t>(pixels.shape(0)), BufferFrom(pixels)),
-        purpose);
+        purpose, KEL::PurposeGuid_PRIMARY_COLOR);
 }
 
 template <class T>
@@ -56,8 +104,8 @@ KelCommon::SharedBuffer Rows(const py::object& value, py::ssize_t columns, const
     if (value.is_none()) {
         return {};
     }
-    const Array<T> array = Array<T>::ensure(value);
-    if (!array || array.ndim() != 2 || array.shape(1) != columns) {
+    const Array<T> array = Strict<T>(value, what);
+    if (array.ndim() != 2 || array.shape(1) != columns) {
         throw py::value_error(std::string(what) + " must be an (n, " + std::to_string(columns) + ") array");
     }
     return BufferFrom(array);
@@ -71,7 +119,7 @@ std::shared_ptr<KEL::DataTypeMesh> MakeMesh(const py::object& vertices, const py
     if (!mesh->GetTexCoords().empty() && mesh->GetTexCoords().size() / 2 != mesh->GetVertices().size() / 3) {
         throw py::value_error("tex_coords must hold one pair per vertex");
     }
-    return WithPurpose(mesh, purpose);
+    return WithPurpose(mesh, purpose, KEL::PurposeGuid_DYNAMIC);
 }
 
 py::array Pose(const KEL::DataTypeCameraParams& c) {
@@ -112,7 +160,7 @@ void BindLayers(py::module_& m) {
         .def_property_readonly("type_guid", [](const KEL::DataLayer& l) { return l.GetTypeGuid().ToString().str(); })
         .def_property(
             "purpose", [](const KEL::DataLayer& l) { return PurposeText(l.GetPurposeGuid()); },
-            [](KEL::DataLayer& l, const py::object& p) { l.SetPurposeGuid(PurposeFrom(p)); },
+            [](KEL::DataLayer& l, const py::object& p) { l.SetPurposeGuid(PurposeFrom(p, {})); },
             "The registered purpose alias (\"PRIMARY_COLOR\") or the GUID's text.")
         .def_property("version", &KEL::DataLayer::GetVersion, &KEL::DataLayer::SetVersion)
         .def_property_readonly("payload_size", &KEL::DataLayer::PayloadSize)
@@ -151,7 +199,8 @@ void BindLayers(py::module_& m) {
         .def(py::init([](std::uint32_t width, std::uint32_t height, double fx, double fy, double cx, double cy,
                          const std::vector<double>& distortion, const py::object& pose, std::uint16_t version,
                          const py::object& purpose) {
-                 auto c = std::make_shared<KEL::DataTypeCameraParams>(version, PurposeFrom(purpose));
+                 auto c = std::make_shared<KEL::DataTypeCameraParams>(
+                     version, PurposeFrom(purpose, KEL::PurposeGuid_CAMERA_PRIMARY));
                  c->width = width;
                  c->height = height;
                  c->fx = fx;
@@ -191,7 +240,7 @@ void BindLayers(py::module_& m) {
         m, "StreamInfo", "What describes a stream: its frame count, rate and name.")
         .def(py::init([](std::uint32_t numFrames, double frameRate, std::string name, const py::object& purpose) {
                  return std::make_shared<KEL::DataTypeStreamInfo>(numFrames, frameRate, std::move(name),
-                                                                  PurposeFrom(purpose));
+                                                                  PurposeFrom(purpose, KEL::PurposeGuid_STATIC));
              }),
              "num_frames"_a = 0, "frame_rate"_a = 0.0, "name"_a = "", "purpose"_a = py::none())
         .def_property("num_frames", &KEL::DataTypeStreamInfo::GetNumFrames, &KEL::DataTypeStreamInfo::SetNumFrames)
@@ -202,7 +251,7 @@ void BindLayers(py::module_& m) {
         m, "RecordingInfo", "When and with what a recording was made (start time in microseconds since 1970).")
         .def(py::init([](std::int64_t start, std::string device, std::string description, const py::object& purpose) {
                  return std::make_shared<KEL::DataTypeRecordingInfo>(start, std::move(device), std::move(description),
-                                                                     PurposeFrom(purpose));
+                                                                     PurposeFrom(purpose, KEL::PurposeGuid_STATIC));
              }),
              "start_time"_a = 0, "device"_a = "", "description"_a = "", "purpose"_a = py::none())
         .def_property_readonly("start_time", &KEL::DataTypeRecordingInfo::GetStartTime)
@@ -212,7 +261,8 @@ void BindLayers(py::module_& m) {
     py::class_<KEL::DataTypeStaticInfo, KEL::DataLayer, std::shared_ptr<KEL::DataTypeStaticInfo>>(
         m, "StaticInfo", "Key-value text that holds for the whole stream.")
         .def(py::init([](std::map<std::string, std::string> entries, const py::object& purpose) {
-                 return std::make_shared<KEL::DataTypeStaticInfo>(std::move(entries), PurposeFrom(purpose));
+                 return std::make_shared<KEL::DataTypeStaticInfo>(std::move(entries),
+                                                                  PurposeFrom(purpose, KEL::PurposeGuid_STATIC));
              }),
              "entries"_a = std::map<std::string, std::string>{}, "purpose"_a = py::none())
         .def_property_readonly("entries", &KEL::DataTypeStaticInfo::GetEntries)
@@ -221,8 +271,9 @@ void BindLayers(py::module_& m) {
     py::class_<KEL::DataTypeBinary, KEL::DataLayer, std::shared_ptr<KEL::DataTypeBinary>>(
         m, "Binary", "A named attachment; `data` is a read-only uint8 view of its bytes.")
         .def(py::init([](std::string name, const py::object& data, const py::object& purpose) {
-                 return std::make_shared<KEL::DataTypeBinary>(
-                     std::move(name), KelCommon::SharedBuffer::FromVector(Bytes(data)), PurposeFrom(purpose));
+                 return std::make_shared<KEL::DataTypeBinary>(std::move(name),
+                                                              KelCommon::SharedBuffer::FromVector(Bytes(data)),
+                                                              PurposeFrom(purpose, KEL::PurposeGuid_STATIC));
              }),
              "name"_a = "", "data"_a = py::none(), "purpose"_a = py::none())
         .def_property_readonly("name", &KEL::DataTypeBinary::GetName)
@@ -233,7 +284,8 @@ void BindLayers(py::module_& m) {
     py::class_<KEL::DataTypeCylinderCrop, KEL::DataLayer, std::shared_ptr<KEL::DataTypeCylinderCrop>>(
         m, "CylinderCrop", "A vertical cylinder that bounds the scene.")
         .def(py::init([](double cx, double cz, double r, double minY, double maxY, const py::object& purpose) {
-                 return std::make_shared<KEL::DataTypeCylinderCrop>(cx, cz, r, minY, maxY, PurposeFrom(purpose));
+                 return std::make_shared<KEL::DataTypeCylinderCrop>(cx, cz, r, minY, maxY,
+                                                                    PurposeFrom(purpose, KEL::PurposeGuid_CROP));
              }),
              "center_x"_a = 0.0, "center_z"_a = 0.0, "radius"_a = 0.0, "min_y"_a = 0.0, "max_y"_a = 0.0,
              "purpose"_a = py::none())
@@ -258,7 +310,7 @@ void BindLayers(py::module_& m) {
                  } catch (const std::exception&) {
                      throw py::value_error("'" + typeGuid + "' is not a GUID");
                  }
-                 return std::make_shared<KEL::DataTypeOpaque>(guid, PurposeFrom(purpose), version, Bytes(fields),
+                 return std::make_shared<KEL::DataTypeOpaque>(guid, PurposeFrom(purpose, {}), version, Bytes(fields),
                                                               std::move(buffers));
              }),
              "type_guid"_a, "fields"_a = py::none(), "blobs"_a = py::list(), "version"_a = 1, "purpose"_a = py::none())

@@ -102,13 +102,16 @@ std::string PurposeText(const KelCommon::Guid& purpose) {
     return purpose.ToString().str();
 }
 
-KelCommon::Guid PurposeFrom(const py::object& purpose) {
+KelCommon::Guid PurposeFrom(const py::object& purpose, const KelCommon::Guid& fallback) {
     if (purpose.is_none()) {
-        return {};
+        if (fallback == KelCommon::Guid{}) {
+            throw py::value_error("this layer needs a purpose (a registered alias or a GUID)");
+        }
+        return fallback;
     }
     const std::string text = py::str(purpose);
     if (text.empty()) {
-        return {};
+        throw py::value_error("a purpose cannot be empty");
     }
     if (const auto guid = KEL::KELPurposeGuids::ResolveAlias(KelCommon::String(text))) {
         return *guid;

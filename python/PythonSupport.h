@@ -32,9 +32,10 @@ KelCommon::SharedBuffer BufferFrom(const py::array_t<T, py::array::c_style | py:
 
 // "PRIMARY_COLOR" for a registered purpose, else the GUID's text.
 std::string PurposeText(const KelCommon::Guid& purpose);
-// A registered alias or a GUID text; an empty text or None is the null GUID.
-// Raises ValueError for anything else.
-KelCommon::Guid PurposeFrom(const py::object& purpose);
+// A registered alias or a GUID text; None is `fallback` (the purpose such a
+// layer usually has). Raises ValueError for anything else, for an empty
+// text, and for None without a fallback (the null GUID).
+KelCommon::Guid PurposeFrom(const py::object& purpose, const KelCommon::Guid& fallback);
 
 // A gate for the module's own tests, to put a reader or writer call in flight
 // at a known point and keep it there while the test calls close() or changes

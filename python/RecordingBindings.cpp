@@ -89,6 +89,11 @@ py::dict VerificationDict(const KEL::ContainerVerification& v) {
         problems.append(py::dict("offset"_a = p.offset, "length"_a = p.length, "what"_a = p.what));
     }
     result["problems"] = problems;
+    py::list warnings;
+    for (const auto& w : v.warnings) {
+        warnings.append(py::dict("offset"_a = w.offset, "what"_a = w.what));
+    }
+    result["warnings"] = warnings;
     return result;
 }
 

@@ -6,6 +6,8 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "PythonSupport.h"
 
@@ -64,6 +66,7 @@ public:
         if (code != KEL::KEL_OK) {
             RaiseKelError(code, why);
         }
+        WarnOfOrder(*snapshot);
     }
 
     // Waits for a write in flight, then writes the index and closes; closing
@@ -99,8 +102,36 @@ public:
     }
 
 private:
+    // A stream that holds a frame number twice (readers return the first
+    // written) or whose time stamps go backwards is most likely a mistake of
+    // the caller's: say so (warnings.warn), once it is written. Called with
+    // the GIL held, so the bookkeeping needs no lock of its own.
+    void WarnOfOrder(const KEL::Atom& atom) {
+        const std::uint16_t stream = atom.GetStreamId();
+        const std::uint64_t key = (static_cast<std::uint64_t>(stream) << 32) | atom.GetFrameNr();
+        if (!frames_.insert(key).second) {
+            Warn("stream " + std::to_string(stream) + " already holds frame " + std::to_string(atom.GetFrameNr()) +
+                 "; readers return the first one written");
+        }
+        const auto [last, first] = lastTimeStamps_.try_emplace(stream, atom.GetTimeStamp());
+        if (!first && atom.GetTimeStamp() < last->second) {
+            Warn("the time stamps of stream " + std::to_string(stream) + " go backwards (" +
+                 std::to_string(atom.GetTimeStamp()) + " after " + std::to_string(last->second) + ")");
+        }
+        last->second = atom.GetTimeStamp();
+    }
+
+    // A UserWarning; raised instead when the warnings filter says "error".
+    static void Warn(const std::string& text) {
+        if (PyErr_WarnEx(PyExc_UserWarning, text.c_str(), 1) < 0) {
+            throw py::error_already_set();
+        }
+    }
+
     std::mutex mutex_;
     std::unique_ptr<KEL::SerializeToKel> serializer_;
+    std::unordered_set<std::uint64_t> frames_;
+    std::unordered_map<std::uint16_t, std::int64_t> lastTimeStamps_;
 };
 }  // namespace
 

@@ -42,6 +42,11 @@ struct ContainerVerification {
     std::uint64_t streams = 0;
 
     std::vector<ContainerProblem> problems;
+    // Not damage, but most likely a writer's mistake: a stream holding a
+    // frame number twice (readers return the first written), time stamps
+    // going backwards within a stream (in file order). At most a few per
+    // stream are listed.
+    std::vector<ContainerProblem> warnings;
 
     // True when nothing is damaged: the file opens, every record is intact,
     // and the index is present and valid. A file that was never closed (no

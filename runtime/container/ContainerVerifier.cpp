@@ -45,6 +45,36 @@ std::uint64_t CheckEntries(const std::vector<IndexEntry>& entries, const std::ma
     return agreeing;
 }
 
+// Per stream, in file order: frame numbers met before, and time stamps
+// lower than the one before.
+void WarnOfOrder(const std::map<std::uint64_t, WalkedAtom>& atoms, ContainerVerification& v) {
+    constexpr std::size_t kPerStream = 5;
+    struct StreamOrder {
+        std::set<std::uint32_t> frames;
+        std::int64_t lastStamp = 0;
+        bool any = false;
+        std::size_t warned = 0;
+    };
+    std::map<std::uint16_t, StreamOrder> streams;
+    for (const auto& [offset, atom] : atoms) {
+        StreamOrder& s = streams[atom.key.streamId];
+        const std::string stream = "stream " + std::to_string(atom.key.streamId);
+        if (!s.frames.insert(atom.key.frameNr).second && s.warned++ < kPerStream) {
+            v.warnings.push_back({offset, 0,
+                                  stream + " holds frame " + std::to_string(atom.key.frameNr) +
+                                      " more than once (readers return the first)"});
+        }
+        if (s.any && atom.key.timeStamp < s.lastStamp && s.warned++ < kPerStream) {
+            v.warnings.push_back({offset, 0,
+                                  stream + ": time stamps go backwards at frame " + std::to_string(atom.key.frameNr) +
+                                      " (" + std::to_string(atom.key.timeStamp) + " after " +
+                                      std::to_string(s.lastStamp) + ")"});
+        }
+        s.lastStamp = atom.key.timeStamp;
+        s.any = true;
+    }
+}
+
 void Verify(const std::string& path, ContainerVerification& v) {
     KelErrorCode code = KEL_OK;
     std::string reason;
@@ -155,6 +185,7 @@ void Verify(const std::string& path, ContainerVerification& v) {
         CheckEntries(chain.entries, atoms, "checkpoint", v, nullptr);
     }
     v.streams = streams.size();
+    WarnOfOrder(atoms, v);
 }
 
 }  // namespace

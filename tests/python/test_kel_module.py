@@ -55,7 +55,7 @@ layers = st.one_of(
     st.builds(kel.Binary, name=text, data=small_bytes, purpose=st.sampled_from(PURPOSES)),
     st.builds(kel.CylinderCrop, center_x=finite, center_z=finite, radius=finite, min_y=finite, max_y=finite),
     st.builds(kel.Opaque, type_guid=st.just("5C0FFEE0-1234-4321-ABCD-0123456789AB"), fields=st.binary(max_size=64),
-              blobs=st.lists(small_bytes, max_size=3)),
+              blobs=st.lists(small_bytes, max_size=3), purpose=st.sampled_from(PURPOSES[1:])),
 )
 atoms = st.builds(lambda s, f, t, ls: kel.Atom(stream=s, frame=f, time_stamp=t, layers=ls),
                   st.integers(0, 65535), u32, st.integers(-2**63, 2**63 - 1), st.lists(layers, max_size=12))
@@ -289,3 +289,32 @@ def test_a_full_disk_fails_the_write_and_keeps_what_was_acknowledged(tmp_path):
     assert 0 < written < 100
     with kel.open(path) as rec:
         assert [a.frame for a in rec.atoms()] == list(range(written))
+
+
+def test_layers_refuse_values_they_would_store_altered_and_writers_warn_of_order(tmp_path):
+    with pytest.raises(TypeError, match="uint8, not int32"):
+        kel.TextureRGBA(np.full((2, 2, 4), 300, dtype=np.int32))
+    with pytest.raises(TypeError, match="uint8"):
+        kel.TextureRGBA(np.zeros((2, 2, 4), dtype=np.float32))
+    with pytest.raises(ValueError, match="height, width, 4"):
+        kel.TextureRGBA(np.zeros((2, 2, 3), dtype=np.uint8))
+    with pytest.raises(ValueError, match="indices must lie in 0..4294967295"):
+        kel.Mesh(np.zeros((3, 3)), np.array([[0, 1, -1]]))
+    with pytest.raises(TypeError, match="vertices must hold real numbers"):
+        kel.Mesh(np.array([["a", "b", "c"]]), np.array([[0, 0, 0]]))
+    with pytest.raises(ValueError, match="empty"):
+        kel.TextureRGBA(np.zeros((1, 1, 4), dtype=np.uint8), purpose="")
+    # Without a purpose a layer gets the one such layers have.
+    assert kel.TextureRGBA(np.zeros((1, 1, 4), dtype=np.uint8)).purpose == "PRIMARY_COLOR"
+    mesh = kel.Mesh(np.zeros((3, 3), dtype=np.float64), np.array([[0, 1, 2]]))
+    assert mesh.purpose == "DYNAMIC" and mesh.vertices.dtype == np.float32
+    with kel.create(str(tmp_path / "order.kel")) as out:
+        out.write(kel.Atom(stream=0, frame=0, time_stamp=100))
+        with pytest.warns(UserWarning, match="stream 0 already holds frame 0"):
+            out.write(kel.Atom(stream=0, frame=0, time_stamp=200))
+        with pytest.warns(UserWarning, match=r"time stamps of stream 0 go backwards \(50 after 200\)"):
+            out.write(kel.Atom(stream=0, frame=1, time_stamp=50))
+    with kel.open(str(tmp_path / "order.kel")) as rec:
+        warnings = [w["what"] for w in rec.verify()["warnings"]]
+    assert warnings == ["stream 0 holds frame 0 more than once (readers return the first)",
+                        "stream 0: time stamps go backwards at frame 1 (50 after 200)"]

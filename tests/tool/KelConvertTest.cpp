@@ -156,4 +156,21 @@ TEST_F(KelConvert, AFrameLostToDamageFailsTheConversionUnlessSkipped) {
     EXPECT_EQ(OpenContainer(File("skipped.kel"))->GetNumFrames(0), 3U);
 }
 
+// --streams takes ids and stream names; a stream the file lacks is a usage
+// error that lists the streams it has, and nothing is written.
+TEST_F(KelConvert, StreamsAreChosenByIdOrNameAndUnknownOnesAreRefused) {
+    RecordSynthetic(File("in.kel"), 3, 2);
+    KelFails({"copy", "in.kel", "x.kel", "--streams", "0,9"}, 2,
+             "'in.kel' has no stream 9; its streams are: 0 (Camera 0), 1 (Camera 1), 2 (Camera 2)");
+    KelFails({"split", "in.kel", "parts/", "--streams", "Camera 7"}, 2, "has no stream named 'Camera 7'");
+    EXPECT_FALSE(Exists("x.kel") || Exists("parts"));
+    const auto copy = Kel({"copy", "in.kel", "two.kel", "--streams", "Camera 2, 0"});
+    ASSERT_EQ(copy.exitCode, 0) << copy.err;
+    EXPECT_EQ(copy.err, "");
+    const auto two = OpenContainer(File("two.kel"));
+    ASSERT_EQ(two->GetNumStreams(), 2);
+    EXPECT_EQ(two->GetNumFrames(1), 0U);
+    EXPECT_EQ(two->GetNumFrames(2), 2U);
+}
+
 }  // namespace

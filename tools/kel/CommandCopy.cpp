@@ -1,5 +1,6 @@
 #include "Command.h"
 #include "Conversion.h"
+#include "StreamSelection.h"
 
 namespace KelTool {
 
@@ -18,11 +19,20 @@ int RunCopy(const GlobalOptions& global, const CopyOptions& options) {
     if (!CheckOutputIsNotInput(output, {options.input}, &error)) {
         return Fail(error);
     }
+    std::vector<std::uint16_t> streams;
+    switch (SelectStreams(options.input, options.streams, &streams, &error)) {
+        case SelectionResult::kOk:
+            break;
+        case SelectionResult::kUnknownStream:
+            Fail(error);
+            return kExitUsage;
+        case SelectionResult::kUnreadable:
+            return Fail(error);
+    }
     GraphDescription description;
-    description.filters.push_back(
-        {"SourceKEL2FileReader",
-         "in",
-         {{"KEL File Path", options.input}, {"Included streams", StreamListOrAll(options.input, options.streams)}}});
+    description.filters.push_back({"SourceKEL2FileReader",
+                                   "in",
+                                   {{"KEL File Path", options.input}, {"Included streams", JoinStreamIds(streams)}}});
     description.filters.push_back(
         MakeWriterEntry("TargetKEL2FileWriter", "TargetKEL2FileWriterAsync", options.output, options.writer));
     return PlayConversion(global, description, options.writer, {output});
@@ -35,7 +45,7 @@ Command AddCopyCommand(CLI::App& root, const GlobalOptions& global) {
     CLI::App* app = root.add_subcommand("copy", "Copy a container file (all or some streams) into a new one");
     app->add_option("IN", options->input, "The .kel file to read")->required();
     app->add_option("OUT", options->output, "The file to write (its extension becomes .kel)")->required();
-    app->add_option("--streams", options->streams, "Comma-separated stream ids to copy (default: all)")
+    app->add_option("--streams", options->streams, "Comma-separated stream ids or names to copy (default: all)")
         ->type_name("LIST");
     AddWriterOptions(app, options->writer);
     return {app, [&global, options] { return RunCopy(global, *options); }};

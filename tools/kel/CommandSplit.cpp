@@ -1,11 +1,8 @@
-#include <KEL/ReadKEL2File.h>
-
 #include <filesystem>
-#include <set>
-#include <sstream>
 
 #include "Command.h"
 #include "Conversion.h"
+#include "StreamSelection.h"
 
 namespace KelTool {
 
@@ -18,32 +15,17 @@ struct SplitOptions {
     WriterOptions writer;
 };
 
-// The stream ids the split will write: the file's streams, narrowed to the
-// listed ones (ids that are not numbers are left to the source to report).
-std::vector<std::uint16_t> SelectedStreams(KEL::ReadKEL2File& reader, const std::string& list) {
-    std::set<long> wanted;
-    std::stringstream in(list);
-    for (std::string piece; std::getline(in, piece, ',');) {
-        try {
-            wanted.insert(std::stol(piece));
-        } catch (const std::exception&) {
-        }
-    }
-    std::vector<std::uint16_t> ids;
-    for (int i = 0; i < reader.GetNumStreams(); ++i) {
-        const std::uint16_t id = reader.GetStreamId(i);
-        if (wanted.empty() || wanted.contains(id)) {
-            ids.push_back(id);
-        }
-    }
-    return ids;
-}
-
 int RunSplit(const GlobalOptions& global, const SplitOptions& options) {
-    KEL::ReadKEL2File reader(options.input.c_str());
-    if (const auto code = reader.Initialize(); code != KEL::KEL_OK) {
-        return Fail("cannot open '" + options.input +
-                    "': " + (reader.GetLastError().empty() ? KEL::KelErrorCodeName(code) : reader.GetLastError()));
+    std::vector<std::uint16_t> streams;
+    std::string error;
+    switch (SelectStreams(options.input, options.streams, &streams, &error)) {
+        case SelectionResult::kOk:
+            break;
+        case SelectionResult::kUnknownStream:
+            Fail(error);
+            return kExitUsage;
+        case SelectionResult::kUnreadable:
+            return Fail(error);
     }
     // An existing directory (or a path ending in '/') receives files named
     // after the input.
@@ -53,18 +35,16 @@ int RunSplit(const GlobalOptions& global, const SplitOptions& options) {
         base /= std::filesystem::path(options.input).stem().string() + ".kel";
     }
     std::vector<std::string> outputs;
-    std::string error;
-    for (const std::uint16_t id : SelectedStreams(reader, options.streams)) {
+    for (const std::uint16_t id : streams) {
         outputs.push_back(PerStreamOutputPath(base.string(), id));
         if (!CheckOutputIsNotInput(outputs.back(), {options.input}, &error)) {
             return Fail(error);
         }
     }
     GraphDescription description;
-    description.filters.push_back(
-        {"SourceKEL2FileReader",
-         "in",
-         {{"KEL File Path", options.input}, {"Included streams", StreamListOrAll(options.input, options.streams)}}});
+    description.filters.push_back({"SourceKEL2FileReader",
+                                   "in",
+                                   {{"KEL File Path", options.input}, {"Included streams", JoinStreamIds(streams)}}});
     description.filters.push_back(MakeWriterEntry("TargetKEL2FilePerStreamWriter", "TargetKEL2FilePerStreamWriterAsync",
                                                   base.string(), options.writer));
     return PlayConversion(global, description, options.writer, outputs);

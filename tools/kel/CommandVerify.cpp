@@ -55,6 +55,11 @@ nlohmann::ordered_json ToJson(const std::string& path, const KEL::ContainerVerif
         problems.push_back({{"offset", p.offset}, {"length", p.length}, {"what", p.what}});
     }
     j["problems"] = std::move(problems);
+    auto warnings = nlohmann::ordered_json::array();
+    for (const auto& w : v.warnings) {
+        warnings.push_back({{"offset", w.offset}, {"what", w.what}});
+    }
+    j["warnings"] = std::move(warnings);
     return j;
 }
 
@@ -95,6 +100,9 @@ void PrintReport(std::ostream& out, const std::string& path, const KEL::Containe
     }
     if (shown < v.problems.size()) {
         out << "    ... and " << (v.problems.size() - shown) << " more problem(s)\n";
+    }
+    for (const auto& w : v.warnings) {
+        out << "  warning: " << w.what << " (offset " << w.offset << ")\n";
     }
     if (!v.IsIntact() && v.openResult == KEL::KEL_OK) {
         out << "  a reader would recover " << v.recoverableAtoms << " atom(s)"

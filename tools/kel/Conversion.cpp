@@ -60,21 +60,6 @@ std::string PerStreamOutputPath(const std::string& path, std::uint16_t id) {
         .string();
 }
 
-std::string StreamListOrAll(const std::string& input, const std::string& streams) {
-    if (!streams.empty()) {
-        return streams;
-    }
-    KEL::ReadKEL2File reader(input.c_str(), KEL::ReaderOptions{.verifyChecksums = false, .logDamage = false});
-    if (reader.Initialize() != KEL::KEL_OK) {
-        return streams;
-    }
-    std::string all;
-    for (int i = 0; i < reader.GetNumStreams(); ++i) {
-        all += (i == 0 ? "" : ",") + std::to_string(reader.GetStreamId(i));
-    }
-    return all;
-}
-
 bool CheckOutputIsNotInput(const std::string& output, const std::vector<std::string>& inputs, std::string* error) {
     for (const auto& input : inputs) {
         std::error_code ec;

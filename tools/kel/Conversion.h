@@ -35,12 +35,6 @@ std::string WriterOutputPath(const std::string& path);
 // The path of stream `id`'s file for a per-stream writer given `path`.
 std::string PerStreamOutputPath(const std::string& path, std::uint16_t id);
 
-// The "Included streams" value for reading `input`: `streams` when given,
-// otherwise every stream id of the file (an empty value would make the
-// source warn about an unparsable piece). Unreadable files give `streams`
-// unchanged and are left to the source to report.
-std::string StreamListOrAll(const std::string& input, const std::string& streams);
-
 // Fails when `output` names the same file as one of `inputs` (writing it
 // would destroy the data being read).
 bool CheckOutputIsNotInput(const std::string& output, const std::vector<std::string>& inputs, std::string* error);
