@@ -10,6 +10,7 @@
 #include <pybind11/stl.h>
 
 #include <algorithm>
+#include <cmath>
 #include <filesystem>
 #include <memory>
 #include <mutex>
@@ -17,6 +18,7 @@
 #include <utility>
 
 #include "PythonSupport.h"
+#include "frames/FrameReader.h"
 
 namespace kel_python {
 
@@ -135,6 +137,91 @@ private:
     std::vector<std::uint32_t> frames_;
     std::uint64_t count_ = 0;
     std::size_t next_ = 0;
+};
+
+// Frames of a recording with every stream restored from its own first atom
+// (its own stream information, with the count of frames this iterator
+// plays, camera parameters, recording information, ...), by position, from
+// `start` to `stop`. Steps run under the recording's mutex, as its calls do.
+class FrameIterator {
+public:
+    FrameIterator(std::shared_ptr<RecordingState> state, const std::vector<std::uint16_t>& streams,
+                  const py::object& start, const py::object& stop, bool skipDamaged)
+        : state_(std::move(state)), skipDamaged_(skipDamaged) {
+        std::string error;
+        WithReader(*state_, [&](KEL::ReadKEL2File&) {
+            reader_ = KelFrames::FrameReader::Open({state_->path}, KelFrames::Layout::kSequence, streams, &error);
+        });
+        if (!reader_) {
+            throw py::value_error(error);
+        }
+        next_ = Bound(start, 0);
+        end_ = Bound(stop, reader_->NumFrames());
+    }
+
+    std::vector<std::shared_ptr<KEL::Atom>> Next() {
+        for (;;) {
+            std::optional<KEL::ReaderDamage> lost;
+            KelFrames::FrameGap gap = KelFrames::FrameGap::kNone;
+            bool done = false;
+            auto atoms = WithReader(*state_, [&](KEL::ReadKEL2File&) -> std::vector<std::shared_ptr<KEL::Atom>> {
+                if (next_ >= end_) {
+                    done = true;
+                    return {};
+                }
+                auto frame = reader_->Frame(next_++, &gap);
+                if (gap == KelFrames::FrameGap::kDamaged) {
+                    const auto damage = reader_->Damage();
+                    if (!damage.empty()) {
+                        lost = damage.back();
+                    }
+                }
+                return frame;
+            });
+            if (done) {
+                throw py::stop_iteration();
+            }
+            if (gap == KelFrames::FrameGap::kNone) {
+                return atoms;
+            }
+            if (gap == KelFrames::FrameGap::kDamaged && !skipDamaged_) {
+                RaiseKelError(
+                    KEL::KEL_ERR_CORRUPT,
+                    "frame at position " + std::to_string(next_ - 1) + " of '" + state_->path + "' is lost to damage" +
+                        (lost && lost->atomKnown ? " (stream " + std::to_string(lost->streamId) + " frame " +
+                                                       std::to_string(lost->frameNr) + " at offset " +
+                                                       std::to_string(lost->offset) + ": " + lost->reason + ")"
+                                                 : std::string()) +
+                        "; frames(skip_damaged=True) leaves such frames out");
+            }
+        }
+    }
+
+    std::uint32_t Length() const { return end_ > next_ ? end_ - next_ : 0; }
+
+private:
+    // A position given as an int, or seconds from the first frame as a
+    // float; `fallback` for None.
+    std::uint32_t Bound(const py::object& value, std::uint32_t fallback) const {
+        if (value.is_none()) {
+            return fallback;
+        }
+        if (py::isinstance<py::float_>(value)) {
+            const double seconds = value.cast<double>();
+            return reader_->PositionAt(reader_->TimeOf(0) + static_cast<std::int64_t>(std::llround(seconds * 1e6)));
+        }
+        const auto position = value.cast<std::int64_t>();
+        if (position < 0) {
+            throw py::value_error("a frame position cannot be negative");
+        }
+        return static_cast<std::uint32_t>(std::min<std::int64_t>(position, reader_->NumFrames()));
+    }
+
+    std::shared_ptr<RecordingState> state_;
+    std::unique_ptr<KelFrames::FrameReader> reader_;
+    bool skipDamaged_ = false;
+    std::uint32_t next_ = 0;
+    std::uint32_t end_ = 0;
 };
 
 // Makes sure the plugin with the file source is loaded: from KEL_PLUGIN_PATH,
@@ -376,6 +463,35 @@ public:
 
     AtomIterator Atoms(std::optional<std::uint16_t> stream) { return {state_, stream}; }
 
+    std::unique_ptr<FrameIterator> Frames(const std::optional<std::vector<std::uint16_t>>& streams,
+                                          const py::object& start, const py::object& stop, bool skipDamaged) {
+        return std::make_unique<FrameIterator>(state_, streams ? *streams : std::vector<std::uint16_t>{}, start, stop,
+                                               skipDamaged);
+    }
+
+    // The stream's atom shown at `time` (microseconds): the last one stamped
+    // at or before it.
+    std::shared_ptr<KEL::Atom> AtomAt(std::uint16_t stream, std::int64_t time) {
+        std::optional<std::uint32_t> frame;
+        With([&](KEL::ReadKEL2File& r) {
+            const auto numbers = r.GetFrameNumbers(stream);
+            const auto stamps = r.GetTimeStamps(stream);
+            for (std::size_t i = 0; i < stamps.size(); ++i) {
+                if (stamps[i] <= time && (!frame || stamps[i] >= stamps[*frame])) {
+                    frame = static_cast<std::uint32_t>(i);
+                }
+            }
+            if (frame) {
+                frame = numbers[*frame];
+            }
+        });
+        if (!frame) {
+            throw py::key_error("stream " + std::to_string(stream) + " has no atom at or before " +
+                                std::to_string(time));
+        }
+        return AtomOf(stream, *frame);
+    }
+
     std::unique_ptr<Playback> PlaybackOf(const std::optional<std::vector<std::uint16_t>>& streams, bool skipDamaged) {
         // All streams are named explicitly: the source's default (an empty
         // list) works too but logs that it parsed nothing.
@@ -425,6 +541,12 @@ void BindRecording(py::module_& m) {
             "__iter__", [](AtomIterator& it) -> AtomIterator& { return it; }, py::return_value_policy::reference)
         .def("__next__", &AtomIterator::Next);
 
+    py::class_<FrameIterator>(m, "FrameIterator", "Frames of complete atoms; iterate for lists of atoms.")
+        .def(
+            "__iter__", [](FrameIterator& it) -> FrameIterator& { return it; }, py::return_value_policy::reference)
+        .def("__next__", &FrameIterator::Next)
+        .def("__len__", &FrameIterator::Length);
+
     py::class_<Playback>(m, "Playback", "Frames as SourceKEL2FileReader pushes them; iterate for lists of atoms.")
         .def(
             "__iter__", [](Playback& p) -> Playback& { return p; }, py::return_value_policy::reference)
@@ -461,6 +583,15 @@ void BindRecording(py::module_& m) {
         .def("atom", &Recording::AtomOf, "stream"_a, "frame"_a,
              "The atom of `stream` stored under frame number `frame`. KeyError when there is none; KelError "
              "(KEL_ERR_CORRUPT) when it is damaged.")
+        .def("frames", &Recording::Frames, "streams"_a = py::none(), "start"_a = py::none(), "stop"_a = py::none(),
+             "skip_damaged"_a = false,
+             "Frames as lists of complete atoms, one per stream, each stream restored from its own first atom (its own "
+             "name, rate and frame count; unlike playback(), which gives every stream the first one's, as the "
+             "plugin's source does). start and stop are frame positions (int) or seconds from the first frame "
+             "(float); stop is excluded. A frame with a damaged atom raises KelError unless skip_damaged.")
+        .def("atom_at", &Recording::AtomAt, "stream"_a, "time"_a,
+             "The stream's atom shown at `time` (microseconds, as time stamps): the last one stamped at or before "
+             "it. KeyError when there is none.")
         .def("atoms", &Recording::Atoms, "stream"_a = py::none(), py::keep_alive<0, 1>(),
              "Iterates the atoms: every record in file order, or with `stream` that stream's frames in order. "
              "Damaged atoms are skipped (and counted in `damage`).")

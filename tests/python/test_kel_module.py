@@ -221,6 +221,24 @@ def test_a_frame_lost_to_damage_stops_playback_unless_skipped(demo_dir, tmp_path
         assert skipping.damaged_frames == [5]
 
 
+def test_frames_keep_each_streams_information_and_select_by_position_or_time(demo_dir):
+    with kel.open(str(demo_dir / "capture.kel")) as rec:
+        frames = list(rec.frames())
+        assert len(frames) == rec.num_frames(0)
+        for frame in (frames[0], frames[7]):
+            infos = [atom.layer("StreamInfo") for atom in frame]
+            assert [i.name for i in infos] == [f"Camera {s}" for s in rec.streams]
+            assert all(i.num_frames == len(frames) for i in infos)
+        # playback() gives every stream the first one's, as the plugin's source does.
+        assert {a.layer("StreamInfo").name for a in next(iter(rec.playback()))} == {"Camera 0"}
+        stamps = rec.time_stamps(1)
+        assert [f[0].frame for f in rec.frames(streams=[1], start=2, stop=5)] == [2, 3, 4]
+        assert next(iter(rec.frames(start=(stamps[4] - stamps[0]) / 1e6)))[0].frame == 4
+        assert rec.atom_at(1, stamps[4] + 1).frame == 4
+        with pytest.raises(KeyError):
+            rec.atom_at(1, stamps[0] - 1)
+
+
 def test_damage_is_reported_and_costs_only_the_damaged_atoms(demo_dir, tmp_path):
     path = tmp_path / "damaged.kel"
     data = bytearray((demo_dir / "per-camera" / "camera_1.kel").read_bytes())

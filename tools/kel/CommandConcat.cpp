@@ -6,8 +6,8 @@ namespace KelTool {
 Command AddConcatCommand(CLI::App& root, const GlobalOptions& global) {
     return AddDirectoryConversionCommand(
         root, global, "concat",
-        "Join the files of a directory (same streams, in name order) into one continuous recording",
-        "SourceKEL2MultiFileAppend");
+        "Join takes one after another (files or directories of them, the same streams) into one continuous recording",
+        KelFrames::Layout::kSequence);
 }
 
 }  // namespace KelTool

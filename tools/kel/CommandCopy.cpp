@@ -10,6 +10,7 @@ struct CopyOptions {
     std::string input;
     std::string output;
     std::string streams;
+    RangeOptions range;
     WriterOptions writer;
 };
 
@@ -29,13 +30,15 @@ int RunCopy(const GlobalOptions& global, const CopyOptions& options) {
         case SelectionResult::kUnreadable:
             return Fail(error);
     }
-    GraphDescription description;
-    description.filters.push_back({"SourceKEL2FileReader",
-                                   "in",
-                                   {{"KEL File Path", options.input}, {"Included streams", JoinStreamIds(streams)}}});
-    description.filters.push_back(
-        MakeWriterEntry("TargetKEL2FileWriter", "TargetKEL2FileWriterAsync", options.output, options.writer));
-    return PlayConversion(global, description, options.writer, {output});
+    int exitCode = kExitOk;
+    auto source = OpenTake({options.input}, KelFrames::Layout::kSequence, streams, options.range, &exitCode);
+    if (!source) {
+        return exitCode;
+    }
+    return PlayConversion(
+        global, std::move(source),
+        MakeWriterEntry("TargetKEL2FileWriter", "TargetKEL2FileWriterAsync", options.output, options.writer),
+        options.writer, {output});
 }
 
 }  // namespace
@@ -47,6 +50,7 @@ Command AddCopyCommand(CLI::App& root, const GlobalOptions& global) {
     app->add_option("OUT", options->output, "The file to write (its extension becomes .kel)")->required();
     app->add_option("--streams", options->streams, "Comma-separated stream ids or names to copy (default: all)")
         ->type_name("LIST");
+    AddRangeOptions(app, options->range);
     AddWriterOptions(app, options->writer);
     return {app, [&global, options] { return RunCopy(global, *options); }};
 }

@@ -4,9 +4,10 @@
 namespace KelTool {
 
 Command AddMergeCommand(CLI::App& root, const GlobalOptions& global) {
-    return AddDirectoryConversionCommand(root, global, "merge",
-                                         "Merge per-stream files of a directory into one multi-stream file",
-                                         "SourceKEL2MultiFileReader");
+    return AddDirectoryConversionCommand(
+        root, global, "merge",
+        "Join files holding different streams (files or directories of them) side by side into one recording",
+        KelFrames::Layout::kSideBySide);
 }
 
 }  // namespace KelTool

@@ -12,6 +12,7 @@ struct SplitOptions {
     std::string input;
     std::string output;
     std::string streams;
+    RangeOptions range;
     WriterOptions writer;
 };
 
@@ -41,13 +42,15 @@ int RunSplit(const GlobalOptions& global, const SplitOptions& options) {
             return Fail(error);
         }
     }
-    GraphDescription description;
-    description.filters.push_back({"SourceKEL2FileReader",
-                                   "in",
-                                   {{"KEL File Path", options.input}, {"Included streams", JoinStreamIds(streams)}}});
-    description.filters.push_back(MakeWriterEntry("TargetKEL2FilePerStreamWriter", "TargetKEL2FilePerStreamWriterAsync",
-                                                  base.string(), options.writer));
-    return PlayConversion(global, description, options.writer, outputs);
+    int exitCode = kExitOk;
+    auto source = OpenTake({options.input}, KelFrames::Layout::kSequence, streams, options.range, &exitCode);
+    if (!source) {
+        return exitCode;
+    }
+    return PlayConversion(global, std::move(source),
+                          MakeWriterEntry("TargetKEL2FilePerStreamWriter", "TargetKEL2FilePerStreamWriterAsync",
+                                          base.string(), options.writer),
+                          options.writer, outputs);
 }
 
 }  // namespace
@@ -59,8 +62,9 @@ Command AddSplitCommand(CLI::App& root, const GlobalOptions& global) {
     app->add_option("OUT", options->output,
                     "Base path: stream N goes to <stem>_N.kel beside it; a directory takes the input's name")
         ->required();
-    app->add_option("--streams", options->streams, "Comma-separated stream ids to write (default: all)")
+    app->add_option("--streams", options->streams, "Comma-separated stream ids or names to write (default: all)")
         ->type_name("LIST");
+    AddRangeOptions(app, options->range);
     AddWriterOptions(app, options->writer);
     return {app, [&global, options] { return RunSplit(global, *options); }};
 }

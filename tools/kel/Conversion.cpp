@@ -2,9 +2,12 @@
 
 #include <KEL/ReadKEL2File.h>
 
+#include <cmath>
 #include <filesystem>
 #include <iostream>
+#include <tuple>
 
+#include "FrameSource.h"
 #include "GraphBuilder.h"
 #include "GraphRunner.h"
 #include "PluginSetup.h"
@@ -71,14 +74,82 @@ bool CheckOutputIsNotInput(const std::string& output, const std::vector<std::str
     return true;
 }
 
-int PlayConversion(const GlobalOptions& global, const GraphDescription& description, const WriterOptions& options,
-                   const std::vector<std::string>& expectedOutputs) {
+void AddRangeOptions(CLI::App* app, RangeOptions& options) {
+    app->add_option("--from", options.from, "First frame: a position (120) or seconds from the start (2.5s)")
+        ->type_name("F|Ss");
+    app->add_option("--to", options.to, "End (excluded): a position or seconds from the start")->type_name("F|Ss");
+}
+
+namespace {
+
+// The position `text` names in `reader`: a frame position, or seconds after
+// the first frame's time stamp. False for a malformed text.
+bool ParseBound(const KelFrames::FrameReader& reader, const std::string& text, std::uint32_t* position) {
+    if (text.empty()) {
+        return false;
+    }
+    std::size_t used = 0;
+    try {
+        if (text.back() == 's') {
+            const double seconds = std::stod(text.substr(0, text.size() - 1), &used);
+            if (used != text.size() - 1 || !(seconds >= 0)) {
+                return false;
+            }
+            *position = reader.PositionAt(reader.TimeOf(0) + static_cast<std::int64_t>(std::llround(seconds * 1e6)));
+            return true;
+        }
+        const unsigned long frame = std::stoul(text, &used);
+        if (used != text.size() || text.front() == '-') {
+            return false;
+        }
+        *position = static_cast<std::uint32_t>(std::min<unsigned long>(frame, reader.NumFrames()));
+        return true;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+}  // namespace
+
+std::unique_ptr<KEL::Source> OpenTake(const std::vector<std::string>& files, KelFrames::Layout layout,
+                                      const std::vector<std::uint16_t>& streams, const RangeOptions& range,
+                                      int* exitCode) {
+    std::string error;
+    auto reader = KelFrames::FrameReader::Open(files, layout, streams, &error);
+    if (!reader) {
+        *exitCode = Fail(error);
+        return nullptr;
+    }
+    for (const std::string& warning : reader->Warnings()) {
+        std::cerr << "kel: warning: " << warning << "\n";
+    }
+    std::uint32_t begin = 0;
+    std::uint32_t end = reader->NumFrames();
+    for (const auto& [text, bound, name] :
+         {std::tuple{range.from, &begin, "--from"}, std::tuple{range.to, &end, "--to"}}) {
+        if (!text.empty() && !ParseBound(*reader, text, bound)) {
+            Fail(std::string(name) + " '" + text + "' is neither a frame position (120) nor seconds (2.5s)");
+            *exitCode = kExitUsage;
+            return nullptr;
+        }
+    }
+    return std::make_unique<FrameSource>(std::move(reader), begin, std::max(begin, end));
+}
+
+int PlayConversion(const GlobalOptions& global, std::unique_ptr<KEL::Source> source, const FilterEntry& writer,
+                   const WriterOptions& options, const std::vector<std::string>& expectedOutputs) {
     std::string error;
     if (!LoadPlugins(global, &error)) {
         return Fail(error);
     }
     KEL::Graph graph;
-    if (!BuildGraph(description, graph, &error)) {
+    GraphDescription description;
+    description.filters.push_back(writer);
+    KEL::Filter* in = graph.AddFilter(std::move(source), "in", &error);
+    if (in == nullptr || !BuildGraph(description, graph, &error)) {
+        return Fail(error);
+    }
+    if (graph.Connect(in, graph.FindFilter(writer.name), &error) != KEL::KEL_OK) {
         return Fail(error);
     }
     const GraphRunOutcome outcome = RunGraph(graph, description, !options.quiet,

@@ -1,12 +1,16 @@
 #pragma once
 
+#include <KEL/Source.h>
+
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "Command.h"
 #include "GraphDescription.h"
+#include "frames/FrameReader.h"
 
 namespace KelTool {
 
@@ -39,10 +43,27 @@ std::string PerStreamOutputPath(const std::string& path, std::uint16_t id);
 // would destroy the data being read).
 bool CheckOutputIsNotInput(const std::string& output, const std::vector<std::string>& inputs, std::string* error);
 
-// Loads the plugins, builds and plays `description`, prints the run summary
-// (unless quiet) and checks that every file of `expectedOutputs` exists
-// afterwards, listing them. Returns the exit code.
-int PlayConversion(const GlobalOptions& global, const GraphDescription& description, const WriterOptions& options,
-                   const std::vector<std::string>& expectedOutputs);
+// Which frames of a take a conversion plays: --from and --to, each a frame
+// position ("120") or seconds after the take's first time stamp ("2.5s");
+// the range includes `from` and ends before `to`.
+struct RangeOptions {
+    std::string from;
+    std::string to;
+};
+void AddRangeOptions(CLI::App* app, RangeOptions& options);
+
+// The source of a conversion: the positions of `files` (laid out as
+// `layout`, keeping `streams`, all when empty) that `range` selects, every
+// stream restored from its own first atom. Returns empty after printing the
+// error, with `exitCode` set (2 for a malformed range).
+std::unique_ptr<KEL::Source> OpenTake(const std::vector<std::string>& files, KelFrames::Layout layout,
+                                      const std::vector<std::uint16_t>& streams, const RangeOptions& range,
+                                      int* exitCode);
+
+// Loads the plugins, plays `source` into the target `writer`, prints the run
+// summary (unless quiet) and checks that every file of `expectedOutputs`
+// exists afterwards. Returns the exit code.
+int PlayConversion(const GlobalOptions& global, std::unique_ptr<KEL::Source> source, const FilterEntry& writer,
+                   const WriterOptions& options, const std::vector<std::string>& expectedOutputs);
 
 }  // namespace KelTool
