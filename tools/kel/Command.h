@@ -47,5 +47,8 @@ Command AddThumbnailCommand(CLI::App& root, const GlobalOptions& global);
 Command AddReportCommand(CLI::App& root, const GlobalOptions& global);
 Command AddExportCommand(CLI::App& root, const GlobalOptions& global);
 Command AddDemoCommand(CLI::App& root, const GlobalOptions& global);
+Command AddCatCommand(CLI::App& root, const GlobalOptions& global);
+Command AddDiffCommand(CLI::App& root, const GlobalOptions& global);
+Command AddRecoverCommand(CLI::App& root, const GlobalOptions& global);
 
 }  // namespace KelTool

@@ -56,6 +56,7 @@ int main(int argc, char** argv) {
         AddRunCommand(app, global),     AddCopyCommand(app, global),   AddSplitCommand(app, global),
         AddConcatCommand(app, global),  AddMergeCommand(app, global),  AddThumbnailCommand(app, global),
         AddReportCommand(app, global),  AddExportCommand(app, global), AddDemoCommand(app, global),
+        AddCatCommand(app, global),     AddDiffCommand(app, global),   AddRecoverCommand(app, global),
     };
 
     try {
