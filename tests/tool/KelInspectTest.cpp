@@ -93,6 +93,22 @@ TEST_F(KelInfo, UnopenableFilesFailWithTheirNameAndTheReason) {
     EXPECT_EQ(Kel({"verify", "fifo.kel"}).exitCode, 1);
     EXPECT_EQ(Kel({"copy", "fifo.kel", "out.kel"}).exitCode, 1);
     EXPECT_FALSE(Exists("out.kel"));
+    // One line per failure, naming the path and what it is; several paths
+    // at once, each said for itself.
+    for (const auto& [args, line] : std::vector<std::pair<std::vector<std::string>, std::string>>{
+             {{"info", "absent.kel"}, "kel: error: cannot open 'absent.kel': No such file or directory\n"},
+             {{"copy", "absent.kel", "out.kel"}, "kel: error: cannot open 'absent.kel': No such file or directory\n"},
+             {{"run", "."}, "kel: error: '.' is a directory, not a graph file\n"}}) {
+        const auto run = Kel(args);
+        EXPECT_EQ(run.exitCode, 1);
+        EXPECT_EQ(run.err, line);
+    }
+    RecordSynthetic(File("one.kel"), 1, 2);
+    const auto both = Kel({"info", "one.kel", "absent.kel", "one.kel"});
+    EXPECT_EQ(both.exitCode, 1);
+    const auto first = both.out.find("one.kel\n");
+    EXPECT_TRUE(first == 0 && both.out.find("\none.kel\n", first + 1) != std::string::npos) << both.out;
+    EXPECT_TRUE(Contains(both.err, {"cannot open 'absent.kel'"}));
 }
 
 // One recording damaged in each way files get damaged: `verify` gives each
@@ -120,6 +136,8 @@ TEST_F(KelVerify, VerdictRecoverableAtomsAndExitCodeFollowTheDamage) {
     const auto ok = Kel({"verify", "ok.kel"});
     EXPECT_EQ(ok.exitCode, 0) << ok.out << ok.err;
     EXPECT_TRUE(Contains(ok.out, {"ok.kel: OK"}));
+    const auto one = nlohmann::json::parse(Kel({"verify", "--json", "ok.kel"}).out);
+    EXPECT_TRUE(one.is_array() && one.size() == 1U) << one;
     const auto run = Kel(args);
     EXPECT_EQ(run.exitCode, 1);
     args.erase(args.begin() + 1);
@@ -132,7 +150,8 @@ TEST_F(KelVerify, VerdictRecoverableAtomsAndExitCodeFollowTheDamage) {
         const auto& [name, damage, verdict, recoverable] = damages[i];
         ExpectFields(reports[i],
                      {{"path", name}, {"verdict", verdict}, {"intact", false}, {"recoverableAtoms", recoverable}});
-        EXPECT_EQ(reports[i].contains("openError"), verdict == "UNREADABLE") << name;
+        EXPECT_EQ(reports[i]["openError"] != "", verdict == "UNREADABLE") << name;
+        EXPECT_EQ(reports[i].size(), reports[0].size()) << name << ": one shape for every file";
         EXPECT_TRUE(Contains(text.out, {name + ": " + verdict + "\n"}));
     }
 }

@@ -15,7 +15,8 @@ namespace KelTool {
 namespace {
 
 struct InfoOptions {
-    std::string path;
+    std::vector<std::string> paths;
+    std::string path;  // the one being shown
     bool json = false;
     bool follow = false;
     double interval = 0.5;
@@ -68,46 +69,61 @@ int Follow(const InfoOptions& options) {
     return gStopFollowing != 0 ? kExitInterrupted : kExitOk;
 }
 
-int RunInfo(const InfoOptions& options) {
-    if (options.follow) {
-        return Follow(options);
-    }
+// Shows one file or directory; with `json`, adds its object to `out`
+// instead of printing it.
+int InfoOf(const std::string& path, bool json, nlohmann::ordered_json* out) {
     std::error_code ec;
-    if (std::filesystem::is_directory(options.path, ec)) {
+    if (std::filesystem::is_directory(path, ec)) {
         std::vector<ContainerSummary> summaries;
-        for (const auto& file : ListContainerFiles(options.path)) {
+        for (const auto& file : ListContainerFiles(path)) {
             summaries.push_back(SummarizeContainer(file));
         }
         bool allOk = true;
         for (const auto& s : summaries) {
             allOk = allOk && s.Ok();
         }
-        if (options.json) {
+        if (json) {
             nlohmann::ordered_json files = nlohmann::ordered_json::array();
             for (const auto& s : summaries) {
                 files.push_back(ToJson(s));
             }
-            std::cout << nlohmann::ordered_json{{"directory", options.path}, {"files", std::move(files)}}.dump(2)
-                      << "\n";
+            out->push_back(nlohmann::ordered_json{{"directory", path}, {"files", std::move(files)}});
         } else {
-            PrintDirectorySummary(std::cout, options.path, summaries);
+            PrintDirectorySummary(std::cout, path, summaries);
         }
-        return allOk ? kExitOk : Fail("some files of '" + options.path + "' cannot be opened");
+        return allOk ? kExitOk : Fail("some files of '" + path + "' cannot be opened");
     }
-
-    const ContainerSummary summary = SummarizeContainer(options.path);
-    if (!summary.Ok()) {
-        if (options.json) {
-            std::cout << ToJson(summary).dump(2) << "\n";
-        }
-        return Fail("cannot open '" + options.path + "': " + summary.error);
-    }
-    if (options.json) {
-        std::cout << ToJson(summary).dump(2) << "\n";
-    } else {
+    const ContainerSummary summary = SummarizeContainer(path);
+    if (json) {
+        out->push_back(ToJson(summary));
+    } else if (summary.Ok()) {
         PrintContainerSummary(std::cout, summary);
     }
-    return kExitOk;
+    return summary.Ok() ? kExitOk : Fail("cannot open '" + path + "': " + summary.error);
+}
+
+int RunInfo(InfoOptions& options) {
+    if (options.follow) {
+        if (options.paths.size() != 1) {
+            Fail("--follow takes one file");
+            return kExitUsage;
+        }
+        options.path = options.paths.front();
+        return Follow(options);
+    }
+    int exitCode = kExitOk;
+    nlohmann::ordered_json shown = nlohmann::ordered_json::array();
+    for (std::size_t i = 0; i < options.paths.size(); ++i) {
+        if (i > 0 && !options.json) {
+            std::cout << "\n";
+        }
+        exitCode = std::max(exitCode, InfoOf(options.paths[i], options.json, &shown));
+    }
+    if (options.json) {
+        // One path gives its object, several an array of them.
+        std::cout << (options.paths.size() == 1 ? shown[0] : shown).dump(2) << "\n";
+    }
+    return exitCode;
 }
 
 }  // namespace
@@ -115,7 +131,7 @@ int RunInfo(const InfoOptions& options) {
 Command AddInfoCommand(CLI::App& root, const GlobalOptions& /*global*/) {
     auto options = std::make_shared<InfoOptions>();
     CLI::App* app = root.add_subcommand("info", "Describe a container file, or every .kel file of a directory");
-    app->add_option("PATH", options->path, "A .kel file or a directory")->required();
+    app->add_option("PATH", options->paths, ".kel files or directories")->required();
     app->add_flag("--json", options->json, "Print JSON");
     app->add_flag("-f,--follow", options->follow,
                   "Follow a recording being written: print its new atoms until its writer closes it (or Ctrl-C)");

@@ -35,9 +35,7 @@ nlohmann::ordered_json ToJson(const std::string& path, const KEL::ContainerVerif
     j["verdict"] = Verdict(v);
     j["intact"] = v.IsIntact();
     j["openResult"] = v.openResult;
-    if (v.openResult != KEL::KEL_OK) {
-        j["openError"] = v.openError;
-    }
+    j["openError"] = v.openError;
     j["formatVersion"] = v.formatVersion;
     j["fileSize"] = v.fileSize;
     j["headerDamaged"] = v.headerDamaged;
@@ -68,6 +66,7 @@ void PrintReport(std::ostream& out, const std::string& path, const KEL::Containe
     out << path << ": " << Verdict(v) << "\n";
     if (v.openResult != KEL::KEL_OK) {
         out << "  a reader cannot open it: " << v.openError << " (" << KEL::KelErrorCodeName(v.openResult) << ")\n";
+        return;
     }
     out << "  size " << FormatBytes(v.fileSize) << ", format " << v.formatVersion << ", " << v.streams << " stream(s), "
         << v.atomRecords << " atom record(s)\n";
@@ -112,10 +111,12 @@ void PrintReport(std::ostream& out, const std::string& path, const KEL::Containe
 
 int RunVerify(const VerifyOptions& options) {
     bool allIntact = true;
+    std::size_t unreadable = 0;
     nlohmann::ordered_json reports = nlohmann::ordered_json::array();
     for (const auto& path : options.paths) {
         const KEL::ContainerVerification v = KEL::VerifyContainer(path);
         allIntact = allIntact && v.IsIntact();
+        unreadable += v.openResult != KEL::KEL_OK ? 1 : 0;
         if (options.json) {
             reports.push_back(ToJson(path, v));
         } else {
@@ -123,7 +124,12 @@ int RunVerify(const VerifyOptions& options) {
         }
     }
     if (options.json) {
-        std::cout << (reports.size() == 1 ? reports[0] : reports).dump(2) << "\n";
+        // An array whatever the number of files, so that scripts read one shape.
+        std::cout << reports.dump(2) << "\n";
+    }
+    if (unreadable > 0) {
+        return Fail(options.paths.size() == 1 ? "the file cannot be read"
+                                              : std::to_string(unreadable) + " file(s) cannot be read");
     }
     if (!allIntact) {
         std::cerr << "kel: " << (options.paths.size() == 1 ? "the file is" : "some files are") << " not intact\n";

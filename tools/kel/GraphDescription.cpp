@@ -1,5 +1,6 @@
 #include "GraphDescription.h"
 
+#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <nlohmann/json.hpp>
@@ -319,6 +320,11 @@ std::optional<GraphDescription> ParseGraphDescription(const std::string& text, s
 }
 
 std::optional<GraphDescription> LoadGraphDescription(const std::string& path, std::string* error) {
+    std::error_code ec;
+    if (std::filesystem::is_directory(path, ec)) {
+        *error = "'" + path + "' is a directory, not a graph file";
+        return std::nullopt;
+    }
     std::ifstream in(path, std::ios::binary);
     if (!in) {
         *error = "cannot open graph file '" + path + "'";

@@ -5,6 +5,7 @@
 #include <KelCommon/Logger.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <system_error>
@@ -14,12 +15,24 @@ namespace KelTool {
 namespace fs = std::filesystem;
 
 void ApplyVerbosity(int verbosity) {
-    if (verbosity <= 0) {
+    auto logger = KEL::GetKELLoggerInstance().lock();
+    if (!logger) {
         return;
     }
-    if (auto logger = KEL::GetKELLoggerInstance().lock()) {
-        logger->SetStderrLevel(std::min(logger->GetStderrLevel() + verbosity, static_cast<int>(KelCommon::LOG_TRACE)));
+    // The tool says what failed itself, once: the log lines of the runtime
+    // and the plugins would repeat it (a missing file gave five lines).
+    // KEL_LOG_LEVEL still sets a starting level of the user's choice.
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): read once, before any thread starts
+    const char* env = std::getenv("KEL_LOG_LEVEL");
+    const bool chosen = env != nullptr && *env != '\0';
+    if (verbosity <= 0) {
+        if (!chosen) {
+            logger->SetStderrLevel(KelCommon::LOG_OFF);
+        }
+        return;
     }
+    const int from = chosen ? logger->GetStderrLevel() : KelCommon::LOG_WARNING - 1;
+    logger->SetStderrLevel(std::min(from + verbosity, static_cast<int>(KelCommon::LOG_TRACE)));
 }
 
 std::vector<std::string> DefaultPluginSearchPath() {
