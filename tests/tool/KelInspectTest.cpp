@@ -62,7 +62,12 @@ TEST_F(KelInfo, DescribesAFileOrEveryFileOfADirectoryAndKelThumbnailWritesTheirT
                                          "StaticInfo/STATIC", "Binary/STATIC", "CylinderCrop/CROP"}));
     }
     EXPECT_EQ(json("set")["files"], nlohmann::json::array({json("set/a.kel"), info}));
-    EXPECT_TRUE(Contains(Kel({"info", "set/a.kel"}).out, {"thumbnail: no", "3 in 1 stream(s), 3 playable frame(s)"}));
+    // Times in seconds from the file's first atom, the creation as a date,
+    // frames missing from each stream's time line counted.
+    EXPECT_TRUE(Contains(Kel({"info", "set/a.kel"}).out,
+                         {"thumbnail: no", "3 in 1 stream(s), 3 playable frame(s)", "created:   20", " UTC\n",
+                          "missing", "time: 0.000 s .. 0.067 s after the file's first atom"}));
+    EXPECT_EQ(info["streams"][0]["missingFrames"], 0);
     KelFails({"thumbnail", "set/a.kel", "-o", "thumb.png", "--stream", "7"}, 1, "has no stream 7");
     KelFails({"thumbnail", "set/a.kel", "-o", "missing/thumb.png"}, 1, "cannot create 'missing/thumb.png'");
     EXPECT_FALSE(Exists("thumb.png"));

@@ -58,7 +58,7 @@ TEST_F(KelReport, ShowsSampledFramesAndDroppedFramesPerStreamAndEachFileOfADirec
     ASSERT_EQ(one.exitCode, 0) << one.err;
     std::string html = ReadText(File("one.html"));
     EXPECT_EQ(Occurrences(html, "<img src=\"data:image/png;base64,"), 12);  // six frames of each image stream
-    EXPECT_TRUE(Contains(html, {"stream 0: 20 frame(s), 0 dropped", "stream 1: 15 frame(s), 5 dropped",
+    EXPECT_TRUE(Contains(html, {"stream 0: 20 frame(s), 0 missing", "stream 1: 15 frame(s), 5 missing",
                                 "5 frame(s) missing between 0.280 s and 0.520 s", "This stream holds no images.",
                                 "alt=\"stream 1 frame 19\""}));
     // take2 loses its index and footer, as when its writer dies at the end.

@@ -199,4 +199,15 @@ TEST_F(KelRun, RunsListWhatTheyWroteAndReplaceFilesOnlyWithOverwrite) {
     EXPECT_EQ(Stored("rec.kel", 0), Range(0, 2));
 }
 
+// The demo says what its snapshot file holds, read from it: a recording
+// shorter than the frame of the press takes no snapshot, and says so.
+TEST_F(KelRun, DemoDescribesTheSnapshotItTook) {
+    const auto run = Kel({"demo", "--out", "d", "--frames", "20", "--streams", "1", "--width", "16", "--height", "16"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_TRUE(Contains(run.out, {"snapshot.kel     empty: the recording ended before frame 30"}));
+    const auto taken = Kel({"demo", "--out", "e", "--frames", "20", "--streams", "1", "--width", "16", "--height", "16",
+                            "--snapshot-at", "5", "--snapshot-frames", "4"});
+    EXPECT_TRUE(Contains(taken.out, {"snapshot.kel     4 frames taken at frame 5"}));
+}
+
 }  // namespace

@@ -168,11 +168,18 @@ int RunDemo(const GlobalOptions& global, const DemoOptions& options) {
         allGood = false;
     }
 
+    // What the snapshot file holds, read from it: a press at a frame past
+    // the end of the recording takes nothing.
+    const ContainerSummary snapshot = SummarizeContainer((out / "snapshot.kel").string());
+    const std::string snapshotText =
+        snapshot.frames > 0
+            ? std::to_string(snapshot.frames) + " frames taken at frame " + std::to_string(options.snapshotAt)
+            : "empty: the recording ended before frame " + std::to_string(options.snapshotAt) +
+                  ", where the snapshot was to be taken";
     std::cout << "\nDemo files are in " << out.string() << "\n"
               << "  capture.kel      all cameras, thumbnails, XML companion capture.kel.xml\n"
               << "  per-camera/      one file per camera (camera_<id>.kel)\n"
-              << "  snapshot.kel     " << options.snapshotFrames << " frames taken at frame " << options.snapshotAt
-              << "\n"
+              << "  snapshot.kel     " << snapshotText << "\n"
               << "  merged.kel       the per-camera files merged back into one\n"
               << "  thumbnails/      PNG previews\n"
               << "  report.html      contact sheets, time lines and damage of every file\n"

@@ -8,10 +8,13 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <ctime>
 #include <filesystem>
 #include <iomanip>
 #include <limits>
 #include <sstream>
+
+#include "Timeline.h"
 
 namespace KelTool {
 
@@ -49,11 +52,12 @@ void SummarizeStream(KEL::ReadKEL2File& reader, std::uint16_t id, StreamSummary*
         s->firstFrameNr = numbers.front();
         s->lastFrameNr = numbers.back();
     }
-    const auto stamps = reader.GetTimeStamps(id);
+    auto stamps = reader.GetTimeStamps(id);
     if (!stamps.empty()) {
         s->firstTimeStamp = *std::min_element(stamps.begin(), stamps.end());
         s->lastTimeStamp = *std::max_element(stamps.begin(), stamps.end());
     }
+    s->missingFrames = AnalyzeTimeline(std::move(stamps)).dropped;
     for (const std::uint32_t nr : numbers) {
         const auto atom = reader.GetFrameAtom(id, nr);
         if (!atom) {
@@ -159,6 +163,7 @@ nlohmann::ordered_json ToJson(const ContainerSummary& summary) {
         js["lastTimeStamp"] = s.lastTimeStamp;
         js["durationSeconds"] = static_cast<double>(s.lastTimeStamp - s.firstTimeStamp) / 1e6;
         js["storedBytes"] = s.storedBytes;
+        js["missingFrames"] = s.missingFrames;
         js["hasThumbnail"] = s.hasThumbnail;
         if (s.hasThumbnail) {
             js["thumbnail"] = {{"width", s.thumbnailWidth}, {"height", s.thumbnailHeight}};
@@ -224,14 +229,24 @@ void PrintContainerSummary(std::ostream& out, const ContainerSummary& summary) {
         }
         out << ", " << d.truncatedTailBytes << " byte(s) of an incomplete tail (run `kel verify`)\n";
     }
+    if (summary.createdUs != 0) {
+        const std::time_t created = static_cast<std::time_t>(summary.createdUs / 1'000'000);
+        std::tm utc{};
+        gmtime_r(&created, &utc);
+        out << "  created:   " << std::put_time(&utc, "%Y-%m-%d %H:%M:%S UTC") << "\n";
+    }
+    std::int64_t origin = summary.streams.empty() ? 0 : summary.streams.front().firstTimeStamp;
+    for (const auto& s : summary.streams) {
+        origin = std::min(origin, s.firstTimeStamp);
+    }
     out << "\n  " << std::left << std::setw(7) << "stream" << std::setw(8) << "frames" << std::setw(14) << "numbers"
-        << std::setw(12) << "duration" << std::setw(12) << "stored"
+        << std::setw(12) << "duration" << std::setw(9) << "missing" << std::setw(12) << "stored"
         << "name\n";
     for (const auto& s : summary.streams) {
         out << "  " << std::setw(7) << s.id << std::setw(8) << s.frames << std::setw(14)
             << (std::to_string(s.firstFrameNr) + ".." + std::to_string(s.lastFrameNr)) << std::setw(12)
-            << FormatDuration(s.lastTimeStamp - s.firstTimeStamp) << std::setw(12) << FormatBytes(s.storedBytes)
-            << s.name << "\n";
+            << FormatDuration(s.lastTimeStamp - s.firstTimeStamp) << std::setw(9) << s.missingFrames << std::setw(12)
+            << FormatBytes(s.storedBytes) << s.name << "\n";
     }
     for (const auto& s : summary.streams) {
         out << "\n  stream " << s.id << ", first atom layers:\n";
@@ -239,7 +254,10 @@ void PrintContainerSummary(std::ostream& out, const ContainerSummary& summary) {
             out << "    " << std::setw(16) << l.type << std::setw(26) << l.purpose << "v" << std::setw(4) << l.version
                 << std::setw(12) << FormatBytes(l.payloadBytes) << l.detail << "\n";
         }
-        out << "    time: " << s.firstTimeStamp << " .. " << s.lastTimeStamp << " us\n";
+        out << "    time: " << std::fixed << std::setprecision(3)
+            << static_cast<double>(s.firstTimeStamp - origin) / 1e6 << " s .. "
+            << static_cast<double>(s.lastTimeStamp - origin) / 1e6 << " s after the file's first atom\n"
+            << std::defaultfloat;
     }
     out << std::right;
 }

@@ -28,7 +28,10 @@ struct StreamSummary {
     std::int64_t firstTimeStamp = 0;  // microseconds
     std::int64_t lastTimeStamp = 0;
     std::uint64_t storedBytes = 0;  // what the stream's records take in the file
-    std::string name;               // from the stream information, when present
+    // Frames missing from the time line (gaps of more than 1.5 frame
+    // intervals): dropped, or not recorded (between snapshots).
+    std::uint64_t missingFrames = 0;
+    std::string name;  // from the stream information, when present
     double frameRate = 0.0;
     std::vector<LayerSummary> firstAtomLayers;
     bool hasThumbnail = false;

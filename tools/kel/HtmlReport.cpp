@@ -208,7 +208,7 @@ double TimelineX(std::int64_t stamp, std::int64_t origin, std::int64_t end) {
 void RenderTimeline(std::ostream& out, const StreamReport& stream, std::int64_t origin, std::int64_t end) {
     const TimelineAnalysis& t = stream.timeline;
     const std::string label = "stream " + std::to_string(stream.summary.id) + ": " + std::to_string(t.stamps.size()) +
-                              " frame(s), " + std::to_string(t.dropped) + " dropped";
+                              " frame(s), " + std::to_string(t.dropped) + " missing";
     out << "<svg class=\"timeline\" xmlns=\"http://www.w3.org/2000/svg\" width=\"" << kTimelineWidth << "\" height=\""
         << kTimelineHeight << "\" viewBox=\"0 0 " << kTimelineWidth << " " << kTimelineHeight
         << "\" role=\"img\" aria-label=\"" << Escape(label) << "\">\n<title>" << Escape(label) << "</title>\n";
@@ -334,14 +334,15 @@ void RenderFile(std::ostream& out, const FileReport& file, std::int64_t origin, 
     out << "</table>\n";
 
     out << "<table class=\"streams\">\n<tr><th>stream</th><th>name</th><th>frames</th><th>numbers</th>"
-           "<th>duration</th><th>interval</th><th>dropped</th><th>stored</th><th>first atom's layers</th></tr>\n";
+           "<th>duration</th><th>interval</th><th title=\"frames missing from the time line: dropped, or not "
+           "recorded (between snapshots)\">missing</th><th>stored</th><th>first atom's layers</th></tr>\n";
     for (const StreamReport& stream : file.streams) {
         const StreamSummary& ss = stream.summary;
         const TimelineAnalysis& t = stream.timeline;
         out << "<tr><td>" << ss.id << "</td><td>" << Escape(ss.name) << "</td><td>" << ss.frames << "</td><td>"
             << ss.firstFrameNr << ".." << ss.lastFrameNr << "</td><td>" << FormatDuration(t.Last() - t.First())
             << "</td><td>" << (t.interval > 0 ? Fixed(static_cast<double>(t.interval) / 1e3, 3) + " ms" : "-")
-            << "</td><td" << (t.dropped > 0 ? " class=\"bad\"" : "") << ">" << t.dropped << " dropped</td><td>"
+            << "</td><td" << (t.dropped > 0 ? " class=\"bad\"" : "") << ">" << t.dropped << " missing</td><td>"
             << FormatBytes(ss.storedBytes) << "</td><td class=\"layers\">" << Escape(LayerKinds(ss)) << "</td></tr>\n";
     }
     out << "</table>\n";
