@@ -60,6 +60,7 @@ auto WithReader(RecordingState& state, Use&& use) {
 
 py::dict DamageDict(const KEL::ContainerDamageReport& d) {
     py::dict damage;
+    damage["damaged"] = d.Damaged();
     damage["index_used"] = d.indexUsed;
     damage["recovered"] = d.recovered;
     damage["checkpoint_used"] = d.checkpointUsed;
@@ -74,6 +75,7 @@ py::dict DamageDict(const KEL::ContainerDamageReport& d) {
 
 py::dict VerificationDict(const KEL::ContainerVerification& v) {
     py::dict result;
+    result["verdict"] = v.Verdict();
     result["intact"] = v.IsIntact();
     result["open_result"] = v.openResult;
     result["open_error"] = v.openError;

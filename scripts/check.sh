@@ -23,26 +23,38 @@ total_passed=0
 total_failed=0
 total_skipped=0
 failed_stages=()
-log=$(mktemp)
-trap 'rm -f "$log"' EXIT
 
-# Adds the counts of the ctest run in $log to the totals; fails when it ran
+# Adds the counts of ctest's JUnit report $1 to the totals; fails when it ran
 # no test.
 count_ctest() {
-  local line failed total skipped
-  line=$(grep -E "tests passed, [0-9]+ tests failed out of [0-9]+" "$log" | tail -n 1 || true)
-  if [ -z "$line" ]; then
+  local counts passed failed skipped
+  counts=$(python3 - "$1" <<'PY'
+import sys
+import xml.etree.ElementTree as ET
+try:
+    root = ET.parse(sys.argv[1]).getroot()
+except (OSError, ET.ParseError):
+    sys.exit(1)
+suites = [root] if root.tag == "testsuite" else root.iter("testsuite")
+passed = failed = skipped = 0
+for suite in suites:
+    for case in suite.iter("testcase"):
+        status = case.get("status", "run")
+        if case.find("failure") is not None or case.find("error") is not None or status == "fail":
+            failed += 1
+        elif case.find("skipped") is not None or status in ("notrun", "disabled", "skipped"):
+            skipped += 1
+        else:
+            passed += 1
+print(passed, failed, skipped)
+PY
+  ) || { echo "check: no test report from ctest" >&2; return 1; }
+  read -r passed failed skipped <<<"$counts"
+  if [ $((passed + failed + skipped)) -eq 0 ]; then
     echo "check: the stage ran no test" >&2
     return 1
   fi
-  failed=$(sed -E 's/.* ([0-9]+) tests failed out of ([0-9]+).*/\1/' <<<"$line")
-  total=$(sed -E 's/.* ([0-9]+) tests failed out of ([0-9]+).*/\2/' <<<"$line")
-  skipped=$(grep -c -E '\((Skipped|Not Run|Disabled)\)' "$log" || true)
-  if [ "$total" -eq 0 ]; then
-    echo "check: the stage ran no test" >&2
-    return 1
-  fi
-  total_passed=$((total_passed + total - failed - skipped))
+  total_passed=$((total_passed + passed))
   total_failed=$((total_failed + failed))
   total_skipped=$((total_skipped + skipped))
   return 0
@@ -63,8 +75,10 @@ run_suite() {
   cmake --build --preset "$preset" -j "$jobs" "${targets[@]}" || return 1
   echo "== $preset: tests"
   local status=0
-  ctest --preset "$preset" --no-tests=error "$@" 2>&1 | tee "$log" || status=$?
-  count_ctest || status=1
+  local report="build/$preset/ctest-report.xml"
+  rm -f "$report"
+  ctest --preset "$preset" --no-tests=error --output-junit "$PWD/$report" "$@" || status=$?
+  count_ctest "$report" || status=1
   return "$status"
 }
 

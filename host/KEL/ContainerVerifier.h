@@ -54,6 +54,22 @@ struct ContainerVerification {
     bool IsIntact() const noexcept {
         return openResult == KEL_OK && !headerDamaged && damagedRecords == 0 && truncatedTailBytes == 0 && indexValid;
     }
+    // The verdict in one word: "OK" (intact), "NOT CLOSED" (every record
+    // intact, but no valid index: the writer did not close the file; a
+    // reader loses nothing), "DAMAGED", or "UNREADABLE" (a reader cannot
+    // open it).
+    const char* Verdict() const noexcept {
+        if (openResult != KEL_OK) {
+            return "UNREADABLE";
+        }
+        if (IsIntact()) {
+            return "OK";
+        }
+        if (!headerDamaged && damagedRecords == 0 && truncatedTailBytes == 0) {
+            return "NOT CLOSED";
+        }
+        return "DAMAGED";
+    }
 };
 
 // Checks a container file fully: the file header, the footer and the index,

@@ -46,6 +46,10 @@ struct ContainerDamageReport {
     std::uint64_t foreignRecords = 0;      // intact records of another file among the skipped bytes
     std::uint64_t validRecords = 0;        // atom records available
     std::uint64_t truncatedTailBytes = 0;  // an incomplete last record (a writer that died, or is still writing)
+
+    // Whether the reader met anything a user should look at: a damaged
+    // header, damaged records or regions, an incomplete last record.
+    bool Damaged() const noexcept { return headerDamaged || skippedRecords > 0 || truncatedTailBytes > 0; }
 };
 
 struct ReaderOptions {

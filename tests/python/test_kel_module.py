@@ -256,8 +256,9 @@ def test_damage_is_reported_and_costs_only_the_damaged_atoms(demo_dir, tmp_path)
             rec.atom(1, missing[0])
         assert error.value.code == kel.KEL_ERR_CORRUPT
         assert rec.damage["skipped_records"] >= 1
+        assert rec.damage["damaged"]
         report = rec.verify()
-        assert not report["intact"] and report["problems"]
+        assert not report["intact"] and report["problems"] and report["verdict"] == "DAMAGED"
 
 
 def test_errors_are_exceptions_with_the_hosts_codes(tmp_path):

@@ -101,6 +101,14 @@ TEST_F(KelExport, WritesTheSelectedFramesAsPngsOfTheStoredPixelsAndOnlyOfImages)
         EXPECT_EQ(std::pair(png.width, png.height), std::pair(texture->GetWidth(), texture->GetHeight()));
         EXPECT_TRUE(std::equal(png.rgba.begin(), png.rgba.end(), texture->GetPixels().data())) << nr;
     }
+    // Nothing is replaced without --overwrite; bounds may be seconds.
+    KelFails({"export", "take.kel", "--stream", "1", "-o", "frames", "--from", "5", "--to", "5"}, 1,
+             "frame_000005.png' exists; nothing was written (pass --overwrite to replace)");
+    const auto timed = Kel({"export", "take.kel", "--stream", "1", "-o", "timed", "--from", "0s", "--to", "3600s"});
+    ASSERT_EQ(timed.exitCode, 0) << timed.err;
+    const auto all = std::filesystem::directory_iterator(File("timed"));
+    EXPECT_EQ(static_cast<std::size_t>(std::distance(begin(all), end(all))), reader->GetNumFrames(1));
+    KelFails({"export", "take.kel", "--stream", "1", "-o", "x", "--to", "soon"}, 2, "--to 'soon' is neither");
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <KEL/ReadKEL2File.h>
+
 #include <CLI/CLI.hpp>
 #include <functional>
 #include <string>
@@ -32,6 +34,10 @@ inline constexpr int kExitInterrupted = 130;
 
 // Writes "kel: error: <message>" to stderr and returns kExitFailure.
 int Fail(const std::string& message);
+
+// Why `reader` failed to open with `code`; "cannot open '<path>': <why>".
+std::string OpenFailureReason(const KEL::ReadKEL2File& reader, KEL::KelErrorCode code);
+std::string CannotOpen(const std::string& path, const KEL::ReadKEL2File& reader, KEL::KelErrorCode code);
 
 // Each subcommand lives in its own file and registers itself on `root`.
 // `global` is read when the command runs (after parsing), never before.

@@ -20,8 +20,7 @@ struct CatOptions {
 int RunCat(const CatOptions& options) {
     KEL::ReadKEL2File reader(options.path.c_str());
     if (const KEL::KelErrorCode code = reader.Initialize(); code != KEL::KEL_OK) {
-        return Fail("cannot open '" + options.path +
-                    "': " + (reader.GetLastError().empty() ? KEL::KelErrorCodeName(code) : reader.GetLastError()));
+        return Fail(CannotOpen(options.path, reader, code));
     }
     const auto listed = reader.ListAtoms();
     const std::int64_t origin = listed.empty() ? 0 : listed.front().timeStamp;

@@ -21,16 +21,10 @@ int RunCopy(const GlobalOptions& global, const CopyOptions& options) {
         return Fail(error);
     }
     std::vector<std::uint16_t> streams;
-    switch (SelectStreams(options.input, options.streams, &streams, &error)) {
-        case SelectionResult::kOk:
-            break;
-        case SelectionResult::kUnknownStream:
-            Fail(error);
-            return kExitUsage;
-        case SelectionResult::kUnreadable:
-            return Fail(error);
-    }
     int exitCode = kExitOk;
+    if (!SelectStreamsOrFail(options.input, options.streams, &streams, &exitCode)) {
+        return exitCode;
+    }
     auto source = OpenTake({options.input}, KelFrames::Layout::kSequence, streams, options.range, &exitCode);
     if (!source) {
         return exitCode;

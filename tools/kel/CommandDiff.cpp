@@ -23,8 +23,7 @@ using Key = std::pair<std::uint16_t, std::uint32_t>;
 std::unique_ptr<KEL::ReadKEL2File> Open(const std::string& path, std::string* error) {
     auto reader = std::make_unique<KEL::ReadKEL2File>(path.c_str());
     if (const KEL::KelErrorCode code = reader->Initialize(); code != KEL::KEL_OK) {
-        *error = "cannot open '" + path +
-                 "': " + (reader->GetLastError().empty() ? KEL::KelErrorCodeName(code) : reader->GetLastError());
+        *error = CannotOpen(path, *reader, code);
         return nullptr;
     }
     return reader;

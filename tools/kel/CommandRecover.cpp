@@ -27,8 +27,7 @@ int RunRecover(const RecoverOptions& options) {
     }
     KEL::ReadKEL2File reader(options.input.c_str());
     if (const KEL::KelErrorCode code = reader.Initialize(); code != KEL::KEL_OK) {
-        return Fail("cannot open '" + options.input +
-                    "': " + (reader.GetLastError().empty() ? KEL::KelErrorCodeName(code) : reader.GetLastError()));
+        return Fail(CannotOpen(options.input, reader, code));
     }
     KEL::SerializeToKel writer(options.output.c_str(), options.overwrite, KEL::CURRENT_VERSION, false);
     if (const KEL::KelErrorCode code = writer.GetOpenResult(); code != KEL::KEL_OK) {

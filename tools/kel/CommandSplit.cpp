@@ -18,16 +18,11 @@ struct SplitOptions {
 
 int RunSplit(const GlobalOptions& global, const SplitOptions& options) {
     std::vector<std::uint16_t> streams;
-    std::string error;
-    switch (SelectStreams(options.input, options.streams, &streams, &error)) {
-        case SelectionResult::kOk:
-            break;
-        case SelectionResult::kUnknownStream:
-            Fail(error);
-            return kExitUsage;
-        case SelectionResult::kUnreadable:
-            return Fail(error);
+    int exitCode = kExitOk;
+    if (!SelectStreamsOrFail(options.input, options.streams, &streams, &exitCode)) {
+        return exitCode;
     }
+    std::string error;
     // An existing directory (or a path ending in '/') receives files named
     // after the input.
     std::filesystem::path base(options.output);
@@ -42,7 +37,6 @@ int RunSplit(const GlobalOptions& global, const SplitOptions& options) {
             return Fail(error);
         }
     }
-    int exitCode = kExitOk;
     auto source = OpenTake({options.input}, KelFrames::Layout::kSequence, streams, options.range, &exitCode);
     if (!source) {
         return exitCode;

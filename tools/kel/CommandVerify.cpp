@@ -16,23 +16,10 @@ struct VerifyOptions {
     std::size_t maxProblems = 20;
 };
 
-const char* Verdict(const KEL::ContainerVerification& v) {
-    if (v.openResult != KEL::KEL_OK) {
-        return "UNREADABLE";
-    }
-    if (v.IsIntact()) {
-        return "OK";
-    }
-    if (!v.headerDamaged && v.damagedRecords == 0 && v.truncatedTailBytes == 0) {
-        return "NOT CLOSED";  // no (valid) index, but every record is intact
-    }
-    return "DAMAGED";
-}
-
 nlohmann::ordered_json ToJson(const std::string& path, const KEL::ContainerVerification& v) {
     nlohmann::ordered_json j;
     j["path"] = path;
-    j["verdict"] = Verdict(v);
+    j["verdict"] = v.Verdict();
     j["intact"] = v.IsIntact();
     j["openResult"] = v.openResult;
     j["openError"] = v.openError;
@@ -63,7 +50,7 @@ nlohmann::ordered_json ToJson(const std::string& path, const KEL::ContainerVerif
 
 void PrintReport(std::ostream& out, const std::string& path, const KEL::ContainerVerification& v,
                  std::size_t maxProblems) {
-    out << path << ": " << Verdict(v) << "\n";
+    out << path << ": " << v.Verdict() << "\n";
     if (v.openResult != KEL::KEL_OK) {
         out << "  a reader cannot open it: " << v.openError << " (" << KEL::KelErrorCodeName(v.openResult) << ")\n";
         return;

@@ -14,6 +14,7 @@
 #include <limits>
 #include <sstream>
 
+#include "Command.h"
 #include "Timeline.h"
 
 namespace KelTool {
@@ -94,7 +95,7 @@ ContainerSummary SummarizeContainer(const std::string& path) {
         ContainerSummary summary;
         summary.path = path;
         summary.openResult = code;
-        summary.error = reader.GetLastError().empty() ? KEL::KelErrorCodeName(code) : reader.GetLastError();
+        summary.error = OpenFailureReason(reader, code);
         return summary;
     }
     return SummarizeOpenContainer(reader);
@@ -221,7 +222,7 @@ void PrintContainerSummary(std::ostream& out, const ContainerSummary& summary) {
         << (summary.closed ? "yes" : "no (its writer is still writing, or died: listed from the record headers)")
         << "\n";
     const auto& d = summary.damage;
-    if (d.headerDamaged || d.skippedRecords > 0 || d.truncatedTailBytes > 0) {
+    if (d.Damaged()) {
         out << "  damage:    " << (d.headerDamaged ? "file header damaged (the records name their file); " : "")
             << d.skippedRecords << " record(s) and " << d.skippedBytes << " byte(s) skipped";
         if (d.foreignRecords > 0) {

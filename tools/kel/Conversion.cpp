@@ -52,17 +52,6 @@ FilterEntry MakeWriterEntry(const std::string& syncClass, const std::string& asy
     return entry;
 }
 
-std::string WriterOutputPath(const std::string& path) {
-    return fs::absolute(fs::path(path)).replace_extension(".kel").lexically_normal().string();
-}
-
-std::string PerStreamOutputPath(const std::string& path, std::uint16_t id) {
-    const fs::path base = fs::absolute(fs::path(path));
-    return (base.parent_path() / (base.stem().string() + "_" + std::to_string(id) + ".kel"))
-        .lexically_normal()
-        .string();
-}
-
 bool CheckOutputIsNotInput(const std::string& output, const std::vector<std::string>& inputs, std::string* error) {
     for (const auto& input : inputs) {
         std::error_code ec;

@@ -10,6 +10,7 @@
 
 #include "Command.h"
 #include "GraphDescription.h"
+#include "PlannedOutputs.h"
 #include "frames/FrameReader.h"
 
 namespace KelTool {
@@ -33,11 +34,6 @@ void AddWriterOptions(CLI::App* app, WriterOptions& options);
 // --async) writing to `outputPath`, with recording enabled.
 FilterEntry MakeWriterEntry(const std::string& syncClass, const std::string& asyncClass, const std::string& outputPath,
                             const WriterOptions& options);
-
-// The path a writer given `path` creates: its last extension replaced by ".kel".
-std::string WriterOutputPath(const std::string& path);
-// The path of stream `id`'s file for a per-stream writer given `path`.
-std::string PerStreamOutputPath(const std::string& path, std::uint16_t id);
 
 // Fails when `output` names the same file as one of `inputs` (writing it
 // would destroy the data being read).

@@ -18,6 +18,7 @@
 #include <memory>
 #include <sstream>
 
+#include "Command.h"
 #include "ContainerSummary.h"
 #include "FrameImage.h"
 #include "PngWriter.h"
@@ -161,7 +162,7 @@ FileReport Examine(const std::string& path, const ReportOptions& options, Report
     if (code != KEL::KEL_OK) {
         file.summary.path = path;
         file.summary.openResult = code;
-        file.summary.error = reader.GetLastError().empty() ? KEL::KelErrorCodeName(code) : reader.GetLastError();
+        file.summary.error = OpenFailureReason(reader, code);
         ++contents->unopenable;
         return file;
     }
@@ -294,7 +295,7 @@ void RenderFile(std::ostream& out, const FileReport& file, std::int64_t origin, 
         out << "<p class=\"bad\">Cannot open: " << Escape(s.error) << "</p>\n</section>\n";
         return;
     }
-    const bool damaged = s.damage.headerDamaged || s.damage.skippedRecords > 0 || s.damage.truncatedTailBytes > 0;
+    const bool damaged = s.damage.Damaged();
     std::int64_t first = std::numeric_limits<std::int64_t>::max();
     std::int64_t last = std::numeric_limits<std::int64_t>::min();
     for (const StreamReport& stream : file.streams) {

@@ -17,14 +17,16 @@ namespace {
 
 constexpr const char* kPathParam = "KEL File Path";
 
-// The path a writer opens for `value` of its path parameter: variables
-// expanded, absolute, ".kel" as the extension.
-std::string WrittenPath(const std::string& value) {
+}  // namespace
+
+std::string WriterOutputPath(const std::string& value) {
     const KEL::FilterParamWriteFilePath param("path", 0, value.c_str(), "kel");
     return fs::path(param.GetAbsoluteFilePath().str()).replace_extension(".kel").string();
 }
 
-}  // namespace
+std::string PerStreamOutputPath(const std::string& value, std::uint16_t id) {
+    return WriterOutputPath(Kel2File::PerStreamFilePath(value, id));
+}
 
 std::vector<PlannedOutput> PlannedOutputs(KEL::Graph& graph, const GraphDescription& description) {
     std::vector<PlannedOutput> planned;
@@ -55,12 +57,11 @@ std::vector<PlannedOutput> PlannedOutputs(KEL::Graph& graph, const GraphDescript
         const bool perStream = className.find("PerStream") != std::string::npos;
         for (const std::string& value : values) {
             if (!perStream) {
-                plan(filter->GetInstanceName(), WrittenPath(value));
+                plan(filter->GetInstanceName(), WriterOutputPath(value));
                 continue;
             }
             for (const std::uint32_t id : target->GetInputStreamIds()) {
-                plan(filter->GetInstanceName(),
-                     WrittenPath(Kel2File::PerStreamFilePath(value, static_cast<std::uint16_t>(id))));
+                plan(filter->GetInstanceName(), PerStreamOutputPath(value, static_cast<std::uint16_t>(id)));
             }
         }
     }

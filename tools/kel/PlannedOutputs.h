@@ -10,6 +10,13 @@
 
 namespace KelTool {
 
+// The file a writer of the plugin creates for `value` of its "KEL File Path":
+// variables expanded, absolute, ".kel" as the extension.
+std::string WriterOutputPath(const std::string& value);
+// The file of stream `id` that a per-stream writer creates for `value`, named
+// by the writers' own rule (Kel2File::PerStreamFilePath).
+std::string PerStreamOutputPath(const std::string& value, std::uint16_t id);
+
 // A file a target filter of the plugin will create.
 struct PlannedOutput {
     std::string target;  // the filter's instance name

@@ -7,6 +7,8 @@
 #include <charconv>
 #include <sstream>
 
+#include "Command.h"
+
 namespace KelTool {
 
 namespace {
@@ -38,8 +40,7 @@ SelectionResult SelectStreams(const std::string& input, const std::string& list,
                               std::string* error) {
     KEL::ReadKEL2File reader(input.c_str(), {.verifyChecksums = false, .logDamage = false});
     if (const KEL::KelErrorCode code = reader.Initialize(); code != KEL::KEL_OK) {
-        *error = "cannot open '" + input +
-                 "': " + (reader.GetLastError().empty() ? KEL::KelErrorCodeName(code) : reader.GetLastError());
+        *error = CannotOpen(input, reader, code);
         return SelectionResult::kUnreadable;
     }
     std::vector<FileStream> streams;
@@ -80,12 +81,21 @@ SelectionResult SelectStreams(const std::string& input, const std::string& list,
     return SelectionResult::kOk;
 }
 
-std::string JoinStreamIds(const std::vector<std::uint16_t>& ids) {
-    std::string text;
-    for (const std::uint16_t id : ids) {
-        text += (text.empty() ? "" : ",") + std::to_string(id);
+bool SelectStreamsOrFail(const std::string& input, const std::string& list, std::vector<std::uint16_t>* ids,
+                         int* exitCode) {
+    std::string error;
+    switch (SelectStreams(input, list, ids, &error)) {
+        case SelectionResult::kOk:
+            return true;
+        case SelectionResult::kUnknownStream:
+            Fail(error);
+            *exitCode = kExitUsage;
+            return false;
+        case SelectionResult::kUnreadable:
+            *exitCode = Fail(error);
+            return false;
     }
-    return text;
+    return false;
 }
 
 }  // namespace KelTool

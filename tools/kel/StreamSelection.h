@@ -20,7 +20,10 @@ enum class SelectionResult {
 SelectionResult SelectStreams(const std::string& input, const std::string& list, std::vector<std::uint16_t>* ids,
                               std::string* error);
 
-// "0,2,5": the value of the source's "Included streams" parameter.
-std::string JoinStreamIds(const std::vector<std::uint16_t>& ids);
+// SelectStreams for a command: false after printing the error, with
+// `exitCode` set (2 for a stream the file lacks, 1 for a file that cannot be
+// read).
+bool SelectStreamsOrFail(const std::string& input, const std::string& list, std::vector<std::uint16_t>* ids,
+                         int* exitCode);
 
 }  // namespace KelTool

@@ -5,6 +5,7 @@
 #include <KEL/ReadKEL2File.h>
 #include <KEL/ThumbnailHelper.h>
 
+#include "Command.h"
 #include "PngWriter.h"
 
 namespace KelTool {
@@ -13,8 +14,7 @@ std::optional<ThumbnailExport> ExportThumbnail(const std::string& path, std::opt
                                                bool regenerate, const std::string& pngPath, std::string* error) {
     KEL::ReadKEL2File reader(path.c_str());
     if (const auto code = reader.Initialize(); code != KEL::KEL_OK) {
-        *error = "cannot open '" + path +
-                 "': " + (reader.GetLastError().empty() ? KEL::KelErrorCodeName(code) : reader.GetLastError());
+        *error = CannotOpen(path, reader, code);
         return std::nullopt;
     }
     if (reader.GetNumStreams() <= 0) {
