@@ -226,35 +226,26 @@ private:
     std::uint32_t end_ = 0;
 };
 
-// Makes sure the plugin with the file source is loaded: from KEL_PLUGIN_PATH,
-// the build tree this module was built in, or the installed plugin directory.
+// Makes sure the plugin with the file source is loaded, from the runtime's
+// plugin search path (KEL::PluginLoader::SearchPath).
 void LoadFilePlugin() {
     if (KEL::FilterFactory::FindByName("SourceKEL2FileReader")) {
         return;
     }
-    std::vector<std::string> tried;
-    for (const std::string& dir :
-         {KEL::PluginLoader::DefaultPluginDirectory(), std::string(KEL_PYTHON_BUILD_PLUGIN_DIR)}) {
-        const fs::path library = fs::path(dir) / "libKEL2File_kpl.so";
-        std::error_code ec;
-        if (!fs::exists(library, ec)) {
-            tried.push_back(library.string());
-            continue;
-        }
-        KEL::LoadedPlugin loaded;
-        std::string error;
-        if (const KEL::KelErrorCode code = KEL::PluginLoader::LoadPlugin(library.string(), &loaded, &error);
-            code != KEL::KEL_OK) {
-            RaiseKelError(code, error);
-        }
+    std::vector<std::string> refusals;
+    KEL::PluginLoader::LoadFromSearchPath(nullptr, &refusals);
+    if (KEL::FilterFactory::FindByName("SourceKEL2FileReader")) {
         return;
     }
     std::string where;
-    for (const auto& t : tried) {
-        where += (where.empty() ? "" : ", ") + t;
+    for (const auto& dir : KEL::PluginLoader::SearchPath()) {
+        where += (where.empty() ? "" : ", ") + dir;
+    }
+    for (const auto& refusal : refusals) {
+        where += "; refused " + refusal;
     }
     RaiseKelError(KEL::KEL_ERR_NOT_FOUND,
-                  "the KEL2File plugin was not found (looked for " + where + "; set KEL_PLUGIN_PATH to its directory)");
+                  "the KEL2File plugin was not found (looked in " + where + "; set KEL_PLUGIN_PATH to its directory)");
 }
 
 // Frames as the plugin's single-file source pushes them into a graph: for

@@ -38,6 +38,18 @@ public:
     // The default plugin directory: $KEL_PLUGIN_PATH when set, otherwise the
     // directory the runtime was installed to (lib/kel/plugins).
     static std::string DefaultPluginDirectory();
+    // Where a host looks for plugins when it is not told, in order:
+    // $KEL_PLUGIN_PATH when set; "plugins" beside the directory of this
+    // runtime library (the build tree: <build>/runtime/libKel2.so and
+    // <build>/plugins); "kel/plugins" inside that directory (an installed
+    // runtime: <prefix>/lib/libKel2.so and <prefix>/lib/kel/plugins); the
+    // directory the runtime was installed to. Each directory once.
+    static std::vector<std::string> SearchPath();
+    // Loads the plugins of the first directory of SearchPath() that holds
+    // at least one loadable plugin. Returns the number loaded and sets
+    // `directory` (when given) to where; refusals met on the way are
+    // appended to `errors`.
+    static std::size_t LoadFromSearchPath(std::string* directory, std::vector<std::string>* errors);
 };
 
 }  // namespace KEL

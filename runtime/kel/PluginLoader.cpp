@@ -180,4 +180,45 @@ std::string PluginLoader::DefaultPluginDirectory() {
     return KEL_INSTALL_PLUGIN_DIR;
 }
 
+std::vector<std::string> PluginLoader::SearchPath() {
+    std::vector<std::string> dirs;
+    const auto add = [&](const std::filesystem::path& dir) {
+        const std::string text = dir.lexically_normal().string();
+        if (!text.empty() && std::find(dirs.begin(), dirs.end(), text) == dirs.end()) {
+            dirs.push_back(text);
+        }
+    };
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the runtime never changes the environment, so reading it is safe
+    if (const char* env = std::getenv("KEL_PLUGIN_PATH"); env != nullptr && *env != '\0') {
+        add(env);
+    }
+    Dl_info self{};
+    if (::dladdr(reinterpret_cast<void*>(&PluginLoader::SearchPath), &self) != 0 && self.dli_fname != nullptr) {
+        std::error_code ec;
+        const std::filesystem::path library = std::filesystem::canonical(self.dli_fname, ec);
+        if (!ec) {
+            add(library.parent_path().parent_path() / "plugins");
+            add(library.parent_path() / "kel" / "plugins");
+        }
+    }
+    add(KEL_INSTALL_PLUGIN_DIR);
+    return dirs;
+}
+
+std::size_t PluginLoader::LoadFromSearchPath(std::string* directory, std::vector<std::string>* errors) {
+    for (const std::string& dir : SearchPath()) {
+        std::error_code ec;
+        if (!std::filesystem::is_directory(dir, ec)) {
+            continue;
+        }
+        if (const std::size_t loaded = LoadPluginsFromDirectory(dir, errors); loaded > 0) {
+            if (directory != nullptr) {
+                *directory = dir;
+            }
+            return loaded;
+        }
+    }
+    return 0;
+}
+
 }  // namespace KEL

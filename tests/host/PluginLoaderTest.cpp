@@ -187,4 +187,19 @@ TEST(FilterFactoryTest, CreatesRegisteredClassesByNameOrGuidTextAndRefusesConfli
     EXPECT_EQ(capture.CountContaining("out of handles"), 1U);
 }
 
+// Hosts look for plugins where the runtime says: $KEL_PLUGIN_PATH first, then
+// the plugins of the build tree or installation this runtime belongs to (the
+// kel tool and the Python module use the same list).
+TEST(PluginLoaderTest, TheSearchPathStartsWithTheEnvironmentAndHoldsThisRuntimesPlugins) {
+    const std::string built = fs::canonical(fs::path(KEL_TEST_PLUGIN_PATH).parent_path()).string();
+    auto path = KEL::PluginLoader::SearchPath();
+    EXPECT_NE(std::find(path.begin(), path.end(), built), path.end()) << ::testing::PrintToString(path);
+    ASSERT_EQ(::setenv("KEL_PLUGIN_PATH", "/elsewhere/plugins", 1), 0);
+    path = KEL::PluginLoader::SearchPath();
+    ::unsetenv("KEL_PLUGIN_PATH");
+    ASSERT_FALSE(path.empty());
+    EXPECT_EQ(path.front(), "/elsewhere/plugins");
+    EXPECT_EQ(std::count(path.begin(), path.end(), built), 1);
+}
+
 }  // namespace

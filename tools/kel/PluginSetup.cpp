@@ -35,25 +35,6 @@ void ApplyVerbosity(int verbosity) {
     logger->SetStderrLevel(std::min(from + verbosity, static_cast<int>(KelCommon::LOG_TRACE)));
 }
 
-std::vector<std::string> DefaultPluginSearchPath() {
-    std::vector<std::string> dirs;
-    std::error_code ec;
-    const fs::path exe = fs::read_symlink("/proc/self/exe", ec);
-    if (!ec && exe.has_parent_path()) {
-        const fs::path exeDir = exe.parent_path();
-#if defined(KEL_TOOL_BUILD_DIR) && defined(KEL_TOOL_BUILD_PLUGIN_DIR)
-        // Run from the build tree: use the plugins built with it.
-        if (fs::equivalent(exeDir, KEL_TOOL_BUILD_DIR, ec) && !ec) {
-            dirs.emplace_back(KEL_TOOL_BUILD_PLUGIN_DIR);
-        }
-#endif
-        dirs.push_back((exeDir.parent_path() / "plugins").lexically_normal().string());
-        dirs.push_back((exeDir.parent_path() / "lib" / "kel" / "plugins").lexically_normal().string());
-    }
-    dirs.push_back(KEL::PluginLoader::DefaultPluginDirectory());
-    return dirs;
-}
-
 namespace {
 
 void WarnRefusals(const std::vector<std::string>& refusals) {
@@ -86,23 +67,12 @@ bool LoadPlugins(const GlobalOptions& options, std::string* error) {
         WarnRefusals(refusals);
     }
     if (options.pluginPaths.empty() && options.pluginDirs.empty()) {
-        const auto searchPath = DefaultPluginSearchPath();
-        for (const auto& dir : searchPath) {
-            std::error_code ec;
-            if (!fs::is_directory(dir, ec)) {
-                continue;
-            }
-            std::vector<std::string> refusals;
-            const std::size_t n = KEL::PluginLoader::LoadPluginsFromDirectory(dir, &refusals);
-            WarnRefusals(refusals);
-            if (n > 0) {
-                loaded += n;
-                break;
-            }
-        }
+        std::vector<std::string> refusals;
+        loaded += KEL::PluginLoader::LoadFromSearchPath(nullptr, &refusals);
+        WarnRefusals(refusals);
         if (loaded == 0 && KEL::PluginLoader::GetLoadedPlugins().empty()) {
             std::string searched;
-            for (const auto& dir : searchPath) {
+            for (const auto& dir : KEL::PluginLoader::SearchPath()) {
                 searched += (searched.empty() ? "" : ", ") + dir;
             }
             *error = "no plugin found (searched " + searched + "); use --plugin-dir or --plugin";

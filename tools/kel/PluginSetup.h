@@ -7,20 +7,14 @@
 
 namespace KelTool {
 
-// Raises the host logger's stderr threshold by `verbosity` levels above its
-// current value (capped at the most detailed level).
+// Without `verbosity`, no log line reaches stderr (the tool says what failed
+// itself) unless KEL_LOG_LEVEL chose a level; each -v shows one level more,
+// from warnings on.
 void ApplyVerbosity(int verbosity);
-
-// The directories searched for plugins when the command line names none, in
-// order: the build tree's plugin directory when this executable runs from
-// its build tree, the `plugins` directory beside the executable's directory
-// (<prefix>/bin/kel finds <prefix>/plugins), <prefix>/lib/kel/plugins, then
-// the runtime's default plugin directory.
-std::vector<std::string> DefaultPluginSearchPath();
 
 // Loads the plugins the global options ask for: every --plugin file and
 // every library of every --plugin-dir directory; with neither, the first
-// directory of DefaultPluginSearchPath() that holds a loadable plugin.
+// directory of KEL::PluginLoader::SearchPath() that holds a loadable plugin.
 // Refused libraries are reported on stderr as warnings. Returns false with
 // `error` set when an explicitly named plugin or directory cannot be used,
 // or when no plugin at all could be loaded. Safe to call more than once
