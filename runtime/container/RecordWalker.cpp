@@ -108,6 +108,9 @@ SearchResult SearchNextHeader(const ReadableFile& file, Window& window, std::uin
         const std::uint8_t* p = window.Get(pos, size);
         if (p == nullptr) {
             result.allZero = false;
+            if (file.CurrentSize() <= pos) {
+                break;  // shortened since the walk began: nothing more to read
+            }
             if (step == kMaxRead) {
                 smallReadsUntil = pos + kMaxRead;
             } else {
