@@ -7,6 +7,7 @@
 #include <boost/filesystem.hpp>
 #include <utility>
 
+#include "utils/PluginLog.h"
 #include "utils/Utils.h"
 
 namespace Kel2File {
@@ -42,17 +43,12 @@ KEL::KelErrorCode SourceKEL2FileBase::PushFrame(std::uint32_t fileFrameNr, const
     for (const std::uint16_t streamId : streamIds_) {
         auto atom = fetch(streamId);
         if (!atom) {
-            if (auto log = KEL::GetKELLoggerInstance().lock()) {
-                log->LogMessage(6, "KEL2File", "Stream '%d' lacks an atom with frame number '%d'", streamId,
-                                static_cast<int>(fileFrameNr));
-            }
+            Log(kLogDetail, "Stream '%d' lacks an atom with frame number '%d'", streamId,
+                static_cast<int>(fileFrameNr));
             return 1;
         }
         if (atom->GetStreamId() != streamId) {
-            if (auto log = KEL::GetKELLoggerInstance().lock()) {
-                log->LogMessage(2, "KEL2File", "Stream ID '%d' of atom returned for stream '%d' differs",
-                                atom->GetStreamId(), streamId);
-            }
+            Log(kLogFailure, "Stream ID '%d' of atom returned for stream '%d' differs", atom->GetStreamId(), streamId);
             return 1;
         }
         if (outputFrameNr) {
@@ -71,11 +67,8 @@ bool SourceKEL2FileBase::SetupOptimizedDataLoosener(const std::shared_ptr<KEL::R
                                                     std::uint16_t streamId) {
     auto firstAtom = reader->GetFirstFrameAtom(streamId);
     if (!firstAtom) {
-        if (auto log = KEL::GetKELLoggerInstance().lock()) {
-            log->LogMessage(2, "KEL2File",
-                            "There is no 'first' atom in the '%d' stream, can not setup optimized data loosener",
-                            streamId);
-        }
+        Log(kLogFailure, "There is no 'first' atom in the '%d' stream, can not setup optimized data loosener",
+            streamId);
         return false;
     }
     looseners_[streamId] = std::make_shared<const OptimizedDataLoosener>(std::move(firstAtom), streamInfo_);
@@ -102,9 +95,7 @@ KEL::KelErrorCode SourceKEL2FileBase::OpenKelFilesInDirectory(const std::string&
                                                               Readers& readers) {
     std::vector<std::string> paths = Utils::CollectPotentialKELFilesInDirectory(directory, false);
     if (paths.empty()) {
-        if (auto log = KEL::GetKELLoggerInstance().lock()) {
-            log->LogMessage(2, "KEL2File", "Directory '%s' does not contain a sequence of files", directory.c_str());
-        }
+        Log(kLogFailure, "Directory '%s' does not contain a sequence of files", directory.c_str());
         return KEL::KEL_ERR_INVALID;
     }
     if (order == PathOrder::Sorted) {

@@ -10,6 +10,7 @@
 #include <boost/algorithm/string/trim.hpp>
 #include <stdexcept>
 
+#include "utils/PluginLog.h"
 #include "utils/Utils.h"
 
 namespace Kel2File {
@@ -106,10 +107,7 @@ std::unordered_set<std::uint16_t> SourceKEL2FileReader::ParseIncludedStreamIDs(c
             // Stream ids are 16 bits wide; larger numbers wrap (65537 is 1).
             streamIds.insert(static_cast<std::uint16_t>(std::stoi(piece)));
         } catch (const std::logic_error&) {
-            if (auto log = KEL::GetKELLoggerInstance().lock()) {
-                log->LogMessage(2, "KEL2File", "Failed to parse 'included stream Id' from string '%s', skipping",
-                                piece.c_str());
-            }
+            Log(kLogFailure, "Failed to parse 'included stream Id' from string '%s', skipping", piece.c_str());
         }
     }
     return streamIds;
@@ -118,9 +116,7 @@ std::unordered_set<std::uint16_t> SourceKEL2FileReader::ParseIncludedStreamIDs(c
 std::vector<std::uint16_t> SourceKEL2FileReader::DetermineStreamIDsCollection(
     const std::unordered_set<std::uint16_t>& streamIds) const {
     if (streamIds.empty()) {
-        if (auto log = KEL::GetKELLoggerInstance().lock()) {
-            log->LogMessage(6, "KEL2File", "All file streams will be included");
-        }
+        Log(kLogDetail, "All file streams will be included");
     }
     std::vector<std::uint16_t> included;
     const int numStreams = reader_->GetNumStreams();

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "utils/PluginLog.h"
 #include "utils/Utils.h"
 
 namespace Kel2File {
@@ -116,16 +117,12 @@ std::shared_ptr<KEL::Profile> SourceKEL2MultiFileAppend::DetermineReaderProfile(
     const std::uint16_t streamId = reader->GetFirstStreamId();
     const auto atom = reader->GetFirstFrameAtom(streamId);
     if (!atom) {
-        if (auto log = KEL::GetKELLoggerInstance().lock()) {
-            log->LogMessage(2, "KEL2File", "There is no 'first' atom in the '%d' stream of a file", streamId);
-        }
+        Log(kLogFailure, "There is no 'first' atom in the '%d' stream of a file", streamId);
         return nullptr;
     }
     auto profile = Utils::DetermineProfile(atom);
     if (!profile) {
-        if (auto log = KEL::GetKELLoggerInstance().lock()) {
-            log->LogMessage(2, "KEL2File", "Failed to determine profile for a file");
-        }
+        Log(kLogFailure, "Failed to determine profile for a file");
         return nullptr;
     }
     return profile;
@@ -134,16 +131,12 @@ std::shared_ptr<KEL::Profile> SourceKEL2MultiFileAppend::DetermineReaderProfile(
 bool SourceKEL2MultiFileAppend::CheckProfilesAndStreamsAreTheSame(const Readers& readers) const {
     for (const auto& reader : readers) {
         if (ExtractReaderStreamIDs(reader) != streamIds_) {
-            if (auto log = KEL::GetKELLoggerInstance().lock()) {
-                log->LogMessage(2, "KEL2File", "All files in the directory must hold the same collection of streams");
-            }
+            Log(kLogFailure, "All files in the directory must hold the same collection of streams");
             return false;
         }
         const auto fileProfile = DetermineReaderProfile(reader);
         if (!profile_->Describes(fileProfile) || !fileProfile->Describes(profile_)) {
-            if (auto log = KEL::GetKELLoggerInstance().lock()) {
-                log->LogMessage(2, "KEL2File", "All files in the directory must have the same profile");
-            }
+            Log(kLogFailure, "All files in the directory must have the same profile");
             return false;
         }
     }

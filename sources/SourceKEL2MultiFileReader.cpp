@@ -7,6 +7,7 @@
 #include <limits>
 #include <unordered_set>
 
+#include "utils/PluginLog.h"
 #include "utils/Utils.h"
 
 namespace Kel2File {
@@ -98,9 +99,7 @@ bool SourceKEL2MultiFileReader::PopulateStreamIDsAndReadersCollections(const Rea
         for (int i = 0; i < numStreams; ++i) {
             const std::uint16_t streamId = reader->GetStreamId(i);
             if (streamReaders_.contains(streamId)) {
-                if (auto log = KEL::GetKELLoggerInstance().lock()) {
-                    log->LogMessage(2, "KEL2File", "Multiple files of the directory hold the same stream");
-                }
+                Log(kLogFailure, "Multiple files of the directory hold the same stream");
                 return false;
             }
             streamReaders_[streamId] = reader;
@@ -108,9 +107,7 @@ bool SourceKEL2MultiFileReader::PopulateStreamIDsAndReadersCollections(const Rea
         }
     }
     if (streamReaders_.empty()) {
-        if (auto log = KEL::GetKELLoggerInstance().lock()) {
-            log->LogMessage(2, "KEL2File", "There are no streams held by any of the files of the directory");
-        }
+        Log(kLogFailure, "There are no streams held by any of the files of the directory");
         return false;
     }
     std::sort(streamIds_.begin(), streamIds_.end());
@@ -133,17 +130,12 @@ bool SourceKEL2MultiFileReader::CheckProfilesAreTheSame() const {
     for (const std::uint16_t streamId : streamIds_) {
         const auto firstAtom = streamReaders_.at(streamId)->GetFirstFrameAtom(streamId);
         if (!firstAtom) {
-            if (auto log = KEL::GetKELLoggerInstance().lock()) {
-                log->LogMessage(2, "KEL2File", "There is no 'first' atom in the file holding '%d' stream", streamId);
-            }
+            Log(kLogFailure, "There is no 'first' atom in the file holding '%d' stream", streamId);
             return false;
         }
         const auto streamProfile = Utils::DetermineProfile(firstAtom);
         if (!profile_->Describes(streamProfile) || !streamProfile->Describes(profile_)) {
-            if (auto log = KEL::GetKELLoggerInstance().lock()) {
-                log->LogMessage(2, "KEL2File", "Profile of stream '%d' differs from the profile of the filter",
-                                streamId);
-            }
+            Log(kLogFailure, "Profile of stream '%d' differs from the profile of the filter", streamId);
             return false;
         }
     }

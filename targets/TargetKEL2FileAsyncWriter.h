@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "targets/TargetKEL2FileWriterBase.h"
+#include "utils/PluginLog.h"
 
 namespace Kel2File {
 
@@ -252,12 +253,8 @@ protected:
             const auto [capacity, size] = queue->CapacityAndSize();
             if (static_cast<std::int64_t>(capacity) <= static_cast<std::int64_t>(size)) {
                 droppedCountParam->SetValue(droppedCountParam->GetValue() + 1);
-                if (auto logger = KEL::GetKELLoggerInstance().lock()) {
-                    logger->LogMessage(4, "KEL2File",
-                                       "Dropping a frame since the buffer is full (id: %d, timestamp: %lld)",
-                                       static_cast<int>(frame.front()->GetId()),
-                                       static_cast<long long>(frame.front()->GetTimeStamp()));
-                }
+                Log(kLogInfo, "Dropping a frame since the buffer is full (id: %d, timestamp: %lld)",
+                    static_cast<int>(frame.front()->GetId()), static_cast<long long>(frame.front()->GetTimeStamp()));
                 return;
             }
         }
@@ -301,9 +298,7 @@ private:
         try {
             (void)W::WriteAtom(atom, true);
         } catch (const std::exception& e) {
-            if (auto logger = KEL::GetKELLoggerInstance().lock()) {
-                logger->LogMessage(2, "KEL2File", "Writing an atom failed: %s", e.what());
-            }
+            Log(kLogFailure, "Writing an atom failed: %s", e.what());
         }
     }
 

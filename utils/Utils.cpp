@@ -8,6 +8,8 @@
 #include <cassert>
 #include <limits>
 
+#include "utils/PluginLog.h"
+
 namespace Kel2File {
 
 std::uint32_t Utils::DetermineFileNumFrames(std::shared_ptr<KEL::ReadKEL2File> reader) {
@@ -32,9 +34,7 @@ std::shared_ptr<KEL::DataTypeStreamInfo> Utils::ExtractStreamInfo(std::shared_pt
                                  atom->GetDataLayerByType(KEL::DataTypeStreamInfo::TheTypeGuid(), false))
                            : nullptr;
     if (!streamInfo) {
-        if (auto log = KEL::GetKELLoggerInstance().lock()) {
-            log->LogMessage(2, "KEL2File", "The atom lacks stream info data layer");
-        }
+        Log(kLogFailure, "The atom lacks stream info data layer");
         return nullptr;
     }
     streamInfo->SetNumFrames(numFrames);

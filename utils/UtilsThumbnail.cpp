@@ -5,6 +5,7 @@
 
 #include <vector>
 
+#include "utils/PluginLog.h"
 #include "utils/Utils.h"
 
 namespace Kel2File {
@@ -16,9 +17,7 @@ void Utils::CreateThumbnailData(std::shared_ptr<KEL::Atom> atom) {
     const std::vector<std::shared_ptr<KEL::Atom>> atoms{atom};
     std::shared_ptr<KEL::DataTypeTextureRGBA> thumbnail = KEL::ThumbnailHelper::getThumbnail(atoms, false, false);
     if (!thumbnail) {
-        if (auto logger = KEL::GetKELLoggerInstance().lock()) {
-            logger->LogMessage(2, "KEL2File", "Failed to create a thumbnail for an atom");
-        }
+        Log(kLogFailure, "Failed to create a thumbnail for an atom");
         return;
     }
     // Replace, never duplicate, a thumbnail the atom brought along.

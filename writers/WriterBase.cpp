@@ -6,14 +6,10 @@
 #include <boost/filesystem/path.hpp>
 
 #include "optimization/DataOptimizer.h"
+#include "utils/PluginLog.h"
 #include "utils/Utils.h"
 
 namespace Kel2File {
-
-namespace {
-constexpr int kLogLevelInfo = 4;
-constexpr const char* kLogTag = "KEL2File";
-}  // namespace
 
 WriterBase::WriterBase() = default;
 
@@ -52,18 +48,13 @@ WriterBase::SerializerPtr WriterBase::CreateSerializerInstance(const std::string
     if (writeXml) {
         serializerPath += "+xml";
     }
-    if (auto logger = KEL::GetKELLoggerInstance().lock()) {
-        logger->LogMessage(kLogLevelInfo, kLogTag, "WriterBase::Start writing '%s'", serializerPath.c_str());
-    }
+    Log(kLogInfo, "WriterBase::Start writing '%s'", serializerPath.c_str());
     return std::make_shared<KEL::SerializeToKel>(serializerPath.c_str(), true, KEL::CURRENT_VERSION, false);
 }
 
 void WriterBase::DestroySerializerInstance(SerializerPtr& serializer) const {
     if (serializer) {
-        if (auto logger = KEL::GetKELLoggerInstance().lock()) {
-            logger->LogMessage(kLogLevelInfo, kLogTag, "WriterBase::Stop writing '%s'",
-                               serializer->GetFilePath().c_str());
-        }
+        Log(kLogInfo, "WriterBase::Stop writing '%s'", serializer->GetFilePath().c_str());
     }
     serializer.reset();
 }
