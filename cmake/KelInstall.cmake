@@ -13,6 +13,6 @@ configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/KelConfig.cmake.in
   ${PROJECT_BINARY_DIR}/KelConfig.cmake INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Kel
   PATH_VARS KEL_PLUGIN_INSTALL_DIR)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/KelConfigVersion.cmake
-  VERSION 6.3.0 COMPATIBILITY SameMajorVersion)
+  VERSION ${KEL_FRAMEWORK_VERSION} COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/KelConfig.cmake ${PROJECT_BINARY_DIR}/KelConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Kel)

@@ -16,6 +16,6 @@ __attribute__((visibility("default"))) KEL::PluginInfo kel_plugin{
     "KEL2File",
     Kel2File::KEL2FILE_VERSION.ToString(),
     KEL::KEL_COMPILE_VERSION,
-    "kelversion_6.3.0",
+    KEL_VERSION_TAG,
 };
 }

@@ -61,5 +61,5 @@ KEL::Filter* CreateFrameCounter() { return new FrameCounter(); }
 
 extern "C" {
 __attribute__((visibility("default")))
-KEL::PluginInfo kel_plugin{"FrameCounter", "1.0.0", KEL::KEL_COMPILE_VERSION, "kelversion_6.3.0"};
+KEL::PluginInfo kel_plugin{"FrameCounter", "1.0.0", KEL::KEL_COMPILE_VERSION, KEL_VERSION_TAG};
 }

@@ -14,7 +14,7 @@ KEL_API KEL::PluginInfo kel_plugin{
     "KELSynthetic",
     "1.0.0",
     KEL::KEL_COMPILE_VERSION,
-    "kelversion_6.3.0",
+    KEL_VERSION_TAG,
 };
 
 KEL_API KEL::Filter* SyntheticCaptureSourceFilterCreator() { return new KelSynthetic::SyntheticCaptureSource(); }

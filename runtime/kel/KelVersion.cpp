@@ -3,7 +3,7 @@
 namespace KEL {
 
 namespace {
-constexpr KelCommon::VersionInfo kRuntimeVersion(6, 3, 0);
+constexpr KelCommon::VersionInfo kRuntimeVersion(KEL_VERSION_MAJOR, KEL_VERSION_MINOR, KEL_VERSION_PATCH);
 }  // namespace
 
 KelCommon::VersionInfo GetRuntimeVersion() noexcept { return kRuntimeVersion; }
