@@ -19,6 +19,7 @@
 
 #include "PythonSupport.h"
 #include "frames/FrameReader.h"
+#include "utils/ParameterNames.h"
 
 namespace kel_python {
 
@@ -269,8 +270,8 @@ public:
             included += (included.empty() ? "" : ",") + std::to_string(id);
         }
         std::string error;
-        if (!source_->FindParam("KEL File Path")->SetValueFromString(state_->path, &error) ||
-            !source_->FindParam("Included streams")->SetValueFromString(included, &error)) {
+        if (!source_->FindParam(Kel2File::kParamKelFilePath)->SetValueFromString(state_->path, &error) ||
+            !source_->FindParam(Kel2File::kParamIncludedStreams)->SetValueFromString(included, &error)) {
             throw py::value_error(error);
         }
         // Nothing else knows this object yet: no lock needed.

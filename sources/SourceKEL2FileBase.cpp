@@ -7,6 +7,7 @@
 #include <boost/filesystem.hpp>
 #include <utility>
 
+#include "utils/ParameterNames.h"
 #include "utils/PluginLog.h"
 #include "utils/Utils.h"
 
@@ -85,7 +86,8 @@ void SourceKEL2FileBase::ClearOutput() {
 KEL::KelErrorCode SourceKEL2FileBase::AddDirectoryParam(std::shared_ptr<KEL::FilterParamDirPath>& param) {
     if (!param) {
         const std::string defaultDir = KelCommon::VarManager::getInstance().getRootValue().str() + "/kel_files";
-        param = std::make_shared<KEL::FilterParamDirPath>("KEL files dir", 1, defaultDir.c_str());
+        param =
+            std::make_shared<KEL::FilterParamDirPath>(kParamKelFilesDir, KEL::PARAM_FLAG_INIT_ONLY, defaultDir.c_str());
     }
     addParam(param, true);
     return KEL::KEL_OK;

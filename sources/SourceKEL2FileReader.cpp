@@ -10,6 +10,7 @@
 #include <boost/algorithm/string/trim.hpp>
 #include <stdexcept>
 
+#include "utils/ParameterNames.h"
 #include "utils/PluginLog.h"
 #include "utils/Utils.h"
 
@@ -17,10 +18,12 @@ namespace Kel2File {
 
 KEL::KelErrorCode SourceKEL2FileReader::onInitializeParams(KEL::Filter* filter) {
     if (!filePathParam_) {
-        filePathParam_ = std::make_shared<KEL::FilterParamReadFilePath>("KEL File Path", 1, nullptr, "kel");
+        filePathParam_ = std::make_shared<KEL::FilterParamReadFilePath>(kParamKelFilePath, KEL::PARAM_FLAG_INIT_ONLY,
+                                                                        nullptr, "kel");
     }
     if (!includedStreamsParam_) {
-        includedStreamsParam_ = std::make_shared<KEL::FilterParamString>("Included streams", 1, "");
+        includedStreamsParam_ =
+            std::make_shared<KEL::FilterParamString>(kParamIncludedStreams, KEL::PARAM_FLAG_INIT_ONLY, "");
     }
     addParam(filePathParam_, true);
     addParam(includedStreamsParam_, true);

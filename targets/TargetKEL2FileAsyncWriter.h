@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "targets/TargetKEL2FileWriterBase.h"
+#include "utils/ParameterNames.h"
 #include "utils/PluginLog.h"
 
 namespace Kel2File {
@@ -97,25 +98,27 @@ public:
             return result;
         }
         if (!bufferSizeParam) {
-            bufferSizeParam = std::make_shared<KEL::FilterParamUInt32>("Buffer size", 1, 1, 0, 4294967295U);
+            bufferSizeParam =
+                std::make_shared<KEL::FilterParamUInt32>(kParamBufferSize, KEL::PARAM_FLAG_INIT_ONLY, 1, 0, UINT32_MAX);
         }
         this->addParam(bufferSizeParam, true);
         if (!bufferedCountParam) {
-            bufferedCountParam =
-                std::make_shared<KEL::FilterParamUInt32>("Buffered frames count", 4, 0, 0, 4294967295U);
+            bufferedCountParam = std::make_shared<KEL::FilterParamUInt32>(kParamBufferedFrames, KEL::PARAM_FLAG_STATUS,
+                                                                          0, 0, UINT32_MAX);
         }
         this->addParam(bufferedCountParam, true);
         if (!dropWhenFullParam) {
-            dropWhenFullParam = std::make_shared<KEL::FilterParamBool>("Drop frames when full", 0, true);
+            dropWhenFullParam = std::make_shared<KEL::FilterParamBool>(kParamDropWhenFull, KEL::PARAM_FLAG_LIVE, true);
         }
         this->addParam(dropWhenFullParam, true);
         if (!droppedCountParam) {
             droppedCountParam =
-                std::make_shared<KEL::FilterParamInt64>("Dropped frames count", 4, 0, 0, 9223372036854775807LL);
+                std::make_shared<KEL::FilterParamInt64>(kParamDroppedFrames, KEL::PARAM_FLAG_STATUS, 0, 0, INT64_MAX);
         }
         this->addParam(droppedCountParam, true);
         if (!resetDroppedCountParam) {
-            resetDroppedCountParam = std::make_shared<KEL::FilterParamCallback>("Reset dropped frames counter", 0);
+            resetDroppedCountParam =
+                std::make_shared<KEL::FilterParamCallback>(kParamResetDropped, KEL::PARAM_FLAG_LIVE);
         }
         this->addParam(resetDroppedCountParam, true);
         return 0;

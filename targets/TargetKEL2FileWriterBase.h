@@ -10,6 +10,8 @@
 #include <memory>
 #include <string>
 
+#include "utils/ParameterNames.h"
+
 namespace Kel2File {
 
 // The host target filter around a writing strategy `W` (a WriterBase
@@ -45,16 +47,17 @@ public:
         }
         const std::string defaultPath = KelCommon::VarManager::getInstance().getRootValue().str() + "/record.kel";
         if (!filePathParam) {
-            filePathParam =
-                std::make_shared<KEL::FilterParamWriteFilePath>("KEL File Path", 0, defaultPath.c_str(), "kel");
+            filePathParam = std::make_shared<KEL::FilterParamWriteFilePath>(kParamKelFilePath, KEL::PARAM_FLAG_LIVE,
+                                                                            defaultPath.c_str(), "kel");
         }
         addParam(filePathParam, true);
         if (!writeXmlParam) {
-            writeXmlParam = std::make_shared<KEL::FilterParamBool>("Write XML", 1, true);
+            writeXmlParam = std::make_shared<KEL::FilterParamBool>(kParamWriteXml, KEL::PARAM_FLAG_INIT_ONLY, true);
         }
         addParam(writeXmlParam, true);
         if (!createThumbnailParam) {
-            createThumbnailParam = std::make_shared<KEL::FilterParamBool>("Create thumbnail for first frame", 0, false);
+            createThumbnailParam =
+                std::make_shared<KEL::FilterParamBool>(kParamCreateThumbnail, KEL::PARAM_FLAG_LIVE, false);
         }
         addParam(createThumbnailParam, true);
         for (const auto& param : W::InitializeWriterParams()) {

@@ -1,5 +1,7 @@
 #include "writers/BasicWriter.h"
 
+#include "utils/ParameterNames.h"
+
 namespace Kel2File {
 
 BasicWriter::BasicWriter() = default;
@@ -8,7 +10,8 @@ BasicWriter::~BasicWriter() = default;
 
 std::vector<std::shared_ptr<KEL::FilterParam>> BasicWriter::InitializeWriterParams() {
     if (!enableRecordingParam) {
-        enableRecordingParam = std::make_shared<KEL::FilterParamBool>("Enable Recording", 0, recording);
+        enableRecordingParam =
+            std::make_shared<KEL::FilterParamBool>(kParamEnableRecording, KEL::PARAM_FLAG_LIVE, recording);
     }
     return {enableRecordingParam};
 }

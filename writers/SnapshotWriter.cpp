@@ -1,5 +1,9 @@
 #include "writers/SnapshotWriter.h"
 
+#include <cstdint>
+
+#include "utils/ParameterNames.h"
+
 namespace Kel2File {
 
 SnapshotWriter::SnapshotWriter() = default;
@@ -8,11 +12,11 @@ SnapshotWriter::~SnapshotWriter() = default;
 
 std::vector<std::shared_ptr<KEL::FilterParam>> SnapshotWriter::InitializeWriterParams() {
     if (!takeSnapshotParam) {
-        takeSnapshotParam = std::make_shared<KEL::FilterParamCallback>("Take snapshot", 0);
+        takeSnapshotParam = std::make_shared<KEL::FilterParamCallback>(kParamTakeSnapshot, KEL::PARAM_FLAG_LIVE);
     }
     if (!framesCountPerSnapshotParam) {
         framesCountPerSnapshotParam =
-            std::make_shared<KEL::FilterParamUInt32>("Frames count per snapshot", 0, 3, 1, 4294967295U);
+            std::make_shared<KEL::FilterParamUInt32>(kParamFramesPerSnapshot, KEL::PARAM_FLAG_LIVE, 3, 1, UINT32_MAX);
     }
     return {takeSnapshotParam, framesCountPerSnapshotParam};
 }

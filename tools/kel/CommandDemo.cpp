@@ -10,6 +10,7 @@
 #include "HtmlReport.h"
 #include "PluginSetup.h"
 #include "ThumbnailExport.h"
+#include "utils/ParameterNames.h"
 
 namespace KelTool {
 
@@ -40,27 +41,27 @@ GraphDescription CaptureGraph(const DemoOptions& o, const fs::path& out) {
                           {"Height", std::to_string(o.height)}}});
     g.filters.push_back({"TargetKEL2FileWriter",
                          "recorder",
-                         {{"KEL File Path", (out / "capture.kel").string()},
-                          {"Write XML", "true"},
-                          {"Create thumbnail for first frame", "true"},
-                          {"Enable Recording", "true"}}});
+                         {{Kel2File::kParamKelFilePath, (out / "capture.kel").string()},
+                          {Kel2File::kParamWriteXml, "true"},
+                          {Kel2File::kParamCreateThumbnail, "true"},
+                          {Kel2File::kParamEnableRecording, "true"}}});
     g.filters.push_back({"TargetKEL2FilePerStreamWriter",
                          "per-camera",
-                         {{"KEL File Path", (out / "per-camera" / "camera.kel").string()},
-                          {"Write XML", "false"},
-                          {"Create thumbnail for first frame", "true"},
-                          {"Enable Recording", "true"}}});
+                         {{Kel2File::kParamKelFilePath, (out / "per-camera" / "camera.kel").string()},
+                          {Kel2File::kParamWriteXml, "false"},
+                          {Kel2File::kParamCreateThumbnail, "true"},
+                          {Kel2File::kParamEnableRecording, "true"}}});
     g.filters.push_back({"TargetKEL2FileSnapshotWriterAsync",
                          "snapshot",
-                         {{"KEL File Path", (out / "snapshot.kel").string()},
-                          {"Write XML", "false"},
-                          {"Frames count per snapshot", std::to_string(o.snapshotFrames)},
-                          {"Buffer size", "8"},
-                          {"Drop frames when full", "false"}}});
+                         {{Kel2File::kParamKelFilePath, (out / "snapshot.kel").string()},
+                          {Kel2File::kParamWriteXml, "false"},
+                          {Kel2File::kParamFramesPerSnapshot, std::to_string(o.snapshotFrames)},
+                          {Kel2File::kParamBufferSize, "8"},
+                          {Kel2File::kParamDropWhenFull, "false"}}});
     TimelineEvent press;
     press.frame = o.snapshotAt;
     press.filter = "snapshot";
-    press.press = {"Take snapshot"};
+    press.press = {Kel2File::kParamTakeSnapshot};
     g.timeline.push_back(press);
     return g;
 }
@@ -107,11 +108,12 @@ int RunDemo(const GlobalOptions& global, const DemoOptions& options) {
 
     GraphDescription merge;
     merge.filters.push_back(
-        {"SourceKEL2MultiFileReader", "per-camera", {{"KEL files dir", (out / "per-camera").string()}}});
-    merge.filters.push_back(
-        {"TargetKEL2FileWriter",
-         "merged",
-         {{"KEL File Path", (out / "merged.kel").string()}, {"Write XML", "false"}, {"Enable Recording", "true"}}});
+        {"SourceKEL2MultiFileReader", "per-camera", {{Kel2File::kParamKelFilesDir, (out / "per-camera").string()}}});
+    merge.filters.push_back({"TargetKEL2FileWriter",
+                             "merged",
+                             {{Kel2File::kParamKelFilePath, (out / "merged.kel").string()},
+                              {Kel2File::kParamWriteXml, "false"},
+                              {Kel2File::kParamEnableRecording, "true"}}});
     if (!RunStep(merge, "Merging the per-camera files back into one")) {
         return kExitFailure;
     }

@@ -11,6 +11,7 @@
 #include "GraphBuilder.h"
 #include "GraphRunner.h"
 #include "PluginSetup.h"
+#include "utils/ParameterNames.h"
 
 namespace KelTool {
 
@@ -38,17 +39,17 @@ FilterEntry MakeWriterEntry(const std::string& syncClass, const std::string& asy
     entry.className = options.async ? asyncClass : syncClass;
     entry.name = "out";
     entry.params = {
-        {"KEL File Path", outputPath},
-        {"Write XML", options.xml ? "true" : "false"},
-        {"Create thumbnail for first frame", options.thumbnail ? "true" : "false"},
+        {Kel2File::kParamKelFilePath, outputPath},
+        {Kel2File::kParamWriteXml, options.xml ? "true" : "false"},
+        {Kel2File::kParamCreateThumbnail, options.thumbnail ? "true" : "false"},
     };
     if (options.async) {
         if (options.buffer) {
-            entry.params.emplace_back("Buffer size", std::to_string(*options.buffer));
+            entry.params.emplace_back(Kel2File::kParamBufferSize, std::to_string(*options.buffer));
         }
-        entry.params.emplace_back("Drop frames when full", options.drop ? "true" : "false");
+        entry.params.emplace_back(Kel2File::kParamDropWhenFull, options.drop ? "true" : "false");
     }
-    entry.params.emplace_back("Enable Recording", "true");
+    entry.params.emplace_back(Kel2File::kParamEnableRecording, "true");
     return entry;
 }
 

@@ -13,6 +13,7 @@
 #include "GraphBuilder.h"
 #include "PlannedOutputs.h"
 #include "ProgressBar.h"
+#include "utils/ParameterNames.h"
 
 namespace KelTool {
 
@@ -372,7 +373,7 @@ void PrintRunSummary(std::ostream& out, const GraphRunOutcome& outcome) {
         out << status.filter << ": " << status.name << " = " << status.value << "\n";
     }
     for (const auto& status : outcome.statusAtStop) {
-        if (status.name == "Buffered frames count") {
+        if (status.name == Kel2File::kParamBufferedFrames) {
             out << status.filter << ": " << status.value << " queued frame(s) discarded at stop\n";
         }
     }

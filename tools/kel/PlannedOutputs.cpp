@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <set>
 
+#include "utils/ParameterNames.h"
 #include "writers/PerStreamFilePath.h"
 
 namespace KelTool {
@@ -15,7 +16,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char* kPathParam = "KEL File Path";
+constexpr const char* kPathParam = Kel2File::kParamKelFilePath;
 
 }  // namespace
 
