@@ -3,6 +3,7 @@
 #include <KelCommon/Export.h>
 
 #include <condition_variable>
+#include <cstdarg>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -46,6 +47,10 @@ public:
     Logger();
 
     void LogMessage(int level, const char* tag, const char* format, ...) __attribute__((format(printf, 4, 5)));
+    // The same with the arguments as a va_list, for logging helpers of
+    // their own (a fixed tag, a logger that may be absent).
+    void LogMessageV(int level, const char* tag, const char* format, va_list args)
+        __attribute__((format(printf, 4, 0)));
 
     void SetStderrLevel(int level);
     int GetStderrLevel() const;

@@ -3,8 +3,6 @@
 #include <KEL/KELLogger.h>
 
 #include <cstdarg>
-#include <cstdio>
-#include <string>
 
 namespace KEL::container {
 
@@ -21,16 +19,8 @@ __attribute__((format(printf, 2, 3))) inline void LogContainer(int level, const 
     }
     va_list args;
     va_start(args, format);
-    va_list copy;
-    va_copy(copy, args);
-    const int needed = std::vsnprintf(nullptr, 0, format, copy);
-    va_end(copy);
-    std::string text(needed > 0 ? static_cast<std::size_t>(needed) : 0, '\0');
-    if (needed > 0) {
-        std::vsnprintf(text.data(), text.size() + 1, format, args);
-    }
+    log->LogMessageV(level, kLogTag, format, args);
     va_end(args);
-    log->LogMessage(level, kLogTag, "%s", text.c_str());
 }
 
 }  // namespace KEL::container

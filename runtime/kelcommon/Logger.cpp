@@ -64,8 +64,12 @@ Logger::Logger() : stderrLevel_(InitialStderrLevel()) {}
 void Logger::LogMessage(int level, const char* tag, const char* format, ...) {
     va_list args;
     va_start(args, format);
-    LogRecord record{level, tag != nullptr ? tag : "", format != nullptr ? FormatV(format, args) : std::string()};
+    LogMessageV(level, tag, format, args);
     va_end(args);
+}
+
+void Logger::LogMessageV(int level, const char* tag, const char* format, va_list args) {
+    LogRecord record{level, tag != nullptr ? tag : "", format != nullptr ? FormatV(format, args) : std::string()};
 
     // Sinks run outside the lock (a sink may log or take its own locks);
     // each is marked as called by this thread until it has returned, which
