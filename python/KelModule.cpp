@@ -25,7 +25,9 @@ void QuietLogUnlessAsked() {
 
 }  // namespace
 
-PYBIND11_MODULE(kel, m) {
+// The extension is the private part of the `kel` package (python/kel), whose
+// __init__ re-exports it.
+PYBIND11_MODULE(_kel, m) {
     m.doc() =
         "Read and write KEL containers (.kel). kel.open(path) gives a Recording of atoms whose image, mesh and blob "
         "payloads are read-only numpy views of the reader's memory (no copy); kel.create(path) writes one.";
