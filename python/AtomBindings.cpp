@@ -51,6 +51,14 @@ void BindAtom(py::module_& m) {
             "add_layer", [](KEL::Atom& a, const std::shared_ptr<KEL::DataLayer>& l) { a.AddDataLayer(l, true); },
             "layer"_a)
         .def_property_readonly("payload_size", &KEL::Atom::PayloadSize)
+        // Pickled as its keys and layers (each layer pickles itself).
+        .def("__reduce__",
+             [](const py::object& self) {
+                 const auto& a = self.cast<const KEL::Atom&>();
+                 return py::make_tuple(
+                     self.attr("__class__"),
+                     py::make_tuple(a.GetStreamId(), a.GetFrameNr(), a.GetTimeStamp(), py::cast(a.GetAllDataLayers())));
+             })
         .def("__repr__", [](const KEL::Atom& a) {
             return "<kel.Atom stream=" + std::to_string(a.GetStreamId()) + " frame=" + std::to_string(a.GetFrameNr()) +
                    " time_stamp=" + std::to_string(a.GetTimeStamp()) +

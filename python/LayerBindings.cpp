@@ -4,6 +4,7 @@
 // bytes) is a read-only numpy view of the layer's buffer.
 
 #include <KEL/DataLayer.h>
+#include <KEL/DataLayerRegistry.h>
 #include <KEL/DataTypeBinary.h>
 #include <KEL/DataTypeCameraParams.h>
 #include <KEL/DataTypeCylinderCrop.h>
@@ -152,9 +153,60 @@ std::vector<std::uint8_t> Bytes(const py::object& value) {
     return {p, p + info.size * info.itemsize};
 }
 
+// What a layer is made of, for pickle: the stored parts that the container
+// itself keeps (type, purpose, version, encoded fields and blobs), so that
+// every layer type, known or not, travels the same way. Blobs go as the
+// read-only numpy views of the layer's buffers: pickle protocol 5 hands them
+// out of band (a process that receives them over the wire copies them once).
+py::tuple LayerParts(const KEL::DataLayer& layer) {
+    KEL::LayerEncoder encoder;
+    layer.EncodeFields(encoder);
+    const auto guidBytes = [](const KelCommon::Guid& g) {
+        return py::bytes(reinterpret_cast<const char*>(g.Bytes().data()), g.Bytes().size());
+    };
+    py::list blobs;
+    for (const auto& blob : encoder.Blobs()) {
+        blobs.append(ViewOf(blob, py::dtype::of<std::uint8_t>(), {static_cast<py::ssize_t>(blob.size())}));
+    }
+    const auto& fields = encoder.Fields();
+    return py::make_tuple(guidBytes(layer.GetTypeGuid()), guidBytes(layer.GetPurposeGuid()), layer.GetVersion(),
+                          py::bytes(reinterpret_cast<const char*>(fields.data()), fields.size()), blobs);
+}
+
+KelCommon::Guid GuidFrom(const py::bytes& bytes) {
+    const std::string text = bytes;
+    std::array<std::uint8_t, KelCommon::Guid::kSize> raw{};
+    if (text.size() != raw.size()) {
+        throw py::value_error("a GUID takes 16 bytes");
+    }
+    std::copy(text.begin(), text.end(), raw.begin());
+    return KelCommon::Guid(raw);
+}
+
+// The layer that LayerParts described, rebuilt as the reader rebuilds a
+// stored one (a DataTypeOpaque for a type this runtime does not know).
+std::shared_ptr<KEL::DataLayer> LayerFromParts(const py::bytes& type, const py::bytes& purpose, std::uint16_t version,
+                                               const py::bytes& fields, const py::list& blobs) {
+    std::vector<KelCommon::SharedBuffer> buffers;
+    for (const auto& blob : blobs) {
+        buffers.push_back(KelCommon::SharedBuffer::FromVector(Bytes(py::reinterpret_borrow<py::object>(blob))));
+    }
+    const std::string encoded = fields;
+    auto layer = KEL::DataLayerRegistry::Instance().Decode(GuidFrom(type), GuidFrom(purpose), version,
+                                                           reinterpret_cast<const std::uint8_t*>(encoded.data()),
+                                                           encoded.size(), std::move(buffers));
+    if (!layer) {
+        throw py::value_error("the pickled layer's content does not decode");
+    }
+    return layer;
+}
+
 }  // namespace
 
 void BindLayers(py::module_& m) {
+    // Pickle finds it as kel._layer_from_parts (python/kel/__init__.py): a
+    // function of an extension cannot be pickled by reference.
+    m.def("_layer_from_parts", &LayerFromParts, "For pickle: the layer that Layer.__reduce__ described.");
     py::class_<KEL::DataLayer, std::shared_ptr<KEL::DataLayer>>(m, "Layer", "A data layer of an atom.")
         .def_property_readonly("type", &KEL::DataLayer::TypeName, "The layer type's name (\"TextureRGBA\").")
         .def_property_readonly("type_guid", [](const KEL::DataLayer& l) { return l.GetTypeGuid().ToString().str(); })
@@ -164,6 +216,10 @@ void BindLayers(py::module_& m) {
             "The registered purpose alias (\"PRIMARY_COLOR\") or the GUID's text.")
         .def_property("version", &KEL::DataLayer::GetVersion, &KEL::DataLayer::SetVersion)
         .def_property_readonly("payload_size", &KEL::DataLayer::PayloadSize)
+        .def("__reduce__",
+             [](const KEL::DataLayer& l) {
+                 return py::make_tuple(py::module_::import("kel").attr("_layer_from_parts"), LayerParts(l));
+             })
         .def("__repr__", [](const KEL::DataLayer& l) {
             return "<kel." + l.TypeName() + " purpose=" + PurposeText(l.GetPurposeGuid()) +
                    " version=" + std::to_string(l.GetVersion()) + ">";

@@ -16,3 +16,9 @@ for _value in vars(_kel).values():
     if isinstance(_value, type) and getattr(_value, "__module__", None) == _kel.__name__:
         _value.__module__ = __name__
 del _value
+
+
+def _layer_from_parts(*parts):
+    """Unpickles a layer (Layer.__reduce__ names this function: pickle cannot
+    name one of the extension's)."""
+    return _kel._layer_from_parts(*parts)
