@@ -3,6 +3,7 @@
 #include <KEL/Atom.h>
 #include <KEL/KelErrorCode.h>
 #include <KelCommon/Export.h>
+#include <KelCommon/Guid.h>
 
 #include <cstdint>
 #include <memory>
@@ -87,6 +88,34 @@ struct AtomListing {
     std::int64_t timeStamp = 0;
 };
 
+// One layer of an atom record, as its descriptor lists it.
+struct LayerListing {
+    KelCommon::Guid typeGuid;
+    KelCommon::Guid purposeGuid;
+    std::uint16_t version = 0;
+    // The type's name as the layer read back gives it ("TextureRGBA";
+    // "Unknown" for a type this runtime does not know).
+    std::string typeName;
+    std::uint64_t blobBytes = 0;  // the sizes of its blobs (pixels, vertices, attachments)
+};
+
+// An atom record as its header and its layer descriptors describe it, read
+// without the blobs that make up most of its payload.
+struct AtomDescription {
+    AtomListing key;
+    std::uint64_t offset = 0;
+    // The bytes of the record in the file: header, payload and padding (the
+    // distance to the next record when its header does not read).
+    std::uint64_t storedBytes = 0;
+    std::vector<LayerListing> layers;
+    // The record header or the layer descriptors fail their checks, or a
+    // read already found the record damaged; `reason` says why. Blobs are
+    // not read, so a payload checksum that fails shows only when the atom is
+    // read (or the file verified).
+    bool damaged = false;
+    std::string reason;
+};
+
 // The container file reader (the KEL2 container, ".kel").
 //
 // Reading. Records are read with positioned reads into reference-counted
@@ -166,6 +195,12 @@ public:
     // that share a stream and frame number with an earlier one, which
     // GetFrameAtom never returns.
     std::shared_ptr<Atom> GetAtomAt(std::uint64_t position);
+    // The record of the `position`-th atom in file order described from its
+    // header and layer descriptors (one small read; the blobs are neither
+    // read nor verified). Changes nothing the reader reports: damage found
+    // here is in the description only. A position past the end gives a
+    // description that is damaged ("no such atom").
+    AtomDescription DescribeAtomAt(std::uint64_t position);
     std::uint64_t GetFileSize() const noexcept;
     // The error text of the last failure ("" when none).
     const std::string& GetLastError() const noexcept;

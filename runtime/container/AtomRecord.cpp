@@ -3,6 +3,7 @@
 #include <KEL/DataLayerRegistry.h>
 #include <KEL/LayerCodec.h>
 
+#include <cstring>
 #include <limits>
 
 #include "container/ContainerFormat.h"
@@ -193,6 +194,78 @@ std::shared_ptr<Atom> DecodeAtomRecord(const std::shared_ptr<const void>& owner,
         atom->AddDataLayer(layer, true);
     }
     return atom;
+}
+
+LayoutStatus ListAtomLayers(const std::uint8_t* payload, std::uint64_t available, std::uint64_t payloadSize,
+                            AtomKey& key, std::vector<LayerListing>& layers, std::uint64_t& needed,
+                            std::string& reason) {
+    layers.clear();
+    // Each step first makes sure that the next `n` bytes from `pos` lie in
+    // the payload, then that they were read.
+    std::uint64_t pos = 0;
+    const auto reach = [&](std::uint64_t n, const char* what) {
+        if (n > payloadSize - pos) {
+            reason = what;
+            return LayoutStatus::kMalformed;
+        }
+        if (pos + n > available) {
+            needed = pos + n;
+            return LayoutStatus::kNeedMore;
+        }
+        return LayoutStatus::kListed;
+    };
+    if (const auto status = reach(kAtomMetaSize, "atom record too short"); status != LayoutStatus::kListed) {
+        return status;
+    }
+    key = {GetU16(payload), GetU32(payload + 4), static_cast<std::int64_t>(GetU64(payload + 8))};
+    const std::uint32_t numLayers = GetU32(payload + 20);
+    if (numLayers > (payloadSize - kAtomMetaSize) / kLayerDescriptorSize) {
+        reason = "layer count exceeds the record";
+        return LayoutStatus::kMalformed;
+    }
+    pos = kAtomMetaSize;
+    for (std::uint32_t i = 0; i < numLayers; ++i) {
+        if (const auto status = reach(kLayerDescriptorSize, "layer descriptor exceeds the record");
+            status != LayoutStatus::kListed) {
+            return status;
+        }
+        const std::uint8_t* d = payload + pos;
+        LayerListing layer;
+        std::array<std::uint8_t, KelCommon::Guid::kSize> guid{};
+        std::memcpy(guid.data(), d, guid.size());
+        layer.typeGuid = KelCommon::Guid(guid);
+        std::memcpy(guid.data(), d + 16, guid.size());
+        layer.purposeGuid = KelCommon::Guid(guid);
+        layer.version = GetU16(d + 32);
+        const std::uint32_t numBlobs = GetU32(d + 36);
+        const std::uint32_t fieldsSize = GetU32(d + 40);
+        pos += kLayerDescriptorSize;
+        if (AlignUp(fieldsSize, kRecordAlignment) > payloadSize - pos) {
+            reason = "layer fields exceed the record";
+            return LayoutStatus::kMalformed;
+        }
+        pos += AlignUp(fieldsSize, kRecordAlignment);
+        if (numBlobs > (payloadSize - pos) / kBlobRefSize) {
+            reason = "blob table exceeds the record";
+            return LayoutStatus::kMalformed;
+        }
+        if (const auto status = reach(std::uint64_t{numBlobs} * kBlobRefSize, "blob table exceeds the record");
+            status != LayoutStatus::kListed) {
+            return status;
+        }
+        for (std::uint32_t b = 0; b < numBlobs; ++b) {
+            const std::uint64_t offset = GetU64(payload + pos);
+            const std::uint64_t size = GetU64(payload + pos + 8);
+            pos += kBlobRefSize;
+            if (offset > payloadSize || size > payloadSize - offset) {
+                reason = "blob exceeds the record";
+                return LayoutStatus::kMalformed;
+            }
+            layer.blobBytes += size;
+        }
+        layers.push_back(std::move(layer));
+    }
+    return LayoutStatus::kListed;
 }
 
 }  // namespace KEL::container

@@ -2,6 +2,7 @@
 
 #include <KEL/Atom.h>
 #include <KEL/KelErrorCode.h>
+#include <KEL/ReadKEL2File.h>
 #include <KelCommon/SharedBuffer.h>
 #include <sys/uio.h>
 
@@ -45,5 +46,16 @@ KelErrorCode EncodeAtomRecord(const Atom& atom, std::uint64_t recordOffset, std:
 // Never reads outside the payload.
 std::shared_ptr<Atom> DecodeAtomRecord(const std::shared_ptr<const void>& owner, const std::uint8_t* payload,
                                        std::uint64_t payloadSize, std::string& reason);
+
+// Lists the layers of an atom record payload of `payloadSize` bytes from its
+// first `available` bytes: the layer descriptors and blob tables, without
+// touching the blobs (layer type names are left empty). Returns kListed;
+// kNeedMore with `needed` set to the payload bytes the tables reach into when
+// `available` falls short of them; kMalformed with `reason` set. Never reads
+// past `available`.
+enum class LayoutStatus { kListed, kNeedMore, kMalformed };
+LayoutStatus ListAtomLayers(const std::uint8_t* payload, std::uint64_t available, std::uint64_t payloadSize,
+                            AtomKey& key, std::vector<LayerListing>& layers, std::uint64_t& needed,
+                            std::string& reason);
 
 }  // namespace KEL::container

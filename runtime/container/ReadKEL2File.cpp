@@ -1,3 +1,5 @@
+#include <KEL/DataLayerRegistry.h>
+#include <KEL/DataTypeOpaque.h>
 #include <KEL/ReadKEL2File.h>
 
 #include <algorithm>
@@ -183,7 +185,12 @@ struct ReadKEL2File::Impl {
         }
     }
 
+    // Type names by type GUID, for descriptions.
+    std::unordered_map<KelCommon::Guid, std::string> typeNames;
+
     KelErrorCode Open();
+    AtomDescription Describe(std::size_t index);
+    const std::string& TypeName(const KelCommon::Guid& type);
     void Walk(std::uint64_t from, std::uint64_t to);
     std::shared_ptr<Atom> Load(std::size_t index);
     std::shared_ptr<Atom> MarkBad(std::size_t index, const std::string& why);
@@ -352,6 +359,51 @@ std::shared_ptr<Atom> ReadKEL2File::Impl::Load(std::size_t index) {
         return MarkBad(index, "record header and payload disagree");
     }
     return atom;
+}
+
+AtomDescription ReadKEL2File::Impl::Describe(std::size_t index) {
+    AtomDescription d;
+    const IndexEntry e = records[index];
+    d.key = {e.streamId, e.frameNr, e.timeStamp};
+    d.offset = e.offset;
+    d.storedBytes = SizeHint(index);
+    if (records.State(index) == RecordState::kBad) {
+        // Found damaged by an earlier read (its payload, perhaps, which is
+        // not read here): say why, and list what its descriptors still say.
+        d.damaged = true;
+        const auto lost = std::find_if(damage.begin(), damage.end(),
+                                       [&](const ReaderDamage& r) { return r.atomKnown && r.offset == e.offset; });
+        d.reason = lost != damage.end() ? lost->reason : "damaged record";
+    }
+    RecordLayout layout = ReadAtomRecordLayout(*file, header.fileId, {e.offset, SizeHint(index), recordsEnd, false});
+    if (layout.headerValid) {
+        d.storedBytes = layout.header.TotalSize();
+    }
+    const AtomKey& stored = layout.header.key;
+    if (layout.error.empty() && layout.headerValid &&
+        (stored.streamId != e.streamId || stored.frameNr != e.frameNr || stored.timeStamp != e.timeStamp)) {
+        layout.error = "record does not match the index";
+    }
+    if (!layout.error.empty()) {
+        d.damaged = true;
+        d.reason = d.reason.empty() ? layout.error : d.reason;
+        return d;
+    }
+    d.layers = std::move(layout.layers);
+    for (LayerListing& layer : d.layers) {
+        layer.typeName = TypeName(layer.typeGuid);
+    }
+    return d;
+}
+
+const std::string& ReadKEL2File::Impl::TypeName(const KelCommon::Guid& type) {
+    auto [it, added] = typeNames.try_emplace(type);
+    if (added) {
+        // The name the layer read back gives itself.
+        const auto layer = DataLayerRegistry::Instance().Create(type);
+        it->second = layer ? layer->TypeName() : DataTypeOpaque(type, {}, 0, {}, {}).TypeName();
+    }
+    return it->second;
 }
 
 // Playback fetches atoms in file order (a frame's atoms of every stream, then
@@ -526,6 +578,26 @@ std::shared_ptr<Atom> ReadKEL2File::GetAtomAt(std::uint64_t position) {
     } catch (const std::exception& e) {
         impl_->lastError = e.what();
         return nullptr;
+    }
+}
+
+AtomDescription ReadKEL2File::DescribeAtomAt(std::uint64_t position) {
+    if (!impl_->open || position >= impl_->records.Size()) {
+        AtomDescription none;
+        none.damaged = true;
+        none.reason = "no such atom";
+        return none;
+    }
+    try {
+        return impl_->Describe(static_cast<std::size_t>(position));
+    } catch (const std::exception& e) {
+        AtomDescription failed;
+        const IndexEntry entry = impl_->records[static_cast<std::size_t>(position)];
+        failed.key = {entry.streamId, entry.frameNr, entry.timeStamp};
+        failed.offset = entry.offset;
+        failed.damaged = true;
+        failed.reason = e.what();
+        return failed;
     }
 }
 

@@ -144,4 +144,59 @@ LoadedRecord ReadAtomRecord(const ReadableFile& file, BufferPool& pool, std::uin
     return out;
 }
 
+RecordLayout ReadAtomRecordLayout(const ReadableFile& file, std::uint64_t fileId, const RecordRequest& request) {
+    RecordLayout out;
+    const std::uint64_t offset = request.offset;
+    if (offset > request.limit || request.limit - offset < kRecordHeaderSize) {
+        out.error = "record runs past the end of the records";
+        return out;
+    }
+    const std::uint64_t room = request.limit - offset;
+    // Descriptors of a few layers and their fields fit in the first read.
+    constexpr std::uint64_t kLayoutRead = 4096;
+    std::vector<std::uint8_t> bytes(std::min<std::uint64_t>(
+        {room, request.sizeHint != 0 ? std::max<std::uint64_t>(request.sizeHint, kRecordHeaderSize) : room,
+         kRecordHeaderSize + kLayoutRead}));
+    const std::int64_t got = file.ReadAt(offset, bytes.data(), bytes.size());
+    if (got < static_cast<std::int64_t>(kRecordHeaderSize)) {
+        out.error = ReadError(got);
+        out.transient = got < 0;
+        return out;
+    }
+    std::uint64_t have = static_cast<std::uint64_t>(got);
+    if (!CheckHeader(bytes.data(), offset, fileId, room, out.header, out.error)) {
+        return out;
+    }
+    out.headerValid = true;
+    const std::uint64_t payloadSize = out.header.payloadSize;
+    for (;;) {
+        AtomKey key;
+        std::uint64_t needed = 0;
+        const std::uint64_t available = std::min(have - kRecordHeaderSize, payloadSize);
+        const LayoutStatus status = ListAtomLayers(bytes.data() + kRecordHeaderSize, available, payloadSize, key,
+                                                   out.layers, needed, out.error);
+        if (status == LayoutStatus::kMalformed) {
+            return out;
+        }
+        if (status == LayoutStatus::kListed) {
+            const AtomKey& stored = out.header.key;
+            if (key.streamId != stored.streamId || key.frameNr != stored.frameNr || key.timeStamp != stored.timeStamp) {
+                out.error = "record header and payload disagree";
+            }
+            return out;
+        }
+        // The descriptors reach further: read up to where they end, and a
+        // little beyond for the next ones.
+        const std::uint64_t want = std::min(kRecordHeaderSize + needed + kLayoutRead, out.header.TotalSize());
+        bytes.resize(want);
+        const std::int64_t more = file.ReadAt(offset + have, bytes.data() + have, want - have);
+        if (more != static_cast<std::int64_t>(want - have)) {
+            out.error = ReadError(more);
+            out.transient = more < 0;
+            return out;
+        }
+        have = want;
+    }
+}
+
 }  // namespace KEL::container

@@ -3,7 +3,9 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "container/AtomRecord.h"
 #include "container/BufferPool.h"
 #include "container/ContainerFormat.h"
 #include "container/ReadableFile.h"
@@ -41,5 +43,23 @@ struct LoadedRecord {
 // or short reads (the error says what was wrong); throws std::bad_alloc.
 LoadedRecord ReadAtomRecord(const ReadableFile& file, BufferPool& pool, std::uint64_t fileId,
                             const RecordRequest& request);
+
+// An atom record's header and layer descriptors, read without its blobs.
+struct RecordLayout {
+    RecordHeader header;
+    bool headerValid = false;
+    std::vector<LayerListing> layers;
+    // The read itself failed (an I/O error): the record may read well later.
+    bool transient = false;
+    // Why the record's header or layer descriptors cannot be used ("" when
+    // they can).
+    std::string error;
+};
+
+// Reads the header and the layer descriptors of the atom record that
+// `request` points to, a few KiB at most unless the descriptors are larger;
+// the payload checksum is not verified (`request.verify` is ignored).
+// Never throws for damage or short reads; throws std::bad_alloc.
+RecordLayout ReadAtomRecordLayout(const ReadableFile& file, std::uint64_t fileId, const RecordRequest& request);
 
 }  // namespace KEL::container

@@ -134,6 +134,27 @@ TEST_F(ContainerDamage, RecordsOfAnEarlierFileAtTheSamePlaceAreRefused) {
     EXPECT_EQ(reader->GetFrameNumbers(1), (std::vector<std::uint32_t>{0, 1, 4, 5}));
 }
 
+// A description reads a record's header and layer descriptors only: damage
+// there shows at once, damage to its blobs once a read has met it.
+TEST_F(ContainerDamage, DescriptionsShowDamageTheirReadMeetsOrAReadFoundBefore) {
+    const auto ends = WriteContainer(path, SixteenAtoms());
+    const auto starts = Starts(ends);
+    FlipByte(path, starts[3] + 20);  // record header of atom 3
+    FlipByte(path, ends[6] - 40);    // last pixels of atom 6
+    KelCommon::ScopedLogCapture log;
+    auto reader = OpenContainer(path);
+    for (std::uint64_t i = 0; i < 16; ++i) {
+        EXPECT_EQ(reader->DescribeAtomAt(i).damaged, i == 3) << i;
+    }
+    EXPECT_EQ(reader->DescribeAtomAt(3).reason, "damaged record header");
+    EXPECT_EQ(reader->DescribeAtomAt(6).layers.size(), reader->DescribeAtomAt(7).layers.size());
+    EXPECT_EQ(reader->GetAtomAt(6), nullptr);
+    const auto after = reader->DescribeAtomAt(6);
+    EXPECT_TRUE(after.damaged);
+    EXPECT_EQ(after.reason, "checksum mismatch");
+    EXPECT_EQ(after.storedBytes, ends[6] - starts[6]);
+}
+
 TEST_F(ContainerDamage, VerifierLocatesADamagedRecordAndCountsTheRestRecoverable) {
     const auto ends = WriteContainer(path, SmallAtoms(1, 4));
     FlipByte(path, ends[1] + 90);

@@ -5,6 +5,9 @@
 // walking the records. RC_PARAMS="max_success=N" sets the number of cases
 // (scripts/soak.sh runs it for as long as asked).
 
+#include <KEL/DataTypeStaticInfo.h>
+#include <KEL/LayerCodec.h>
+#include <KEL/PurposeGuids.h>
 #include <gtest/gtest.h>
 #include <rapidcheck/gtest.h>
 
@@ -81,6 +84,65 @@ RC_GTEST_PROP(ContainerModel, WrittenAtomsReadBackAsModelled, ()) {
         }
         CheckStreams(path, atoms, useIndex);
     }
+}
+
+// A record described from its header and layer descriptors says what the
+// atom read whole holds: key, layer types, purposes, versions, payload
+// sizes, and the record's size in the file.
+RC_GTEST_PROP(ContainerModel, DescriptionsMatchTheAtomsRead, ()) {
+    RapidCheckEntropy entropy;
+    const auto atoms = GenerateAtoms(entropy, {.maxAtoms = 12, .maxLayers = 12, .largeBlobOneIn = 100});
+    const bool close = *rc::gen::arbitrary<bool>();
+    kel_test::TempDir dir;
+    const std::string path = dir.File("described.kel");
+    std::vector<KEL::AtomPtr> built;
+    for (const auto& atom : atoms) {
+        built.push_back(BuildAtom(atom));
+        // Now and then descriptors longer than the description's first
+        // read, before the atom's own layers.
+        if (*rc::gen::inRange(0, 4) == 0) {
+            const auto size = *rc::gen::inRange<std::size_t>(1000, 20000);
+            const auto own = built.back()->GetAllDataLayers();
+            built.back() = std::make_shared<KEL::Atom>(atom.stream, atom.frame, atom.timeStamp);
+            built.back()->AddDataLayer(
+                std::make_shared<KEL::DataTypeStaticInfo>(
+                    std::map<std::string, std::string>{{"notes", std::string(size, 'n')}}, KEL::PurposeGuid_STATIC),
+                true);
+            for (const auto& layer : own) {
+                built.back()->AddDataLayer(layer, true);
+            }
+        }
+    }
+    KelCommon::ScopedLogCapture quiet;
+    const auto ends = kel_test::WriteContainer(path, built, close);
+    KEL::ReadKEL2File reader(path.c_str());
+    RC_ASSERT(reader.Initialize() == KEL::KEL_OK);
+    bool longDescriptors = false;
+    for (std::size_t i = 0; i < atoms.size(); ++i) {
+        const KEL::AtomDescription d = reader.DescribeAtomAt(i);
+        const auto atom = reader.GetAtomAt(i);
+        RC_ASSERT(atom != nullptr);
+        RC_ASSERT(!d.damaged);
+        RC_ASSERT(d.key.streamId == atom->GetStreamId() && d.key.frameNr == atom->GetFrameNr() &&
+                  d.key.timeStamp == atom->GetTimeStamp());
+        RC_ASSERT(d.storedBytes == ends[i] - (i == 0 ? 128 : ends[i - 1]));
+        const auto& layers = atom->GetAllDataLayers();
+        RC_ASSERT(d.layers.size() == layers.size());
+        std::uint64_t descriptorBytes = 0;
+        for (std::size_t l = 0; l < layers.size(); ++l) {
+            RC_ASSERT(d.layers[l].typeGuid == layers[l]->GetTypeGuid());
+            RC_ASSERT(d.layers[l].purposeGuid == layers[l]->GetPurposeGuid());
+            RC_ASSERT(d.layers[l].version == layers[l]->GetVersion());
+            RC_ASSERT(d.layers[l].typeName == layers[l]->TypeName());
+            RC_ASSERT(d.layers[l].blobBytes == layers[l]->PayloadSize());
+            KEL::LayerEncoder encoder;
+            layers[l]->EncodeFields(encoder);
+            descriptorBytes += 48 + encoder.Fields().size() + 16 * encoder.Blobs().size();
+        }
+        longDescriptors = longDescriptors || descriptorBytes > 4096;
+    }
+    RC_TAG(close ? "closed" : "not closed", longDescriptors ? "descriptors beyond the first read" : "short");
+    RC_ASSERT(reader.DescribeAtomAt(atoms.size()).damaged);
 }
 
 }  // namespace
