@@ -512,6 +512,43 @@ public:
         return added;
     }
 
+    // One entry per atom record in file order, from the records' headers
+    // and layer descriptors (ReadKEL2File::DescribeAtomAt): no blob is read.
+    py::dict AtomIndex() {
+        std::vector<KEL::AtomDescription> described = With([](KEL::ReadKEL2File& r) {
+            std::vector<KEL::AtomDescription> all;
+            all.reserve(static_cast<std::size_t>(r.GetNumAtoms()));
+            for (std::uint64_t i = 0; i < r.GetNumAtoms(); ++i) {
+                all.push_back(r.DescribeAtomAt(i));
+            }
+            return all;
+        });
+        const auto n = static_cast<py::ssize_t>(described.size());
+        py::array_t<std::uint16_t> streams(n);
+        py::array_t<std::uint32_t> frames(n);
+        py::array_t<std::int64_t> stamps(n);
+        py::array_t<std::uint64_t> stored(n);
+        py::array_t<bool> damaged(n);
+        py::list types;
+        py::list reasons;
+        for (py::ssize_t i = 0; i < n; ++i) {
+            const KEL::AtomDescription& d = described[static_cast<std::size_t>(i)];
+            streams.mutable_at(i) = d.key.streamId;
+            frames.mutable_at(i) = d.key.frameNr;
+            stamps.mutable_at(i) = d.key.timeStamp;
+            stored.mutable_at(i) = d.storedBytes;
+            damaged.mutable_at(i) = d.damaged;
+            py::tuple names(d.layers.size());
+            for (std::size_t l = 0; l < d.layers.size(); ++l) {
+                names[l] = d.layers[l].typeName;
+            }
+            types.append(std::move(names));
+            reasons.append(d.reason);
+        }
+        return py::dict("stream"_a = streams, "frame"_a = frames, "time_stamp"_a = stamps, "stored_bytes"_a = stored,
+                        "layer_types"_a = types, "damaged"_a = damaged, "damage_reason"_a = reasons);
+    }
+
     py::dict Verify() {
         With([](KEL::ReadKEL2File&) {});  // ValueError once closed
         // The verifier reads the file on its own, not through the reader.
@@ -597,6 +634,11 @@ void BindRecording(py::module_& m) {
         .def_property_readonly(
             "damage",
             [](Recording& r) { return DamageDict(r.With([](KEL::ReadKEL2File& f) { return f.GetDamageReport(); })); })
+        .def("atom_index", &Recording::AtomIndex,
+             "Every atom record in file order, as columns: stream, frame, time_stamp and stored_bytes (arrays), "
+             "layer_types (a tuple of type names per atom), damaged (bool array) and damage_reason. Read from the "
+             "index and each record's header and layer descriptors, without the payloads: a payload whose "
+             "checksum fails is damaged here only once a read met it (verify() checks every byte).")
         .def("verify", &Recording::Verify,
              "Checks every byte of the file (as `kel verify`) and returns the findings as a dict.")
         .def("refresh", &Recording::Refresh,
@@ -627,6 +669,19 @@ void BindRecording(py::module_& m) {
         .def("__repr__",
              [](Recording& r) { return "<kel.Recording '" + r.Path() + "'" + (r.IsClosed() ? " closed" : "") + ">"; });
 
+    m.def(
+        "verify",
+        [](const std::string& path) {
+            KEL::ContainerVerification v;
+            {
+                py::gil_scoped_release released;
+                v = KEL::VerifyContainer(path);
+            }
+            return VerificationDict(v);
+        },
+        "path"_a,
+        "Checks every byte of a file, as `kel verify` does, and returns the findings as a dict (Recording.verify()'s); "
+        "a file that cannot be opened gives the verdict \"UNREADABLE\" and open_error, not an exception.");
     m.def(
         "open", [](const std::string& path, bool verify) { return std::make_unique<Recording>(path, verify); },
         "path"_a, "verify"_a = true,

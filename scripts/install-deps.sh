@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project builds with, only those missing;
 # with --test also those that only the tests use (a browser, Python test
-# libraries). Runs `apt-get update` once, and only when something has to be
+# libraries) and those of the `kel.dask` module and `kel batch` (Dask,
+# distributed, pandas); with --bench only the latter, which the benchmarks
+# use. Runs `apt-get update` once, and only when something has to be
 # installed.
 #
-#   scripts/install-deps.sh [--test]
+#   scripts/install-deps.sh [--test | --bench]
 set -euo pipefail
 
 packages=(
@@ -14,9 +16,11 @@ packages=(
   libxxhash-dev libpugixml-dev libpng-dev nlohmann-json3-dev libcli11-dev librapidcheck-dev
   python3 python3-dev pybind11-dev python3-numpy
 )
-if [ "${1:-}" = "--test" ]; then
-  packages+=(python3-pytest python3-hypothesis python3-html5lib python3-pil chromium)
-fi
+dask=(python3-dask python3-distributed python3-pandas)
+case "${1:-}" in
+  --test) packages+=(python3-pytest python3-hypothesis python3-html5lib python3-pil chromium "${dask[@]}") ;;
+  --bench) packages+=("${dask[@]}") ;;
+esac
 
 missing=()
 for p in "${packages[@]}"; do
