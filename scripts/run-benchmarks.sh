@@ -20,6 +20,10 @@ echo "== reading from Python (fresh processes)"
 PYTHONPATH="$build/python" /usr/bin/python3 bench/python_read_bench.py --cxx "$bench/kel_read_bench" \
   --runs "${KEL_BENCH_RUNS:-5}"
 echo
+echo "== kel.dask on local clusters of worker processes (127.0.0.1)"
+PYTHONPATH="$build/python" /usr/bin/python3 bench/dask_bench.py --tool "$build/tools/kel/kel" \
+  --runs "${KEL_BENCH_RUNS:-5}"
+echo
 for b in container_bench targets_bench sources_bench; do
   echo "== $b"
   "$bench/$b" --benchmark_format=json --benchmark_out="$out/$b.json" --benchmark_out_format=json \

@@ -46,7 +46,13 @@ def local_cluster(workers=None, **options):
     per core), one thread each, bound to 127.0.0.1 only: the scheduler, the
     workers and the HTTP servers of both (distributed's defaults put the
     latter on every interface). `options` go to LocalCluster as well, e.g.
-    memory_limit="2GiB" per worker."""
+    memory_limit="2GiB" per worker.
+
+    Its scheduler sends every ready task to the workers at once instead of
+    queuing them (worker-saturation inf): a task of this module reads one
+    file or frame range, so a worker's memory is bounded by the one it runs
+    either way, and a worker that goes straight on to its next task saves a
+    round trip per file (half of what 20 small files cost on two cores)."""
     import logging
 
     import distributed
@@ -54,7 +60,8 @@ def local_cluster(workers=None, **options):
                     dashboard_address="127.0.0.1:0", worker_dashboard_address="127.0.0.1:0",
                     silence_logs=logging.ERROR)
     settings.update(options)
-    return distributed.LocalCluster(**settings)
+    with dask.config.set({"distributed.scheduler.worker-saturation": float("inf")}):
+        return distributed.LocalCluster(**settings)
 
 
 def expand(paths):
@@ -129,7 +136,7 @@ def _from_parts(kind, function, found, columns, *args, pure=True):
     parts = [dask.delayed(_rows, pure=pure)(function, path, problem, columns, *args,
                                             dask_key_name=_key(kind, path, _stat_token(path), args) if pure else None)
              for path, problem in found]
-    return dask.dataframe.from_delayed(parts, meta=meta)
+    return dask.dataframe.from_delayed(parts, meta=meta, verify_meta=False)
 
 
 def _rows(function, path, problem, columns, *args):
@@ -295,15 +302,16 @@ def frames(paths, streams=None, start=None, stop=None, frames_per_partition=FRAM
 
 # ---- verify ----
 
-VERIFY_COLUMNS = {"path": object, "verdict": object, "intact": bool, "open_error": object, "atom_records": "Int64",
-                  "damaged_records": "Int64", "damaged_bytes": "Int64", "truncated_tail_bytes": "Int64",
-                  "recoverable_atoms": "Int64", "problems": object, "warnings": object}
+VERIFY_COLUMNS = {"path": object, "verdict": object, "intact": bool, "open_error": object, "atom_records": "int64",
+                  "damaged_records": "int64", "damaged_bytes": "int64", "truncated_tail_bytes": "int64",
+                  "recoverable_atoms": "int64", "problems": object, "warnings": object}
 
 
 def _verify_rows(path, problem):
     if problem is not None:
-        return [{"path": path, "verdict": "UNREADABLE", "intact": False, "open_error": problem, "problems": [],
-                 "warnings": []}]
+        return [{"path": path, "verdict": "UNREADABLE", "intact": False, "open_error": problem, "atom_records": 0,
+                 "damaged_records": 0, "damaged_bytes": 0, "truncated_tail_bytes": 0, "recoverable_atoms": 0,
+                 "problems": [], "warnings": []}]
     report = kel.verify(path)
     return [{"path": path, **{column: report[column] for column in VERIFY_COLUMNS if column != "path"}}]
 
@@ -388,4 +396,4 @@ def copy(paths, out_dir, compress=None, streams=None, overwrite=False, skip_dama
                                              os.path.join(os.fspath(out_dir), os.path.basename(path)), wanted,
                                              overwrite, skip_damaged)
              for path, problem in found]
-    return dask.dataframe.from_delayed(parts, meta=meta)
+    return dask.dataframe.from_delayed(parts, meta=meta, verify_meta=False)

@@ -12,16 +12,15 @@ import sys
 import time
 import warnings
 
+import distributed
 import numpy as np
 import pytest
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 
 import kel
+import kel.dask
 from test_kel_module import atom_fields
-
-distributed = pytest.importorskip("distributed")
-import kel.dask  # noqa: E402 (after the skip)
 
 KEL_TOOL = os.environ.get("KEL_TOOL", "kel")
 

@@ -35,3 +35,8 @@ def test_atoms_read_from_a_file_pickle_with_their_payload(demo_dir):
         read = list(rec.atoms())
     back, _ = round_trip(read, 5)
     assert [atom_fields(a) for a in back] == [atom_fields(a) for a in read]
+
+
+def test_the_modules_functions_pickle_by_name():
+    for function in (kel.open, kel.create, kel.verify, kel.set_log_level):
+        assert pickle.loads(pickle.dumps(function)) is function
