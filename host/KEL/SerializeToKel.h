@@ -13,6 +13,21 @@
 
 namespace KEL {
 
+namespace container {
+class FileIo;
+}
+
+// What a serializer is given beyond the four arguments of its constructor
+// (the constructor without options uses these defaults).
+struct SerializerOptions {
+    // The file-system calls it makes: every write, sync, cut, rename and
+    // removal goes through this object (the interface is the runtime's
+    // container/FileIo.h). Empty: the system's calls. Tests pass one that
+    // records each operation, to rebuild what a crash at any point leaves,
+    // or fails a chosen one.
+    std::shared_ptr<container::FileIo> fileIo;
+};
+
 // Writes atoms to a file.
 class KEL_API SerializeToFile {
 public:
@@ -65,6 +80,8 @@ public:
 class KEL_API SerializeToKel : public SerializeToFile {
 public:
     SerializeToKel(const char* path, bool overwrite, KELFormatVersion version, bool syncEachAtom);
+    SerializeToKel(const char* path, bool overwrite, KELFormatVersion version, bool syncEachAtom,
+                   const SerializerOptions& options);
     ~SerializeToKel() override;
 
     KelErrorCode SerializeAtom(const std::shared_ptr<Atom>& atom) override;

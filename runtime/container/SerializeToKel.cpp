@@ -111,7 +111,7 @@ std::uint64_t NewFileId() {
 // was written completely, and a failed write is cut back to it, so the file
 // on disk is always a valid container prefix that a reader can scan.
 struct SerializeToKel::Impl {
-    std::shared_ptr<FileIo> io = CurrentFileIo();
+    std::shared_ptr<FileIo> io;
     KelCommon::String filePath;
     bool writeXml = false;
     bool syncEachAtom = false;
@@ -414,7 +414,12 @@ KelErrorCode SerializeToKel::Impl::Close() {
 }
 
 SerializeToKel::SerializeToKel(const char* path, bool overwrite, KELFormatVersion version, bool syncEachAtom)
+    : SerializeToKel(path, overwrite, version, syncEachAtom, SerializerOptions{}) {}
+
+SerializeToKel::SerializeToKel(const char* path, bool overwrite, KELFormatVersion version, bool syncEachAtom,
+                               const SerializerOptions& options)
     : impl_(std::make_unique<Impl>()) {
+    impl_->io = options.fileIo ? options.fileIo : SystemCalls();
     std::string p = path != nullptr ? path : "";
     if (p.size() >= kXmlSuffix.size() && p.compare(p.size() - kXmlSuffix.size(), kXmlSuffix.size(), kXmlSuffix) == 0) {
         p.resize(p.size() - kXmlSuffix.size());

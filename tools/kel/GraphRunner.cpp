@@ -182,10 +182,7 @@ void ListWrittenFiles(const std::vector<PlannedOutput>& planned, const std::vect
             file.streams = reader.GetNumStreams();
             file.atoms = reader.GetNumAtoms();
             file.bytes = reader.GetFileSize();
-            file.frames = file.streams > 0 ? UINT32_MAX : 0;
-            for (int s = 0; s < file.streams; ++s) {
-                file.frames = std::min(file.frames, reader.GetNumFrames(reader.GetStreamId(s)));
-            }
+            file.frames = reader.GetNumPlayableFrames();
         }
         outcome->written.push_back(std::move(file));
     }
