@@ -89,7 +89,6 @@ public:
     KelErrorCode Close() override;
 
     KelErrorCode GetOpenResult() const noexcept;
-    bool WritesXmlCompanion() const noexcept;
     std::uint64_t GetNumAtomsWritten() const noexcept;
     std::uint64_t GetBytesWritten() const noexcept;
     const std::string& GetLastError() const noexcept;

@@ -475,8 +475,6 @@ KelErrorCode SerializeToKel::Close() {
 
 KelErrorCode SerializeToKel::GetOpenResult() const noexcept { return impl_->openResult; }
 
-bool SerializeToKel::WritesXmlCompanion() const noexcept { return impl_->writeXml; }
-
 std::uint64_t SerializeToKel::GetNumAtomsWritten() const noexcept { return impl_->numAtoms; }
 
 std::uint64_t SerializeToKel::GetBytesWritten() const noexcept { return impl_->end; }
