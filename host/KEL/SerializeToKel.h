@@ -1,6 +1,7 @@
 #pragma once
 
 #include <KEL/Atom.h>
+#include <KEL/Compression.h>
 #include <KEL/KEL2Header.h>
 #include <KEL/KelErrorCode.h>
 #include <KelCommon/Export.h>
@@ -8,6 +9,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,6 +28,10 @@ struct SerializerOptions {
     // records each operation, to rebuild what a crash at any point leaves,
     // or fails a chosen one.
     std::shared_ptr<container::FileIo> fileIo;
+    // How blobs are stored. Unset: the process's setting
+    // (SerializerSettings::compression), which is how the serializers that
+    // the plugin's writers create follow a host's choice.
+    std::optional<CompressionSetting> compression;
 };
 
 // Writes atoms to a file.
@@ -105,6 +111,17 @@ struct SerializerSettings {
     // companion) refuses with KEL_ERR_ALREADY_EXISTS and changes nothing, as
     // with `overwrite` false. For hosts that must never destroy a recording.
     bool allowReplace = true;
+    // How the blobs of every atom are stored: compressed files are read by
+    // this reader (and refused as a newer layout by readers that predate
+    // compression). The initial value comes from the environment variable
+    // KEL_COMPRESSION ("zstd", "zstd:LEVEL" or "none"; anything else is
+    // logged at level 2 and ignored).
+    CompressionSetting compression;
+    // Threads that compress and decompress blobs, shared by every serializer
+    // and reader of the process: 0 means one per core. The initial value
+    // comes from KEL_COMPRESSION_THREADS; the pool takes the value current
+    // when it is first used.
+    unsigned compressionThreads = 0;
 };
 // Thread-safe; serializers already open keep what they were created with.
 KEL_API void SetSerializerSettings(const SerializerSettings& settings);

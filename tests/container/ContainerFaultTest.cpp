@@ -96,6 +96,7 @@ TEST(ContainerFaults, EveryFailingFileOperationIsReportedAndLosesNothingAcknowle
         WriterRunOptions options;
         options.syncEachAtom = seed % 2 == 0;
         options.xmlCompanion = seed % 3 == 0;
+        options.compression = CompressionFor(seed);
         std::vector<Op> clean;
         {
             kel_test::TempDir dir;
@@ -171,7 +172,7 @@ TEST(ContainerFaults, AnAtomChangedWhileItIsWrittenIsStoredAsFirstRead) {
     });
     const std::string path = dir.File("changed.kel");
     {
-        KEL::SerializeToKel writer(path.c_str(), true, KEL::CURRENT_VERSION, false, {.fileIo = io});
+        KEL::SerializeToKel writer(path.c_str(), true, KEL::CURRENT_VERSION, false, {.fileIo = io, .compression = {}});
         ASSERT_EQ(writer.SerializeAtom(atom), KEL::KEL_OK);
         ASSERT_EQ(writer.Close(), KEL::KEL_OK);
     }

@@ -53,11 +53,17 @@ RC_GTEST_PROP(ContainerModel, WrittenAtomsReadBackAsModelled, ()) {
     RapidCheckEntropy entropy;
     const auto atoms = GenerateAtoms(entropy, {.maxAtoms = 24, .maxLayers = 12, .largeBlobOneIn = 100});
     const bool close = *rc::gen::arbitrary<bool>();
+    KEL::CompressionSetting compression;
+    if (*rc::gen::arbitrary<bool>()) {
+        compression.codec = KEL::CompressionCodec::kZstd;
+        compression.level = *rc::gen::inRange(1, 4);
+    }
     std::uint64_t bytes = 0;
     for (const auto& atom : atoms) {
         bytes += atom.PayloadBytes();
     }
-    RC_TAG(close ? "closed" : "not closed", atoms.size() < 8 ? "< 8 atoms" : "8+ atoms",
+    RC_TAG(close ? "closed" : "not closed", compression.Enabled() ? "compressed" : "plain",
+           atoms.size() < 8 ? "< 8 atoms" : "8+ atoms",
            bytes < 65536       ? "< 64 KiB"
            : bytes < (1 << 20) ? "64 KiB - 1 MiB"
                                : ">= 1 MiB");
@@ -68,7 +74,7 @@ RC_GTEST_PROP(ContainerModel, WrittenAtomsReadBackAsModelled, ()) {
     for (const auto& atom : atoms) {
         built.push_back(BuildAtom(atom));
     }
-    kel_test::WriteContainer(path, built, close);
+    kel_test::WriteContainer(path, built, close, compression);
 
     std::vector<WrittenAtom> written;
     for (const auto& atom : atoms) {

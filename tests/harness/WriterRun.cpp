@@ -42,7 +42,8 @@ WriterRun RunWriter(const std::string& root, const std::string& name, const std:
             return code;
         };
         KEL::SerializeToKel writer((run.path + (options.xmlCompanion ? "+xml" : "")).c_str(), true,
-                                   KEL::CURRENT_VERSION, options.syncEachAtom, {.fileIo = io});
+                                   KEL::CURRENT_VERSION, options.syncEachAtom,
+                                   {.fileIo = io, .compression = options.compression});
         run.openResult = note(writer.GetOpenResult());
         for (const auto& model : atoms) {
             ++step;

@@ -210,7 +210,10 @@ void ReadStatusValues(const KEL::Graph& graph, std::vector<GraphRunOutcome::Stat
 GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description, bool showProgress,
                          const RunPolicy& policy) {
     GraphRunOutcome outcome;
-    const SerializerSettingsGuard settings({.allowReplace = policy.overwrite});
+    KEL::SerializerSettings serializers = KEL::GetSerializerSettings();
+    serializers.allowReplace = policy.overwrite;
+    serializers.compression = description.compression.value_or(serializers.compression);
+    const SerializerSettingsGuard settings(serializers);
     // Failures and damage of earlier work are not this run's.
     (void)KEL::TakeSerializerFailures();
     (void)KEL::TakeReaderDamage();
