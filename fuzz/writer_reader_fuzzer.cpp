@@ -56,6 +56,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     WriterRunOptions options;
     options.syncEachAtom = data.ConsumeBool();
     options.xmlCompanion = data.ConsumeBool();
+    if (data.ConsumeBool()) {
+        options.compression.codec = KEL::CompressionCodec::kZstd;
+    }
     const auto crash = data.ConsumeIntegralInRange<int>(0, 2);  // none, process crash, power loss
     const auto crashPoint = data.ConsumeIntegral<std::uint16_t>();
     const auto atoms = GenerateAtoms(entropy, {.maxAtoms = 10, .maxLayers = 6, .largeBlobOneIn = 0, .maxBlob = 70000});

@@ -3,6 +3,7 @@
 #include <KEL/KELPurposeGuids.h>
 
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -93,6 +94,54 @@ py::array ViewOf(const KelCommon::SharedBuffer& buffer, const py::dtype& dtype, 
     py::array array(dtype, std::move(shape), {}, data, owner);
     array.attr("setflags")(py::arg("write") = false);
     return array;
+}
+
+namespace {
+
+std::string SnakeCase(const std::string& camel) {
+    std::string snake;
+    for (const char c : camel) {
+        if (std::isupper(static_cast<unsigned char>(c)) != 0) {
+            snake += '_';
+            snake += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        } else {
+            snake += c;
+        }
+    }
+    return snake;
+}
+
+}  // namespace
+
+py::object FromJson(const nlohmann::ordered_json& value) {
+    switch (value.type()) {
+        case nlohmann::ordered_json::value_t::object: {
+            py::dict dict;
+            for (const auto& [key, item] : value.items()) {
+                dict[py::str(SnakeCase(key))] = FromJson(item);
+            }
+            return dict;
+        }
+        case nlohmann::ordered_json::value_t::array: {
+            py::list list;
+            for (const auto& item : value) {
+                list.append(FromJson(item));
+            }
+            return list;
+        }
+        case nlohmann::ordered_json::value_t::string:
+            return py::str(value.get_ref<const std::string&>());
+        case nlohmann::ordered_json::value_t::boolean:
+            return py::bool_(value.get<bool>());
+        case nlohmann::ordered_json::value_t::number_integer:
+            return py::int_(value.get<std::int64_t>());
+        case nlohmann::ordered_json::value_t::number_unsigned:
+            return py::int_(value.get<std::uint64_t>());
+        case nlohmann::ordered_json::value_t::number_float:
+            return py::float_(value.get<double>());
+        default:
+            return py::none();
+    }
 }
 
 std::string PurposeText(const KelCommon::Guid& purpose) {

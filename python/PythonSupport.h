@@ -10,6 +10,7 @@
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,12 @@ template <class T>
 KelCommon::SharedBuffer BufferFrom(const py::array_t<T, py::array::c_style | py::array::forcecast>& array) {
     return KelCommon::SharedBuffer::Copy(array.data(), static_cast<std::size_t>(array.nbytes()));
 }
+
+// The runtime's JSON form of a fact about a file (a summary, a damage
+// report, a verification) as Python objects: objects become dicts whose
+// camelCase keys are written in snake_case ("truncatedTailBytes" becomes
+// "truncated_tail_bytes"), arrays lists, numbers int or float.
+py::object FromJson(const nlohmann::ordered_json& value);
 
 // "PRIMARY_COLOR" for a registered purpose, else the GUID's text.
 std::string PurposeText(const KelCommon::Guid& purpose);

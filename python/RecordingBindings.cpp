@@ -1,6 +1,8 @@
 // kel.open and kel.Recording: reading containers with the runtime's reader,
 // and playing them through the plugin's SourceKEL2FileReader.
 
+#include <KEL/ContainerJson.h>
+#include <KEL/ContainerSummary.h>
 #include <KEL/ContainerVerifier.h>
 #include <KEL/FilterFactory.h>
 #include <KEL/FilterParams.h>
@@ -62,44 +64,8 @@ auto WithReader(RecordingState& state, Use&& use) {
 py::dict DamageDict(const KEL::ContainerDamageReport& d) {
     py::dict damage;
     damage["damaged"] = d.Damaged();
-    damage["index_used"] = d.indexUsed;
-    damage["recovered"] = d.recovered;
-    damage["checkpoint_used"] = d.checkpointUsed;
-    damage["header_damaged"] = d.headerDamaged;
-    damage["skipped_bytes"] = d.skippedBytes;
-    damage["skipped_records"] = d.skippedRecords;
-    damage["foreign_records"] = d.foreignRecords;
-    damage["valid_records"] = d.validRecords;
-    damage["truncated_tail_bytes"] = d.truncatedTailBytes;
+    damage.attr("update")(FromJson(KEL::ToJson(d)));
     return damage;
-}
-
-py::dict VerificationDict(const KEL::ContainerVerification& v) {
-    py::dict result;
-    result["verdict"] = v.Verdict();
-    result["intact"] = v.IsIntact();
-    result["open_result"] = v.openResult;
-    result["open_error"] = v.openError;
-    result["header_damaged"] = v.headerDamaged;
-    result["index_present"] = v.indexPresent;
-    result["index_valid"] = v.indexValid;
-    result["atom_records"] = v.atomRecords;
-    result["damaged_records"] = v.damagedRecords;
-    result["damaged_bytes"] = v.damagedBytes;
-    result["foreign_records"] = v.foreignRecords;
-    result["truncated_tail_bytes"] = v.truncatedTailBytes;
-    result["recoverable_atoms"] = v.recoverableAtoms;
-    py::list problems;
-    for (const auto& p : v.problems) {
-        problems.append(py::dict("offset"_a = p.offset, "length"_a = p.length, "what"_a = p.what));
-    }
-    result["problems"] = problems;
-    py::list warnings;
-    for (const auto& w : v.warnings) {
-        warnings.append(py::dict("offset"_a = w.offset, "what"_a = w.what));
-    }
-    result["warnings"] = warnings;
-    return result;
 }
 
 // Iterates the atoms of a recording: every record in file order, or one
@@ -549,7 +515,7 @@ public:
                         "layer_types"_a = types, "damaged"_a = damaged, "damage_reason"_a = reasons);
     }
 
-    py::dict Verify() {
+    py::object Verify() {
         With([](KEL::ReadKEL2File&) {});  // ValueError once closed
         // The verifier reads the file on its own, not through the reader.
         KEL::ContainerVerification v;
@@ -557,7 +523,7 @@ public:
             py::gil_scoped_release released;
             v = KEL::VerifyContainer(state_->path);
         }
-        return VerificationDict(v);
+        return FromJson(KEL::ToJson(v, state_->path));
     }
 
 private:
@@ -634,6 +600,14 @@ void BindRecording(py::module_& m) {
         .def_property_readonly(
             "damage",
             [](Recording& r) { return DamageDict(r.With([](KEL::ReadKEL2File& f) { return f.GetDamageReport(); })); })
+        .def(
+            "summary",
+            [](Recording& r) {
+                return FromJson(
+                    KEL::ToJson(r.With([](KEL::ReadKEL2File& f) { return KEL::SummarizeOpenContainer(f); })));
+            },
+            "What the file holds, as `kel info --json` shows it: streams with their frames, time span, stored "
+            "bytes, missing frames and first-atom layers; the playable frame count, damage, identity.")
         .def("atom_index", &Recording::AtomIndex,
              "Every atom record in file order, as columns: stream, frame, time_stamp and stored_bytes (arrays), "
              "layer_types (a tuple of type names per atom), damaged (bool array) and damage_reason. Read from the "
@@ -670,6 +644,19 @@ void BindRecording(py::module_& m) {
              [](Recording& r) { return "<kel.Recording '" + r.Path() + "'" + (r.IsClosed() ? " closed" : "") + ">"; });
 
     m.def(
+        "summary",
+        [](const std::string& path) {
+            KEL::ContainerSummary summary;
+            {
+                py::gil_scoped_release released;
+                summary = KEL::SummarizeContainer(path);
+            }
+            return FromJson(KEL::ToJson(summary));
+        },
+        "path"_a,
+        "Summarises a container file as `kel info --json` does. Never raises for the file: one that cannot be "
+        "opened gives {'path', 'ok': False, 'error_code', 'error'}.");
+    m.def(
         "verify",
         [](const std::string& path) {
             KEL::ContainerVerification v;
@@ -677,7 +664,7 @@ void BindRecording(py::module_& m) {
                 py::gil_scoped_release released;
                 v = KEL::VerifyContainer(path);
             }
-            return VerificationDict(v);
+            return FromJson(KEL::ToJson(v, path));
         },
         "path"_a,
         "Checks every byte of a file, as `kel verify` does, and returns the findings as a dict (Recording.verify()'s); "

@@ -13,7 +13,7 @@ packages=(
   build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
   libboost-filesystem-dev libboost-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  libxxhash-dev libpugixml-dev libpng-dev nlohmann-json3-dev libcli11-dev librapidcheck-dev
+  libxxhash-dev libzstd-dev libpugixml-dev libpng-dev nlohmann-json3-dev libcli11-dev librapidcheck-dev
   python3 python3-dev pybind11-dev python3-numpy
 )
 dask=(python3-dask python3-distributed python3-pandas)

@@ -114,8 +114,12 @@ KEL::KelErrorCode SourceKEL2FileBase::OpenKelFilesInDirectory(const std::string&
 }
 
 KEL::KelErrorCode SourceKEL2FileBase::OpenDirectoryReaders(
-    const std::string& directory, Readers& readers,
+    std::shared_ptr<KEL::FilterParamDirPath>& param, std::string& directory, Readers& readers,
     const std::function<KEL::KelErrorCode(const std::string&, Readers&)>& collect) {
+    if (!param) {
+        AddDirectoryParam(param);
+    }
+    directory = param->GetAbsoluteDirPath();
     boost::system::error_code statusError;
     if (!boost::filesystem::is_directory(boost::filesystem::status(directory, statusError))) {
         return ReportError(KEL::KEL_ERR_NOT_FOUND, ("Directory '" + directory + "' does not exist").c_str());

@@ -82,12 +82,14 @@ protected:
     // code; 4 (logged at level 2) when there is no candidate.
     static KEL::KelErrorCode OpenKelFilesInDirectory(const std::string& directory, PathOrder order, Readers& readers);
 
-    // For the directory sources, at the start of onInitialize: checks that
-    // `directory` exists and fills `readers` through `collect`. On failure
-    // reports the error (1 for a missing directory, the collector's code, or
-    // 4 when no file was opened) and returns the reported code.
+    // For the directory sources, at the start of onInitialize: creates the
+    // directory parameter if onInitializeParams did not, sets `directory` to
+    // its absolute path, checks that the directory exists and fills
+    // `readers` through `collect`. On failure reports the error (1 for a
+    // missing directory, the collector's code, or 4 when no file was opened)
+    // and returns the reported code.
     KEL::KelErrorCode OpenDirectoryReaders(
-        const std::string& directory, Readers& readers,
+        std::shared_ptr<KEL::FilterParamDirPath>& param, std::string& directory, Readers& readers,
         const std::function<KEL::KelErrorCode(const std::string&, Readers&)>& collect);
 
     std::shared_ptr<KEL::Profile> profile_;

@@ -14,10 +14,7 @@ KEL::KelErrorCode SourceKEL2MultiFileAppend::onInitializeParams(KEL::Filter* /*f
     return AddDirectoryParam(directoryParam_);
 }
 
-KEL::KelErrorCode SourceKEL2MultiFileAppend::onInitialize(KEL::Filter* filter) {
-    if (!directoryParam_) {
-        onInitializeParams(filter);
-    }
+KEL::KelErrorCode SourceKEL2MultiFileAppend::onInitialize(KEL::Filter* /*filter*/) {
     // A repeated initialisation starts from nothing, as after onDeInitialize.
     CloseReaders();
     auto closeAndFail = [this](KEL::KelErrorCode code, const std::string& message) {
@@ -25,15 +22,15 @@ KEL::KelErrorCode SourceKEL2MultiFileAppend::onInitialize(KEL::Filter* filter) {
         return ReportError(code, message.c_str());
     };
 
-    const std::string directory = directoryParam_->GetAbsoluteDirPath();
-
     // The only long-lived holder of the readers is the frame table: a file
     // that contributes no frames is closed when this list goes.
+    std::string directory;
     Readers readers;
     const auto collect = [this](const std::string& dir, Readers& found) {
         return CollectReadersForFilesInDirectory(dir, found);
     };
-    if (const KEL::KelErrorCode code = OpenDirectoryReaders(directory, readers, collect); code != KEL::KEL_OK) {
+    if (const KEL::KelErrorCode code = OpenDirectoryReaders(directoryParam_, directory, readers, collect);
+        code != KEL::KEL_OK) {
         return code;
     }
 

@@ -13,19 +13,11 @@
 namespace Kel2File {
 
 std::uint32_t Utils::DetermineFileNumFrames(std::shared_ptr<KEL::ReadKEL2File> reader) {
-    const int numStreams = reader->GetNumStreams();
-    if (numStreams == 0) {
-        return 0;
+    // A negative stream count (a broken reader) reports the largest count.
+    if (reader->GetNumStreams() < 0) {
+        return std::numeric_limits<std::uint32_t>::max();
     }
-    std::uint32_t numFrames = std::numeric_limits<std::uint32_t>::max();
-    // A negative count leaves the loop out and reports the largest count.
-    for (int i = 0; i < numStreams; ++i) {
-        const std::uint32_t streamFrames = reader->GetNumFrames(reader->GetStreamId(i));
-        if (streamFrames < numFrames) {
-            numFrames = streamFrames;
-        }
-    }
-    return numFrames;
+    return reader->GetNumPlayableFrames();
 }
 
 std::shared_ptr<KEL::DataTypeStreamInfo> Utils::ExtractStreamInfo(std::shared_ptr<KEL::Atom> atom,

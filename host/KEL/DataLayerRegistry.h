@@ -24,7 +24,6 @@ public:
     // An empty layer of that type (purpose and version to be set by the
     // caller), or empty for an unknown type.
     std::shared_ptr<DataLayer> Create(const KelCommon::Guid& typeGuid) const;
-    std::vector<KelCommon::Guid> RegisteredTypes() const;
 
     // Rebuilds a layer from its stored parts: a typed layer when the type is
     // registered and its content decodes, a DataTypeOpaque for an unknown

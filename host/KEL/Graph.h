@@ -120,8 +120,6 @@ public:
     std::list<IFrameOrderResetListener*>& GetFrameOrderResetListeners() noexcept { return listeners_; }
     void RegisterFrameOrderResetListener(IFrameOrderResetListener* listener);
     void UnregisterFrameOrderResetListener(IFrameOrderResetListener* listener);
-    // Calls every registered listener (graph thread).
-    void NotifyFrameOrderReset();
 
 private:
     struct Impl;

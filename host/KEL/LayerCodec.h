@@ -11,6 +11,17 @@
 
 namespace KEL {
 
+// What a blob holds, so that a serializer that compresses can prepare it
+// for the codec (floats and pixels compress far better with their bytes
+// regrouped). Only a hint for writing: a reader finds how each blob was
+// stored in the file.
+enum class BlobKind : std::uint8_t {
+    kBytes,        // anything
+    kFloat32,      // little-endian 32-bit floats (vertices, texture coordinates)
+    kIndices32,    // 32-bit unsigned integers that mostly grow (triangle indices)
+    kPixelsRGBA8,  // 8-bit RGBA pixels, row by row
+};
+
 // Encoding of a data layer's own content for the container file.
 //
 // A layer writes two things: a small "fields" block (numbers and strings,
@@ -41,9 +52,10 @@ public:
     }
     void PutGuid(const KelCommon::Guid& g) { fields_.insert(fields_.end(), g.Bytes().begin(), g.Bytes().end()); }
     // Appends a blob; the fields only record its index.
-    void PutBlob(const KelCommon::SharedBuffer& blob) {
+    void PutBlob(const KelCommon::SharedBuffer& blob, BlobKind kind = BlobKind::kBytes) {
         PutU32(static_cast<std::uint32_t>(blobs_.size()));
         blobs_.push_back(blob);
+        kinds_.push_back(kind);
     }
 
     // For layers that carry content encoded elsewhere (unknown types kept
@@ -52,10 +64,15 @@ public:
     void PutRawFields(const std::vector<std::uint8_t>& bytes) {
         fields_.insert(fields_.end(), bytes.begin(), bytes.end());
     }
-    void AddRawBlob(const KelCommon::SharedBuffer& blob) { blobs_.push_back(blob); }
+    void AddRawBlob(const KelCommon::SharedBuffer& blob) {
+        blobs_.push_back(blob);
+        kinds_.push_back(BlobKind::kBytes);
+    }
 
     const std::vector<std::uint8_t>& Fields() const noexcept { return fields_; }
     const std::vector<KelCommon::SharedBuffer>& Blobs() const noexcept { return blobs_; }
+    // One per blob.
+    const std::vector<BlobKind>& BlobKinds() const noexcept { return kinds_; }
 
 private:
     void PutLE(std::uint64_t v, int bytes) {
@@ -65,6 +82,7 @@ private:
     }
     std::vector<std::uint8_t> fields_;
     std::vector<KelCommon::SharedBuffer> blobs_;
+    std::vector<BlobKind> kinds_;
 };
 
 // Reads what LayerEncoder wrote. Every read is bounds-checked: reading past

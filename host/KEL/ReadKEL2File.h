@@ -96,7 +96,7 @@ struct LayerListing {
     // The type's name as the layer read back gives it ("TextureRGBA";
     // "Unknown" for a type this runtime does not know).
     std::string typeName;
-    std::uint64_t blobBytes = 0;  // the sizes of its blobs (pixels, vertices, attachments)
+    std::uint64_t blobBytes = 0;  // the sizes of its blobs (pixels, vertices, attachments), decoded
 };
 
 // An atom record as its header and its layer descriptors describe it, read
@@ -188,6 +188,9 @@ public:
     std::uint64_t GetStoredBytes(std::uint16_t stream) const;
     // Total number of atom records.
     std::uint64_t GetNumAtoms() const noexcept;
+    // The frames a source plays from this file: the count of its shortest
+    // stream (0 with no stream).
+    std::uint32_t GetNumPlayableFrames() const;
     // The key of every atom record, in file order, without reading payloads.
     std::vector<AtomListing> ListAtoms() const;
     // The atom of the `position`-th record in file order (0 to GetNumAtoms()

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <KEL/Atom.h>
+#include <KEL/Compression.h>
 #include <KEL/KEL2Header.h>
 #include <KEL/KelErrorCode.h>
 #include <KelCommon/Export.h>
@@ -8,10 +9,30 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace KEL {
+
+namespace container {
+class FileIo;
+}
+
+// What a serializer is given beyond the four arguments of its constructor
+// (the constructor without options uses these defaults).
+struct SerializerOptions {
+    // The file-system calls it makes: every write, sync, cut, rename and
+    // removal goes through this object (the interface is the runtime's
+    // container/FileIo.h). Empty: the system's calls. Tests pass one that
+    // records each operation, to rebuild what a crash at any point leaves,
+    // or fails a chosen one.
+    std::shared_ptr<container::FileIo> fileIo;
+    // How blobs are stored. Unset: the process's setting
+    // (SerializerSettings::compression), which is how the serializers that
+    // the plugin's writers create follow a host's choice.
+    std::optional<CompressionSetting> compression;
+};
 
 // Writes atoms to a file.
 class KEL_API SerializeToFile {
@@ -65,6 +86,8 @@ public:
 class KEL_API SerializeToKel : public SerializeToFile {
 public:
     SerializeToKel(const char* path, bool overwrite, KELFormatVersion version, bool syncEachAtom);
+    SerializeToKel(const char* path, bool overwrite, KELFormatVersion version, bool syncEachAtom,
+                   const SerializerOptions& options);
     ~SerializeToKel() override;
 
     KelErrorCode SerializeAtom(const std::shared_ptr<Atom>& atom) override;
@@ -72,7 +95,6 @@ public:
     KelErrorCode Close() override;
 
     KelErrorCode GetOpenResult() const noexcept;
-    bool WritesXmlCompanion() const noexcept;
     std::uint64_t GetNumAtomsWritten() const noexcept;
     std::uint64_t GetBytesWritten() const noexcept;
     const std::string& GetLastError() const noexcept;
@@ -89,6 +111,17 @@ struct SerializerSettings {
     // companion) refuses with KEL_ERR_ALREADY_EXISTS and changes nothing, as
     // with `overwrite` false. For hosts that must never destroy a recording.
     bool allowReplace = true;
+    // How the blobs of every atom are stored: compressed files are read by
+    // this reader (and refused as a newer layout by readers that predate
+    // compression). The initial value comes from the environment variable
+    // KEL_COMPRESSION ("zstd", "zstd:LEVEL" or "none"; anything else is
+    // logged at level 2 and ignored).
+    CompressionSetting compression;
+    // Threads that compress and decompress blobs, shared by every serializer
+    // and reader of the process: 0 means one per core. The initial value
+    // comes from KEL_COMPRESSION_THREADS; the pool takes the value current
+    // when it is first used.
+    unsigned compressionThreads = 0;
 };
 // Thread-safe; serializers already open keep what they were created with.
 KEL_API void SetSerializerSettings(const SerializerSettings& settings);

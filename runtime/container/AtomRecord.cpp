@@ -3,10 +3,15 @@
 #include <KEL/DataLayerRegistry.h>
 #include <KEL/LayerCodec.h>
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
+#include <new>
 
+#include "container/BlobCoding.h"
+#include "container/BufferPool.h"
 #include "container/ContainerFormat.h"
+#include "container/WorkerPool.h"
 
 namespace KEL::container {
 
@@ -18,12 +23,150 @@ struct EncodedLayer {
     const DataLayer* layer = nullptr;
     std::vector<std::uint8_t> fields;
     std::vector<KelCommon::SharedBuffer> blobs;
+    std::vector<BlobKind> kinds;
 };
+
+// A blob as it goes into the record: as it is, or as compressed pieces.
+struct StoredBlob {
+    const KelCommon::SharedBuffer* blob = nullptr;
+    BlobCoding coding;  // codec kNone: stored as it is
+    std::size_t firstPiece = 0;
+    std::size_t numPieces = 0;
+    std::uint64_t storedSize = 0;
+};
+
+struct PieceJob {
+    std::size_t blob = 0;
+    const std::uint8_t* data = nullptr;
+    std::size_t size = 0;
+    bool ok = false;
+};
+
+// Compresses every blob of the atom worth compressing, all pieces at once
+// on the worker pool, and keeps the result of each blob that shrank enough.
+void CompressBlobs(const CompressionSetting& compression, std::vector<StoredBlob>& stored,
+                   const std::vector<BlobKind>& kinds, EncodedAtomRecord& out) {
+    std::vector<PieceJob> jobs;
+    for (std::size_t b = 0; b < stored.size(); ++b) {
+        StoredBlob& s = stored[b];
+        const std::size_t size = s.blob->size();
+        if (size < kMinCompressedBlobSize) {
+            continue;
+        }
+        s.coding = CodingFor(kinds[b], compression.codec);
+        s.firstPiece = jobs.size();
+        for (std::size_t offset = 0; offset < size; offset += s.coding.chunkSize) {
+            jobs.push_back(
+                {b, s.blob->data() + offset, std::min<std::size_t>(s.coding.chunkSize, size - offset), false});
+        }
+        s.numPieces = jobs.size() - s.firstPiece;
+    }
+    std::vector<std::vector<std::uint8_t>> pieces(jobs.size());
+    WorkerPool::Shared().ParallelFor(jobs.size(), [&](std::size_t i) {
+        std::string why;
+        const StoredBlob& s = stored[jobs[i].blob];
+        jobs[i].ok = CompressPiece(jobs[i].data, jobs[i].size, s.coding, compression.level, pieces[i], why);
+    });
+    for (StoredBlob& s : stored) {
+        if (s.numPieces == 0) {
+            s.coding = BlobCoding{};
+            continue;
+        }
+        std::uint64_t total = 0;
+        bool ok = true;
+        for (std::size_t i = s.firstPiece; i < s.firstPiece + s.numPieces; ++i) {
+            ok = ok && jobs[i].ok;
+            total += pieces[i].size();
+        }
+        if (!ok || total * 100 > s.blob->size() * kMaxStoredPercent) {
+            s.coding = BlobCoding{};  // stored as it is: read without decoding
+            s.numPieces = 0;
+            continue;
+        }
+        s.storedSize = total;
+        const std::size_t first = out.pieces.size();
+        for (std::size_t i = s.firstPiece; i < s.firstPiece + s.numPieces; ++i) {
+            out.pieces.push_back(std::move(pieces[i]));
+        }
+        s.firstPiece = first;
+    }
+}
+
+// What the reader needs of a compressed blob until its pieces are decoded.
+struct PendingBlob {
+    std::size_t layer = 0;
+    std::size_t index = 0;  // in the layer's blobs
+    const std::uint8_t* stored = nullptr;
+    std::uint64_t storedSize = 0;
+    std::uint64_t originalSize = 0;
+    BlobCoding coding;
+    std::vector<StoredPiece> pieces;
+    std::uint64_t outputOffset = 0;  // in the block that receives every decoded blob
+};
+
+struct ParsedLayer {
+    std::array<std::uint8_t, KelCommon::Guid::kSize> type{};
+    std::array<std::uint8_t, KelCommon::Guid::kSize> purpose{};
+    std::uint16_t version = 0;
+    const std::uint8_t* fields = nullptr;
+    std::uint32_t fieldsSize = 0;
+    std::vector<KelCommon::SharedBuffer> blobs;
+};
+
+// Decodes every compressed blob into one pooled block and puts the views of
+// it into their layers.
+bool InflateBlobs(std::vector<PendingBlob>& pending, std::vector<ParsedLayer>& layers, std::string& reason) {
+    std::uint64_t total = 0;
+    for (PendingBlob& p : pending) {
+        if (!FindPieces(p.stored, p.storedSize, p.originalSize, p.coding, p.pieces, reason)) {
+            return false;
+        }
+        p.outputOffset = total;
+        total += AlignUp(p.originalSize, kBlobAlignment);
+    }
+    std::shared_ptr<std::uint8_t> block;
+    try {
+        block = BufferPool::Shared()->Get(static_cast<std::size_t>(total));
+    } catch (const std::bad_alloc&) {
+        reason = "cannot allocate " + std::to_string(total) + " bytes for its decompressed blobs";
+        return false;
+    }
+    struct Job {
+        const PendingBlob* blob;
+        std::size_t piece;
+    };
+    std::vector<Job> jobs;
+    for (const PendingBlob& p : pending) {
+        for (std::size_t i = 0; i < p.pieces.size(); ++i) {
+            jobs.push_back({&p, i});
+        }
+    }
+    std::vector<std::string> failures(jobs.size());
+    WorkerPool::Shared().ParallelFor(jobs.size(), [&](std::size_t j) {
+        const PendingBlob& p = *jobs[j].blob;
+        const StoredPiece& piece = p.pieces[jobs[j].piece];
+        const std::uint64_t start = static_cast<std::uint64_t>(jobs[j].piece) * p.coding.chunkSize;
+        const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(p.coding.chunkSize, p.originalSize - start));
+        DecompressPiece(p.stored + piece.offset, piece.size, p.coding, block.get() + p.outputOffset + start, size,
+                        failures[j]);
+    });
+    for (const std::string& failure : failures) {
+        if (!failure.empty()) {
+            reason = failure;
+            return false;
+        }
+    }
+    for (const PendingBlob& p : pending) {
+        layers[p.layer].blobs[p.index] = KelCommon::SharedBuffer::Alias(block, block.get() + p.outputOffset,
+                                                                        static_cast<std::size_t>(p.originalSize));
+    }
+    return true;
+}
 
 }  // namespace
 
 KelErrorCode EncodeAtomRecord(const Atom& atom, std::uint64_t recordOffset, std::uint64_t fileId,
-                              EncodedAtomRecord& out, std::string& error) {
+                              const CompressionSetting& compression, EncodedAtomRecord& out, std::string& error) {
     const AtomKey key{atom.GetStreamId(), atom.GetFrameNr(), atom.GetTimeStamp()};
     out.key = key;
     out.layers = atom.GetAllDataLayers();
@@ -32,6 +175,8 @@ KelErrorCode EncodeAtomRecord(const Atom& atom, std::uint64_t recordOffset, std:
         error = "too many layers";
         return KEL_ERR_INVALID;
     }
+    const bool coded = compression.Enabled();
+    const std::size_t refSize = coded ? kCodedBlobRefSize : kBlobRefSize;
     std::vector<EncodedLayer> encoded;
     encoded.reserve(layers.size());
     std::uint64_t headSize = kRecordHeaderSize + kAtomMetaSize;
@@ -42,20 +187,37 @@ KelErrorCode EncodeAtomRecord(const Atom& atom, std::uint64_t recordOffset, std:
         }
         LayerEncoder encoder;
         layer->EncodeFields(encoder);
-        EncodedLayer e{layer.get(), encoder.Fields(), encoder.Blobs()};
+        EncodedLayer e{layer.get(), encoder.Fields(), encoder.Blobs(), encoder.BlobKinds()};
         if (e.fields.size() > std::numeric_limits<std::uint32_t>::max() ||
             e.blobs.size() > std::numeric_limits<std::uint32_t>::max()) {
             error = "layer " + layer->TypeName() + " is too large to store";
             return KEL_ERR_INVALID;
         }
-        headSize += kLayerDescriptorSize + AlignUp(e.fields.size(), kRecordAlignment) + kBlobRefSize * e.blobs.size();
+        headSize += kLayerDescriptorSize + AlignUp(e.fields.size(), kRecordAlignment) + refSize * e.blobs.size();
         encoded.push_back(std::move(e));
     }
 
-    const std::uint64_t payloadStart = recordOffset + kRecordHeaderSize;
     out.head.assign(headSize, 0);
     out.blobs.clear();
+    out.pieces.clear();
     out.iov.clear();
+    out.blobBytes = 0;
+    out.storedBlobBytes = 0;
+    std::vector<StoredBlob> stored;
+    std::vector<BlobKind> kinds;
+    for (const auto& e : encoded) {
+        for (std::size_t b = 0; b < e.blobs.size(); ++b) {
+            StoredBlob blob;
+            blob.blob = &e.blobs[b];
+            stored.push_back(blob);
+            kinds.push_back(b < e.kinds.size() ? e.kinds[b] : BlobKind::kBytes);
+        }
+    }
+    if (coded) {
+        CompressBlobs(compression, stored, kinds, out);
+    }
+
+    const std::uint64_t payloadStart = recordOffset + kRecordHeaderSize;
     std::uint8_t* h = out.head.data();
     std::uint8_t* meta = h + kRecordHeaderSize;
     PutU16(meta, key.streamId);
@@ -68,11 +230,12 @@ KelErrorCode EncodeAtomRecord(const Atom& atom, std::uint64_t recordOffset, std:
     // previous one, starting after the head.
     struct Placement {
         std::uint64_t padding;
-        const KelCommon::SharedBuffer* blob;
+        const StoredBlob* blob;
     };
     std::vector<Placement> placements;
     std::uint64_t cursor = recordOffset + headSize;
     std::uint8_t* p = meta + kAtomMetaSize;
+    std::size_t next = 0;
     for (const auto& e : encoded) {
         const auto& purpose = e.layer->GetPurposeGuid().Bytes();
         const auto& type = e.layer->GetTypeGuid().Bytes();
@@ -81,19 +244,32 @@ KelErrorCode EncodeAtomRecord(const Atom& atom, std::uint64_t recordOffset, std:
         PutU16(p + 32, e.layer->GetVersion());
         PutU32(p + 36, static_cast<std::uint32_t>(e.blobs.size()));
         PutU32(p + 40, static_cast<std::uint32_t>(e.fields.size()));
+        PutU32(p + 44, coded ? kBlobTableCoded : kBlobTablePlain);
         p += kLayerDescriptorSize;
         if (!e.fields.empty()) {
             std::memcpy(p, e.fields.data(), e.fields.size());
         }
         p += AlignUp(e.fields.size(), kRecordAlignment);
-        for (const auto& blob : e.blobs) {
+        for (std::size_t b = 0; b < e.blobs.size(); ++b, ++next) {
+            const StoredBlob& s = stored[next];
+            const std::uint64_t size = s.blob->size();
+            const std::uint64_t storedSize = s.numPieces != 0 ? s.storedSize : size;
             const std::uint64_t start = AlignUp(cursor, kBlobAlignment);
             PutU64(p, start - payloadStart);
-            PutU64(p + 8, blob.size());
-            p += kBlobRefSize;
-            placements.push_back({start - cursor, &blob});
-            cursor = start + blob.size();
-            out.blobs.push_back(blob);
+            PutU64(p + 8, storedSize);
+            if (coded) {
+                PutU64(p + 16, size);
+                p[24] = static_cast<std::uint8_t>(s.coding.codec);
+                p[25] = static_cast<std::uint8_t>(s.coding.filter);
+                p[26] = s.coding.elementSize;
+                PutU32(p + 28, s.coding.chunkSize);
+            }
+            p += refSize;
+            placements.push_back({start - cursor, &s});
+            cursor = start + storedSize;
+            out.blobs.push_back(*s.blob);
+            out.blobBytes += size;
+            out.storedBlobBytes += storedSize;
         }
     }
     const std::uint64_t end = AlignUp(cursor, kRecordAlignment);
@@ -102,20 +278,24 @@ KelErrorCode EncodeAtomRecord(const Atom& atom, std::uint64_t recordOffset, std:
     PayloadHasher hasher(payloadStart);
     hasher.Update(out.head.data() + kRecordHeaderSize, out.head.size() - kRecordHeaderSize);
     auto* zeros = const_cast<std::uint8_t*>(kZeros.data());
+    auto add = [&](const std::uint8_t* data, std::size_t size) {
+        if (size != 0) {
+            out.iov.push_back({const_cast<std::uint8_t*>(data), size});
+            hasher.Update(data, size);
+        }
+    };
     for (const auto& placement : placements) {
-        if (placement.padding != 0) {
-            out.iov.push_back({zeros, placement.padding});
-            hasher.Update(zeros, placement.padding);
-        }
-        if (!placement.blob->empty()) {
-            out.iov.push_back({const_cast<std::uint8_t*>(placement.blob->data()), placement.blob->size()});
-            hasher.Update(placement.blob->data(), placement.blob->size());
+        add(zeros, placement.padding);
+        const StoredBlob& s = *placement.blob;
+        if (s.numPieces == 0) {
+            add(s.blob->data(), s.blob->size());
+        } else {
+            for (std::size_t i = s.firstPiece; i < s.firstPiece + s.numPieces; ++i) {
+                add(out.pieces[i].data(), out.pieces[i].size());
+            }
         }
     }
-    if (end != cursor) {
-        out.iov.push_back({zeros, end - cursor});
-        hasher.Update(zeros, end - cursor);
-    }
+    add(zeros, end - cursor);
 
     RecordHeader header;
     header.kind = RecordKind::kAtom;
@@ -140,54 +320,96 @@ std::shared_ptr<Atom> DecodeAtomRecord(const std::shared_ptr<const void>& owner,
         reason = "layer count exceeds the record";
         return nullptr;
     }
-    auto atom =
-        std::make_shared<Atom>(GetU16(payload), GetU32(payload + 4), static_cast<std::int64_t>(GetU64(payload + 8)));
-    atom->SetId(GetU32(payload + 16));
-
-    const auto& registry = DataLayerRegistry::Instance();
+    std::vector<ParsedLayer> layers(numLayers);
+    std::vector<PendingBlob> pending;
     std::uint64_t pos = kAtomMetaSize;
     for (std::uint32_t i = 0; i < numLayers; ++i) {
         if (payloadSize - pos < kLayerDescriptorSize) {
             reason = "layer descriptor exceeds the record";
             return nullptr;
         }
+        ParsedLayer& layer = layers[i];
         const std::uint8_t* d = payload + pos;
-        std::array<std::uint8_t, KelCommon::Guid::kSize> type{};
-        std::array<std::uint8_t, KelCommon::Guid::kSize> purpose{};
-        std::memcpy(type.data(), d, type.size());
-        std::memcpy(purpose.data(), d + 16, purpose.size());
-        const std::uint16_t version = GetU16(d + 32);
+        std::memcpy(layer.type.data(), d, layer.type.size());
+        std::memcpy(layer.purpose.data(), d + 16, layer.purpose.size());
+        layer.version = GetU16(d + 32);
         const std::uint32_t numBlobs = GetU32(d + 36);
-        const std::uint32_t fieldsSize = GetU32(d + 40);
+        layer.fieldsSize = GetU32(d + 40);
+        const std::uint32_t form = GetU32(d + 44);
+        if (form != kBlobTablePlain && form != kBlobTableCoded) {
+            reason = "layer " + std::to_string(i) + " has a blob table of form " + std::to_string(form) +
+                     ", which this reader does not know (written by a newer host)";
+            return nullptr;
+        }
+        const std::size_t refSize = form == kBlobTableCoded ? kCodedBlobRefSize : kBlobRefSize;
         pos += kLayerDescriptorSize;
-        const std::uint64_t fieldsSpan = AlignUp(fieldsSize, kRecordAlignment);
+        const std::uint64_t fieldsSpan = AlignUp(layer.fieldsSize, kRecordAlignment);
         if (payloadSize - pos < fieldsSpan) {
             reason = "layer fields exceed the record";
             return nullptr;
         }
-        const std::uint8_t* fields = payload + pos;
+        layer.fields = payload + pos;
         pos += fieldsSpan;
-        if (numBlobs > (payloadSize - pos) / kBlobRefSize) {
+        if (numBlobs > (payloadSize - pos) / refSize) {
             reason = "blob table exceeds the record";
             return nullptr;
         }
-        std::vector<KelCommon::SharedBuffer> blobs;
-        blobs.reserve(numBlobs);
+        layer.blobs.reserve(numBlobs);
         for (std::uint32_t b = 0; b < numBlobs; ++b) {
-            const std::uint64_t offset = GetU64(payload + pos);
-            const std::uint64_t size = GetU64(payload + pos + 8);
-            pos += kBlobRefSize;
+            const std::uint8_t* ref = payload + pos;
+            const std::uint64_t offset = GetU64(ref);
+            const std::uint64_t size = GetU64(ref + 8);
+            pos += refSize;
             if (offset > payloadSize || size > payloadSize - offset) {
                 reason = "blob exceeds the record";
                 return nullptr;
             }
-            blobs.push_back(size == 0 ? KelCommon::SharedBuffer{}
-                                      : KelCommon::SharedBuffer::Alias(owner, payload + offset, size));
+            BlobCoding coding;
+            std::uint64_t originalSize = size;
+            if (form == kBlobTableCoded) {
+                originalSize = GetU64(ref + 16);
+                coding.codec = static_cast<CompressionCodec>(ref[24]);
+                coding.filter = static_cast<BlobFilter>(ref[25]);
+                coding.elementSize = ref[26];
+                coding.chunkSize = GetU32(ref + 28);
+                if (!CodingSupported(coding, reason)) {
+                    return nullptr;
+                }
+                if (coding.codec == CompressionCodec::kNone && originalSize != size) {
+                    reason = "blob stored as it is with two different sizes";
+                    return nullptr;
+                }
+            }
+            if (coding.codec != CompressionCodec::kNone) {
+                PendingBlob blob;
+                blob.layer = i;
+                blob.index = b;
+                blob.stored = payload + offset;
+                blob.storedSize = size;
+                blob.originalSize = originalSize;
+                blob.coding = coding;
+                pending.push_back(std::move(blob));
+                layer.blobs.emplace_back();
+                continue;
+            }
+            layer.blobs.push_back(size == 0 ? KelCommon::SharedBuffer{}
+                                            : KelCommon::SharedBuffer::Alias(owner, payload + offset, size));
         }
-        auto layer = registry.Decode(KelCommon::Guid(type), KelCommon::Guid(purpose), version, fields, fieldsSize,
-                                     std::move(blobs));
+    }
+    if (!pending.empty() && !InflateBlobs(pending, layers, reason)) {
+        return nullptr;
+    }
+
+    auto atom =
+        std::make_shared<Atom>(GetU16(payload), GetU32(payload + 4), static_cast<std::int64_t>(GetU64(payload + 8)));
+    atom->SetId(GetU32(payload + 16));
+    const auto& registry = DataLayerRegistry::Instance();
+    for (std::uint32_t i = 0; i < numLayers; ++i) {
+        ParsedLayer& parsed = layers[i];
+        auto layer = registry.Decode(KelCommon::Guid(parsed.type), KelCommon::Guid(parsed.purpose), parsed.version,
+                                     parsed.fields, parsed.fieldsSize, std::move(parsed.blobs));
         if (!layer) {
-            reason = "layer " + std::to_string(i) + " of type " + KelCommon::Guid(type).ToString().str() +
+            reason = "layer " + std::to_string(i) + " of type " + KelCommon::Guid(parsed.type).ToString().str() +
                      " does not decode";
             return nullptr;
         }
@@ -239,29 +461,55 @@ LayoutStatus ListAtomLayers(const std::uint8_t* payload, std::uint64_t available
         layer.version = GetU16(d + 32);
         const std::uint32_t numBlobs = GetU32(d + 36);
         const std::uint32_t fieldsSize = GetU32(d + 40);
+        const std::uint32_t form = GetU32(d + 44);
+        if (form != kBlobTablePlain && form != kBlobTableCoded) {
+            reason = "layer " + std::to_string(i) + " has a blob table of form " + std::to_string(form) +
+                     ", which this reader does not know (written by a newer host)";
+            return LayoutStatus::kMalformed;
+        }
+        const std::size_t refSize = form == kBlobTableCoded ? kCodedBlobRefSize : kBlobRefSize;
         pos += kLayerDescriptorSize;
         if (AlignUp(fieldsSize, kRecordAlignment) > payloadSize - pos) {
             reason = "layer fields exceed the record";
             return LayoutStatus::kMalformed;
         }
         pos += AlignUp(fieldsSize, kRecordAlignment);
-        if (numBlobs > (payloadSize - pos) / kBlobRefSize) {
+        if (numBlobs > (payloadSize - pos) / refSize) {
             reason = "blob table exceeds the record";
             return LayoutStatus::kMalformed;
         }
-        if (const auto status = reach(std::uint64_t{numBlobs} * kBlobRefSize, "blob table exceeds the record");
+        if (const auto status = reach(std::uint64_t{numBlobs} * refSize, "blob table exceeds the record");
             status != LayoutStatus::kListed) {
             return status;
         }
         for (std::uint32_t b = 0; b < numBlobs; ++b) {
-            const std::uint64_t offset = GetU64(payload + pos);
-            const std::uint64_t size = GetU64(payload + pos + 8);
-            pos += kBlobRefSize;
+            const std::uint8_t* ref = payload + pos;
+            const std::uint64_t offset = GetU64(ref);
+            const std::uint64_t size = GetU64(ref + 8);
+            pos += refSize;
             if (offset > payloadSize || size > payloadSize - offset) {
                 reason = "blob exceeds the record";
                 return LayoutStatus::kMalformed;
             }
-            layer.blobBytes += size;
+            std::uint64_t originalSize = size;
+            if (form == kBlobTableCoded) {
+                // A coded blob is listed with the size it has once decoded;
+                // a coding this reader cannot decode makes the atom unreadable.
+                originalSize = GetU64(ref + 16);
+                BlobCoding coding;
+                coding.codec = static_cast<CompressionCodec>(ref[24]);
+                coding.filter = static_cast<BlobFilter>(ref[25]);
+                coding.elementSize = ref[26];
+                coding.chunkSize = GetU32(ref + 28);
+                if (!CodingSupported(coding, reason)) {
+                    return LayoutStatus::kMalformed;
+                }
+                if (coding.codec == CompressionCodec::kNone && originalSize != size) {
+                    reason = "blob stored as it is with two different sizes";
+                    return LayoutStatus::kMalformed;
+                }
+            }
+            layer.blobBytes += originalSize;
         }
         layers.push_back(std::move(layer));
     }

@@ -92,9 +92,4 @@ void BufferPool::Return(std::uint8_t* data, std::size_t capacity) {
     std::free(data);
 }
 
-std::size_t BufferPool::CachedBytes() const {
-    std::lock_guard lock(mutex_);
-    return cached_;
-}
-
 }  // namespace KEL::container

@@ -34,8 +34,6 @@ public:
 
     // A block of at least `size` bytes. Throws std::bad_alloc.
     std::shared_ptr<std::uint8_t> Get(std::size_t size);
-    // Bytes held in returned blocks, ready for reuse.
-    std::size_t CachedBytes() const;
 
 private:
     void Return(std::uint8_t* data, std::size_t capacity);

@@ -10,7 +10,7 @@
 //   fileHeader (64 bytes at 0):
 //     0  "KEL_Osprey"          10 bytes
 //     10 u16 format version    (2000)
-//     12 u8  layout revision   (2)
+//     12 u8  layout revision   (2; 3 when layers may use coded blob tables)
 //     13 u8  flags (0), 14 u16 reserved (0)
 //     16 u64 file identity     (random, chosen at creation, never 0)
 //     24 i64 creation time     (microseconds since the Unix epoch)
@@ -60,6 +60,10 @@ inline constexpr std::size_t kMagicSize = 10;
 inline constexpr std::array<std::uint8_t, kMagicSize> kFileMagic{'K', 'E', 'L', '_', 'O', 's', 'p', 'r', 'e', 'y'};
 inline constexpr std::uint16_t kFormatVersion = 2000;
 inline constexpr std::uint8_t kLayoutRevision = 2;
+// The layout of files whose layers may use coded blob tables (compressed
+// blobs). Readers that predate it refuse such a file as a newer layout
+// instead of taking its blobs for damage; this reader reads both.
+inline constexpr std::uint8_t kLayoutRevisionCoded = 3;
 inline constexpr std::size_t kFileHeaderSize = 64;
 inline constexpr std::size_t kFileHeaderCheckedBytes = 56;
 
@@ -84,14 +88,22 @@ enum class RecordKind : std::uint8_t {
 //   8  i64 time stamp, 16 u32 atom id, 20 u32 layer count
 //   then per layer a descriptor:
 //     0 guid type (16), 16 guid purpose (16), 32 u16 version, 34 u16 reserved,
-//     36 u32 blob count, 40 u32 fields size, 44 u32 reserved,
+//     36 u32 blob count, 40 u32 fields size, 44 u32 blob table form,
 //     48 fields bytes, padded to 8,
-//     then per blob: u64 offset (from the payload start), u64 size
+//     then per blob, in the plain form (0):
+//       u64 offset (from the payload start), u64 size
+//     or in the coded form (1):
+//       0 u64 offset, 8 u64 stored size, 16 u64 original size,
+//       24 u8 codec, 25 u8 filter, 26 u8 element size, 27 u8 reserved,
+//       28 u32 original bytes per independently coded piece
 //   then the blobs, each at a file offset aligned to kBlobAlignment,
 //   then zero padding to a multiple of 8.
 inline constexpr std::size_t kAtomMetaSize = 24;
 inline constexpr std::size_t kLayerDescriptorSize = 48;
 inline constexpr std::size_t kBlobRefSize = 16;
+inline constexpr std::size_t kCodedBlobRefSize = 32;
+inline constexpr std::uint32_t kBlobTablePlain = 0;
+inline constexpr std::uint32_t kBlobTableCoded = 1;
 
 // An index entry, as the index and the checkpoints list atom records:
 //   0 u64 record offset, 8 i64 time stamp, 16 u32 frame number,
@@ -163,10 +175,10 @@ inline FileHeaderStatus DecodeFileHeader(const std::uint8_t* data, std::uint64_t
     out.revision = data[12];
     out.fileId = GetU64(data + 16);
     out.createdUs = static_cast<std::int64_t>(GetU64(data + 24));
-    if (out.version != kFormatVersion || out.revision != kLayoutRevision) {
+    if (out.version != kFormatVersion || (out.revision != kLayoutRevision && out.revision != kLayoutRevisionCoded)) {
         reason = "format version " + std::to_string(out.version) + " revision " + std::to_string(out.revision) +
-                 " (this host reads " + std::to_string(kFormatVersion) + " revision " +
-                 std::to_string(kLayoutRevision) + ")";
+                 " (this host reads " + std::to_string(kFormatVersion) + " revisions " +
+                 std::to_string(kLayoutRevision) + " and " + std::to_string(kLayoutRevisionCoded) + ")";
         return FileHeaderStatus::kUnsupported;
     }
     if (out.fileId == 0) {

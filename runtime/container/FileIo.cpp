@@ -8,7 +8,6 @@
 #include <climits>
 #include <cstdio>
 #include <filesystem>
-#include <mutex>
 #include <random>
 #include <vector>
 
@@ -19,16 +18,6 @@ namespace KEL::container {
 namespace {
 
 int ResultOf(int rc) { return rc < 0 ? -errno : rc; }
-
-std::mutex& HookLock() {
-    static std::mutex lock;
-    return lock;
-}
-
-std::shared_ptr<FileIo>& Installed() {
-    static std::shared_ptr<FileIo> io;
-    return io;
-}
 
 }  // namespace
 
@@ -130,15 +119,9 @@ int ReplaceFileAtomically(FileIo& io, const std::string& path, const std::string
     return rc;
 }
 
-std::shared_ptr<FileIo> CurrentFileIo() {
+std::shared_ptr<FileIo> SystemCalls() {
     static const auto system = std::make_shared<SystemFileIo>();
-    std::lock_guard lock(HookLock());
-    return Installed() ? Installed() : system;
-}
-
-void SetFileIoForTesting(std::shared_ptr<FileIo> io) {
-    std::lock_guard lock(HookLock());
-    Installed() = std::move(io);
+    return system;
 }
 
 }  // namespace KEL::container

@@ -67,11 +67,8 @@ int ReplaceFileAtomically(FileIo& io, const std::string& path, const std::string
 // directory).
 std::string DirectoryOf(const std::string& path);
 
-// The implementation that serializers created from now on use.
-std::shared_ptr<FileIo> CurrentFileIo();
-
-// Test hook: serializers created after this call use `io` (nullptr restores
-// the system's calls). Serializers already open keep theirs.
-void SetFileIoForTesting(std::shared_ptr<FileIo> io);
+// The system's calls, one object shared by every serializer that is given
+// no FileIo of its own.
+std::shared_ptr<FileIo> SystemCalls();
 
 }  // namespace KEL::container

@@ -3,6 +3,7 @@
 #include <KEL/ReadKEL2File.h>
 
 #include <algorithm>
+#include <limits>
 #include <new>
 #include <unordered_map>
 #include <unordered_set>
@@ -558,6 +559,17 @@ std::uint64_t ReadKEL2File::GetStoredBytes(std::uint16_t stream) const {
 }
 
 std::uint64_t ReadKEL2File::GetNumAtoms() const noexcept { return impl_->records.Size(); }
+
+std::uint32_t ReadKEL2File::GetNumPlayableFrames() const {
+    if (impl_->streamOrder.empty()) {
+        return 0;
+    }
+    std::uint32_t shortest = std::numeric_limits<std::uint32_t>::max();
+    for (int i = 0; i < GetNumStreams(); ++i) {
+        shortest = std::min(shortest, GetNumFrames(GetStreamId(i)));
+    }
+    return shortest;
+}
 
 std::vector<AtomListing> ReadKEL2File::ListAtoms() const {
     std::vector<AtomListing> atoms;

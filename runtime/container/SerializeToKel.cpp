@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <mutex>
@@ -86,7 +87,45 @@ private:
     std::vector<SerializerFailure> failures_;
 };
 
-std::atomic<bool> gAllowReplace{true};
+// The process's serializer settings, read from the environment on first
+// use.
+class Settings {
+public:
+    static Settings& Instance() {
+        static Settings settings;
+        return settings;
+    }
+    SerializerSettings Get() {
+        const std::lock_guard lock(mutex_);
+        return current_;
+    }
+    void Set(const SerializerSettings& settings) {
+        const std::lock_guard lock(mutex_);
+        current_ = settings;
+    }
+
+private:
+    Settings() {
+        if (const char* text = std::getenv("KEL_COMPRESSION"); text != nullptr && *text != '\0') {
+            std::string error;
+            if (!ParseCompression(text, current_.compression, error)) {
+                LogContainer(2, "KEL_COMPRESSION ignored: %s", error.c_str());
+            }
+        }
+        if (const char* text = std::getenv("KEL_COMPRESSION_THREADS"); text != nullptr && *text != '\0') {
+            char* end = nullptr;
+            const unsigned long threads = std::strtoul(text, &end, 10);
+            if (end == text || *end != '\0' || threads > 1024) {
+                LogContainer(2, "KEL_COMPRESSION_THREADS ignored: '%s' is not a number of threads (0 to 1024)", text);
+            } else {
+                current_.compressionThreads = static_cast<unsigned>(threads);
+            }
+        }
+    }
+
+    std::mutex mutex_;
+    SerializerSettings current_;
+};
 
 // What failed, for logging each kind of failure once.
 enum class Step { kOpen, kWrite, kSync, kRefused, kIndex, kClose, kCompanion, kAtom, kCheckpoint };
@@ -111,10 +150,11 @@ std::uint64_t NewFileId() {
 // was written completely, and a failed write is cut back to it, so the file
 // on disk is always a valid container prefix that a reader can scan.
 struct SerializeToKel::Impl {
-    std::shared_ptr<FileIo> io = CurrentFileIo();
+    std::shared_ptr<FileIo> io;
     KelCommon::String filePath;
     bool writeXml = false;
     bool syncEachAtom = false;
+    CompressionSetting compression;
     int fd = -1;
     KelErrorCode openResult = KEL_OK;
     bool closed = false;
@@ -223,6 +263,7 @@ KelErrorCode SerializeToKel::Impl::CreateInPlace(bool overwrite) {
 
 KelErrorCode SerializeToKel::Impl::PutInPlace(const std::string& temp, bool overwrite) {
     header.fileId = NewFileId();
+    header.revision = compression.Enabled() ? kLayoutRevisionCoded : kLayoutRevision;
     header.createdUs =
         std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
             .count();
@@ -297,7 +338,8 @@ KelErrorCode SerializeToKel::Impl::Serialize(const Atom& atom) {
     }
     EncodedAtomRecord record;
     std::string error;
-    if (const KelErrorCode code = EncodeAtomRecord(atom, end, header.fileId, record, error); code != KEL_OK) {
+    if (const KelErrorCode code = EncodeAtomRecord(atom, end, header.fileId, compression, record, error);
+        code != KEL_OK) {
         return Failed(Step::kAtom, code,
                       "cannot store atom of stream " + std::to_string(record.key.streamId) + ": " + error);
     }
@@ -414,7 +456,14 @@ KelErrorCode SerializeToKel::Impl::Close() {
 }
 
 SerializeToKel::SerializeToKel(const char* path, bool overwrite, KELFormatVersion version, bool syncEachAtom)
+    : SerializeToKel(path, overwrite, version, syncEachAtom, SerializerOptions{}) {}
+
+SerializeToKel::SerializeToKel(const char* path, bool overwrite, KELFormatVersion version, bool syncEachAtom,
+                               const SerializerOptions& options)
     : impl_(std::make_unique<Impl>()) {
+    impl_->io = options.fileIo ? options.fileIo : SystemCalls();
+    const SerializerSettings settings = GetSerializerSettings();
+    impl_->compression = options.compression.value_or(settings.compression);
     std::string p = path != nullptr ? path : "";
     if (p.size() >= kXmlSuffix.size() && p.compare(p.size() - kXmlSuffix.size(), kXmlSuffix.size(), kXmlSuffix) == 0) {
         p.resize(p.size() - kXmlSuffix.size());
@@ -423,7 +472,7 @@ SerializeToKel::SerializeToKel(const char* path, bool overwrite, KELFormatVersio
     impl_->filePath = p;
     impl_->syncEachAtom = syncEachAtom;
     try {
-        impl_->Open(overwrite && gAllowReplace.load(), version);
+        impl_->Open(overwrite && settings.allowReplace, version);
     } catch (const std::exception& e) {
         impl_->openResult = impl_->Failed(Step::kOpen, KEL_ERR_IO, e.what());
     }
@@ -470,8 +519,6 @@ KelErrorCode SerializeToKel::Close() {
 
 KelErrorCode SerializeToKel::GetOpenResult() const noexcept { return impl_->openResult; }
 
-bool SerializeToKel::WritesXmlCompanion() const noexcept { return impl_->writeXml; }
-
 std::uint64_t SerializeToKel::GetNumAtomsWritten() const noexcept { return impl_->numAtoms; }
 
 std::uint64_t SerializeToKel::GetBytesWritten() const noexcept { return impl_->end; }
@@ -480,8 +527,8 @@ const std::string& SerializeToKel::GetLastError() const noexcept { return impl_-
 
 std::vector<SerializerFailure> TakeSerializerFailures() { return FailureRecord::Instance().Take(); }
 
-void SetSerializerSettings(const SerializerSettings& settings) { gAllowReplace.store(settings.allowReplace); }
+void SetSerializerSettings(const SerializerSettings& settings) { Settings::Instance().Set(settings); }
 
-SerializerSettings GetSerializerSettings() { return {gAllowReplace.load()}; }
+SerializerSettings GetSerializerSettings() { return Settings::Instance().Get(); }
 
 }  // namespace KEL

@@ -17,7 +17,6 @@ namespace KEL {
 struct DataLayerRegistry::Impl {
     mutable std::mutex mutex;
     std::unordered_map<KelCommon::Guid, Factory> factories;
-    std::vector<KelCommon::Guid> order;
 };
 
 DataLayerRegistry::DataLayerRegistry() : impl_(std::make_shared<Impl>()) {
@@ -43,7 +42,6 @@ bool DataLayerRegistry::Register(const KelCommon::Guid& typeGuid, Factory factor
         return false;
     }
     impl_->factories.emplace(typeGuid, std::move(factory));
-    impl_->order.push_back(typeGuid);
     return true;
 }
 
@@ -58,11 +56,6 @@ std::shared_ptr<DataLayer> DataLayerRegistry::Create(const KelCommon::Guid& type
         factory = it->second;
     }
     return factory();
-}
-
-std::vector<KelCommon::Guid> DataLayerRegistry::RegisteredTypes() const {
-    std::lock_guard lock(impl_->mutex);
-    return impl_->order;
 }
 
 std::shared_ptr<DataLayer> DataLayerRegistry::Decode(const KelCommon::Guid& typeGuid,

@@ -15,9 +15,9 @@ DataTypeMesh::DataTypeMesh(KelCommon::SharedBuffer vertices, KelCommon::SharedBu
       texCoords_(std::move(texCoords)) {}
 
 void DataTypeMesh::EncodeFields(LayerEncoder& encoder) const {
-    encoder.PutBlob(vertices_);
-    encoder.PutBlob(indices_);
-    encoder.PutBlob(texCoords_);
+    encoder.PutBlob(vertices_, BlobKind::kFloat32);
+    encoder.PutBlob(indices_, BlobKind::kIndices32);
+    encoder.PutBlob(texCoords_, BlobKind::kFloat32);
 }
 
 bool DataTypeMesh::DecodeFields(LayerDecoder& decoder) {

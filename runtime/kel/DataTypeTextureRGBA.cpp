@@ -14,7 +14,7 @@ DataTypeTextureRGBA::DataTypeTextureRGBA(std::uint32_t width, std::uint32_t heig
 void DataTypeTextureRGBA::EncodeFields(LayerEncoder& encoder) const {
     encoder.PutU32(width_);
     encoder.PutU32(height_);
-    encoder.PutBlob(pixels_);
+    encoder.PutBlob(pixels_, BlobKind::kPixelsRGBA8);
 }
 
 bool DataTypeTextureRGBA::DecodeFields(LayerDecoder& decoder) {

@@ -421,11 +421,6 @@ void Graph::UnregisterFrameOrderResetListener(IFrameOrderResetListener* listener
     }
 }
 
-void Graph::NotifyFrameOrderReset() {
-    RunResult outcome;
-    NotifyListeners(*this, outcome);
-}
-
 RunResult Graph::Run(const RunOptions& options) {
     RunResult result;
     if (running_.exchange(true)) {

@@ -63,6 +63,7 @@ TEST(ContainerCrash, AcknowledgedAtomsSurviveACrashAfterEveryFileOperation) {
         WriterRunOptions options;
         options.syncEachAtom = seed % 2 == 1;
         options.xmlCompanion = seed % 3 == 0;
+        options.compression = CompressionFor(seed);
         const auto run = RunWriter(dir.Path().string(), "crash.kel", atoms, options);
         ASSERT_EQ(run.firstFailure, 0U) << "seed " << seed;
         acknowledged += atoms.size();
@@ -106,7 +107,9 @@ TEST(ContainerCrash, AFollowerRefreshingAtEveryStepEndsWithWhatTheFinishedFileLi
         const auto atoms =
             GenerateAtoms(entropy, {.maxAtoms = 12, .maxLayers = 5, .largeBlobOneIn = 8, .maxLargeBlob = 20000});
         kel_test::TempDir dir;
-        const auto run = RunWriter(dir.Path().string(), "crash.kel", atoms, {});
+        WriterRunOptions options;
+        options.compression = CompressionFor(seed);
+        const auto run = RunWriter(dir.Path().string(), "crash.kel", atoms, options);
         ASSERT_EQ(run.firstFailure, 0U);
 
         kel_test::TempDir live;

@@ -96,6 +96,7 @@ TEST(ContainerFaults, EveryFailingFileOperationIsReportedAndLosesNothingAcknowle
         WriterRunOptions options;
         options.syncEachAtom = seed % 2 == 0;
         options.xmlCompanion = seed % 3 == 0;
+        options.compression = CompressionFor(seed);
         std::vector<Op> clean;
         {
             kel_test::TempDir dir;
@@ -170,13 +171,11 @@ TEST(ContainerFaults, AnAtomChangedWhileItIsWrittenIsStoredAsFirstRead) {
         }
     });
     const std::string path = dir.File("changed.kel");
-    KEL::container::SetFileIoForTesting(io);
     {
-        KEL::SerializeToKel writer(path.c_str(), true, KEL::CURRENT_VERSION, false);
+        KEL::SerializeToKel writer(path.c_str(), true, KEL::CURRENT_VERSION, false, {.fileIo = io, .compression = {}});
         ASSERT_EQ(writer.SerializeAtom(atom), KEL::KEL_OK);
         ASSERT_EQ(writer.Close(), KEL::KEL_OK);
     }
-    KEL::container::SetFileIoForTesting(nullptr);
     KEL::ReadKEL2File reader(path.c_str());
     ASSERT_EQ(reader.Initialize(), KEL::KEL_OK);
     const auto back = reader.GetFrameAtom(3, 7);

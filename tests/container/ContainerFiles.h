@@ -21,12 +21,15 @@ namespace kel_test {
 // Writes `atoms` to `path` and returns the file offset at which each atom's
 // record ends. With `close` false the file is left as a writer that died
 // after the last atom leaves it: every record, but no index.
+// `compression`: how blobs are stored.
 inline std::vector<std::uint64_t> WriteContainer(const std::string& path, const std::vector<KEL::AtomPtr>& atoms,
-                                                 bool close = true) {
+                                                 bool close = true, KEL::CompressionSetting compression = {}) {
     std::vector<std::uint64_t> ends;
     std::vector<std::uint8_t> unclosed;
     {
-        KEL::SerializeToKel writer(path.c_str(), true, KEL::CURRENT_VERSION, false);
+        KEL::SerializerOptions options;
+        options.compression = compression;
+        KEL::SerializeToKel writer(path.c_str(), true, KEL::CURRENT_VERSION, false, options);
         EXPECT_EQ(writer.GetOpenResult(), KEL::KEL_OK);
         for (const auto& atom : atoms) {
             EXPECT_EQ(writer.SerializeAtom(atom), KEL::KEL_OK);

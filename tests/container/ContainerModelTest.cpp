@@ -56,11 +56,17 @@ RC_GTEST_PROP(ContainerModel, WrittenAtomsReadBackAsModelled, ()) {
     RapidCheckEntropy entropy;
     const auto atoms = GenerateAtoms(entropy, {.maxAtoms = 24, .maxLayers = 12, .largeBlobOneIn = 100});
     const bool close = *rc::gen::arbitrary<bool>();
+    KEL::CompressionSetting compression;
+    if (*rc::gen::arbitrary<bool>()) {
+        compression.codec = KEL::CompressionCodec::kZstd;
+        compression.level = *rc::gen::inRange(1, 4);
+    }
     std::uint64_t bytes = 0;
     for (const auto& atom : atoms) {
         bytes += atom.PayloadBytes();
     }
-    RC_TAG(close ? "closed" : "not closed", atoms.size() < 8 ? "< 8 atoms" : "8+ atoms",
+    RC_TAG(close ? "closed" : "not closed", compression.Enabled() ? "compressed" : "plain",
+           atoms.size() < 8 ? "< 8 atoms" : "8+ atoms",
            bytes < 65536       ? "< 64 KiB"
            : bytes < (1 << 20) ? "64 KiB - 1 MiB"
                                : ">= 1 MiB");
@@ -71,7 +77,7 @@ RC_GTEST_PROP(ContainerModel, WrittenAtomsReadBackAsModelled, ()) {
     for (const auto& atom : atoms) {
         built.push_back(BuildAtom(atom));
     }
-    kel_test::WriteContainer(path, built, close);
+    kel_test::WriteContainer(path, built, close, compression);
 
     std::vector<WrittenAtom> written;
     for (const auto& atom : atoms) {
@@ -93,6 +99,11 @@ RC_GTEST_PROP(ContainerModel, DescriptionsMatchTheAtomsRead, ()) {
     RapidCheckEntropy entropy;
     const auto atoms = GenerateAtoms(entropy, {.maxAtoms = 12, .maxLayers = 12, .largeBlobOneIn = 100});
     const bool close = *rc::gen::arbitrary<bool>();
+    KEL::CompressionSetting compression;
+    if (*rc::gen::arbitrary<bool>()) {
+        compression.codec = KEL::CompressionCodec::kZstd;
+        compression.level = *rc::gen::inRange(1, 4);
+    }
     kel_test::TempDir dir;
     const std::string path = dir.File("described.kel");
     std::vector<KEL::AtomPtr> built;
@@ -114,7 +125,7 @@ RC_GTEST_PROP(ContainerModel, DescriptionsMatchTheAtomsRead, ()) {
         }
     }
     KelCommon::ScopedLogCapture quiet;
-    const auto ends = kel_test::WriteContainer(path, built, close);
+    const auto ends = kel_test::WriteContainer(path, built, close, compression);
     KEL::ReadKEL2File reader(path.c_str());
     RC_ASSERT(reader.Initialize() == KEL::KEL_OK);
     bool longDescriptors = false;
@@ -141,7 +152,8 @@ RC_GTEST_PROP(ContainerModel, DescriptionsMatchTheAtomsRead, ()) {
         }
         longDescriptors = longDescriptors || descriptorBytes > 4096;
     }
-    RC_TAG(close ? "closed" : "not closed", longDescriptors ? "descriptors beyond the first read" : "short");
+    RC_TAG(close ? "closed" : "not closed", compression.Enabled() ? "compressed" : "plain",
+           longDescriptors ? "descriptors beyond the first read" : "short");
     RC_ASSERT(reader.DescribeAtomAt(atoms.size()).damaged);
 }
 

@@ -92,7 +92,7 @@ TEST_F(ContainerOffsets, RecordsBeyondFourGiBAreReadThroughTheIndex) {
     for (const auto& atom : atoms) {
         EncodedAtomRecord record;
         std::string error;
-        ASSERT_EQ(EncodeAtomRecord(*atom, offset, kFileId, record, error), KEL::KEL_OK) << error;
+        ASSERT_EQ(EncodeAtomRecord(*atom, offset, kFileId, {}, record, error), KEL::KEL_OK) << error;
         WriteAt(fd, offset, record.iov, record.totalSize);
         index.push_back({offset, atom->GetTimeStamp(), atom->GetFrameNr(), atom->GetStreamId()});
         offset += record.totalSize;

@@ -99,7 +99,9 @@ TEST(ContainerSettings, AHostThatForbidsReplacingKeepsEveryExistingFile) {
     const auto path = dir.File("take.kel");
     WriteContainer(path, SmallAtoms(1, 2));
     const auto before = ReadFileBytes(path);
-    KEL::SetSerializerSettings({.allowReplace = false});
+    KEL::SerializerSettings forbidding;
+    forbidding.allowReplace = false;
+    KEL::SetSerializerSettings(forbidding);
     KEL::SerializeToKel writer(path.c_str(), true, KEL::CURRENT_VERSION, false);
     KEL::SetSerializerSettings({});
     EXPECT_EQ(writer.GetOpenResult(), KEL::KEL_ERR_ALREADY_EXISTS);

@@ -7,21 +7,6 @@
 
 namespace kel_harness {
 
-namespace {
-
-// Installs a FileIo for the serializers created while it lives.
-class FileIoOverride {
-public:
-    explicit FileIoOverride(std::shared_ptr<KEL::container::FileIo> io) {
-        KEL::container::SetFileIoForTesting(std::move(io));
-    }
-    ~FileIoOverride() { KEL::container::SetFileIoForTesting(nullptr); }
-    FileIoOverride(const FileIoOverride&) = delete;
-    FileIoOverride& operator=(const FileIoOverride&) = delete;
-};
-
-}  // namespace
-
 std::vector<WrittenAtom> WriterRun::Expectations(const std::vector<ModelAtom>& atoms, std::size_t opsDone,
                                                  bool durableOnly) const {
     const long synced = LastSuccessfulSync(ops, opsDone);
@@ -48,7 +33,6 @@ WriterRun RunWriter(const std::string& root, const std::string& name, const std:
     run.path = (std::filesystem::path(root) / name).string();
     auto io = std::make_shared<SimulatedFileIo>(root, options.faults);
     {
-        FileIoOverride override(io);
         long step = -1;
         auto note = [&run, &step](KEL::KelErrorCode code) {
             if (run.firstFailure == 0 && code != 0) {
@@ -58,7 +42,8 @@ WriterRun RunWriter(const std::string& root, const std::string& name, const std:
             return code;
         };
         KEL::SerializeToKel writer((run.path + (options.xmlCompanion ? "+xml" : "")).c_str(), true,
-                                   KEL::CURRENT_VERSION, options.syncEachAtom);
+                                   KEL::CURRENT_VERSION, options.syncEachAtom,
+                                   {.fileIo = io, .compression = options.compression});
         run.openResult = note(writer.GetOpenResult());
         for (const auto& model : atoms) {
             ++step;

@@ -4,6 +4,7 @@
 // file operations go through a SimulatedFileIo, and keeps what the writer was
 // told at each step.
 
+#include <KEL/Compression.h>
 #include <KEL/KelErrorCode.h>
 
 #include <memory>
@@ -16,11 +17,22 @@
 
 namespace kel_harness {
 
+// Half of the seeded runs write compressed blobs (zstd), chosen by a bit of
+// the seed that the other per-seed options (sync, companion) do not use.
+inline KEL::CompressionSetting CompressionFor(std::uint64_t seed) {
+    KEL::CompressionSetting setting;
+    if ((seed / 6) % 2 == 1) {
+        setting.codec = KEL::CompressionCodec::kZstd;
+    }
+    return setting;
+}
+
 struct WriterRunOptions {
     bool syncEachAtom = false;
     bool xmlCompanion = false;
     // Retry an atom once when its write fails.
     bool retryFailedAtom = true;
+    KEL::CompressionSetting compression;
     std::vector<Fault> faults;
 };
 

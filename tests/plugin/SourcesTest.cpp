@@ -26,6 +26,7 @@
 #include "sources/SourceKEL2MultiFileReader.h"
 #include "support/TestSupport.h"
 #include "targets/TargetTestSupport.h"
+#include "utils/ParameterNames.h"
 
 namespace {
 
@@ -108,9 +109,9 @@ struct SourceKind {
     KEL::FilterCreator creator;
     std::string pathParam;
 };
-const SourceKind kFileSource{"file", &SourceKEL2FileReaderFilterCreator, "KEL File Path"};
-const SourceKind kSequential{"sequential", &SourceKEL2MultiFileAppendFilterCreator, "KEL files dir"};
-const SourceKind kMerged{"merged", &SourceKEL2MultiFileReaderFilterCreator, "KEL files dir"};
+const SourceKind kFileSource{"file", &SourceKEL2FileReaderFilterCreator, Kel2File::kParamKelFilePath};
+const SourceKind kSequential{"sequential", &SourceKEL2MultiFileAppendFilterCreator, Kel2File::kParamKelFilesDir};
+const SourceKind kMerged{"merged", &SourceKEL2MultiFileReaderFilterCreator, Kel2File::kParamKelFilesDir};
 
 std::unique_ptr<KEL::Source> Make(const SourceKind& kind) {
     return std::unique_ptr<KEL::Source>(static_cast<KEL::Source*>(kind.creator()));
@@ -123,7 +124,7 @@ KEL::KelErrorCode Open(KEL::Source& source, const SourceKind& kind, const std::s
     EXPECT_EQ(source.onInitializeParams(nullptr), 0U);
     SetParam(source, kind.pathParam, path);
     if (included != nullptr) {
-        SetParam(source, "Included streams", included);
+        SetParam(source, Kel2File::kParamIncludedStreams, included);
     }
     return source.onInitialize(nullptr);
 }

@@ -3,8 +3,11 @@ round trips of every layer type, the C++ demo's recordings, zero-copy views,
 damage, errors, and playback through the plugin."""
 
 import gc
+import json
 import os
+import re
 import resource
+import subprocess
 
 import numpy as np
 import pytest
@@ -12,6 +15,7 @@ from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 
 import kel
+from conftest import KEL_TOOL
 
 PURPOSES = [None, "PRIMARY_COLOR", "THUMBNAIL", "CAMERA_PRIMARY", "STATIC", "Network",
             "0F7A4F52-D13A-4B77-B7A2-23636E4DB3F9", "12345678-9ABC-4DEF-8123-456789ABCDEF"]
@@ -259,6 +263,27 @@ def test_damage_is_reported_and_costs_only_the_damaged_atoms(demo_dir, tmp_path)
         assert rec.damage["damaged"]
         report = rec.verify()
         assert not report["intact"] and report["problems"] and report["verdict"] == "DAMAGED"
+
+
+def snake_case(value):
+    if isinstance(value, dict):
+        return {re.sub(r"([A-Z])", lambda m: "_" + m.group(1).lower(), k): snake_case(v) for k, v in value.items()}
+    return [snake_case(v) for v in value] if isinstance(value, list) else value
+
+
+def test_summary_and_verification_are_the_tools_json(demo_dir, tmp_path):
+    damaged = tmp_path / "damaged.kel"
+    data = bytearray((demo_dir / "capture.kel").read_bytes())
+    data[len(data) // 3] ^= 0xFF
+    damaged.write_bytes(bytes(data[:-100]))
+    for path in [demo_dir / "capture.kel", damaged, tmp_path / "absent.kel"]:
+        info = subprocess.run([KEL_TOOL, "info", "--json", str(path)], capture_output=True, text=True, timeout=60)
+        verify = subprocess.run([KEL_TOOL, "verify", "--json", str(path)], capture_output=True, text=True, timeout=60)
+        assert kel.summary(str(path)) == snake_case(json.loads(info.stdout))
+        if path.exists():
+            with kel.open(str(path), verify=False) as rec:
+                assert rec.summary() == kel.summary(str(path))
+                assert rec.verify() == snake_case(json.loads(verify.stdout)[0])
 
 
 def test_errors_are_exceptions_with_the_hosts_codes(tmp_path):

@@ -12,6 +12,7 @@
 #include "targets/TargetKEL2FileAsyncWriter.h"
 #include "targets/TargetKEL2FileWriterAsync.h"
 #include "targets/TargetTestSupport.h"
+#include "utils/ParameterNames.h"
 #include "writers/BasicWriter.h"
 #include "writers/SnapshotWriter.h"
 
@@ -74,14 +75,15 @@ struct GatedFixture {
     static constexpr bool kSnapshot = std::is_same_v<W, Kel2File::SnapshotWriter>;
     GatedFixture(const std::string& bufferSize, bool dropWhenFull, const std::string& file = "rec.kel")
         : driver(target, {1, 2}), frames(kel_test::MakeCompleteFrames({1, 2}, 8)) {
-        SetParam(target, "KEL File Path", dir.File(file));
-        SetParam(target, kSnapshot ? "Frames count per snapshot" : "Enable Recording", kSnapshot ? "1" : "true");
-        SetParam(target, "Buffer size", bufferSize);
-        SetParam(target, "Drop frames when full", dropWhenFull ? "true" : "false");
+        SetParam(target, Kel2File::kParamKelFilePath, dir.File(file));
+        SetParam(target, kSnapshot ? Kel2File::kParamFramesPerSnapshot : Kel2File::kParamEnableRecording,
+                 kSnapshot ? "1" : "true");
+        SetParam(target, Kel2File::kParamBufferSize, bufferSize);
+        SetParam(target, Kel2File::kParamDropWhenFull, dropWhenFull ? "true" : "false");
         driver.Initialize();
         driver.Play();
         if (kSnapshot) {
-            kel_test::Press(target, "Take snapshot");
+            kel_test::Press(target, Kel2File::kParamTakeSnapshot);
         }
         HoldHooks::Arm(&gate, HoldPoint::kTaken);
         EXPECT_EQ(driver.Deliver(frames[0]), 0U);
@@ -90,10 +92,10 @@ struct GatedFixture {
     }
     ~GatedFixture() { HoldHooks::gate = nullptr; }
     std::uint32_t Buffered() {
-        return kel_test::Param<KEL::FilterParamUInt32>(target, "Buffered frames count")->GetValue();
+        return kel_test::Param<KEL::FilterParamUInt32>(target, Kel2File::kParamBufferedFrames)->GetValue();
     }
     std::int64_t Dropped() {
-        return kel_test::Param<KEL::FilterParamInt64>(target, "Dropped frames count")->GetValue();
+        return kel_test::Param<KEL::FilterParamInt64>(target, Kel2File::kParamDroppedFrames)->GetValue();
     }
     // The input ends; returns once IsDone() (the queue is empty), then stops.
     void NaturalEnd() {
@@ -158,7 +160,7 @@ TEST(AsyncTargets, FullQueueDropsCountsAndLogsEachFrame) {
             EXPECT_EQ(f.Dropped(), static_cast<std::int64_t>(i <= capacity ? 0 : i - capacity));
         }
         EXPECT_EQ(f.Buffered(), capacity);
-        kel_test::Press(f.target, "Reset dropped frames counter");
+        kel_test::Press(f.target, Kel2File::kParamResetDropped);
         EXPECT_EQ(f.Dropped(), 0);
         f.driver.Deliver(f.frames[6]);
         EXPECT_EQ(f.Dropped(), 1);
@@ -177,7 +179,7 @@ TEST(AsyncTargets, FullQueueDropsCountsAndLogsEachFrame) {
         EXPECT_EQ(f.Dropped(), 0);
         kel_test::ExpectFileHoldsFrames(f.dir.File("rec.kel"),
                                         Frames(f.frames.begin(), f.frames.begin() + capacity + 1));
-        kel_test::Param<KEL::FilterParamInt64>(f.target, "Dropped frames count")->SetValue(7);
+        kel_test::Param<KEL::FilterParamInt64>(f.target, Kel2File::kParamDroppedFrames)->SetValue(7);
         f.driver.Play();
         EXPECT_EQ(f.Dropped(), 0);
         f.driver.Stop();
@@ -202,7 +204,7 @@ TEST(AsyncTargets, PathChangeWritesQueuedFramesToTheOldFileFirst) {
     GatedFixture f("4", false, "a.kel");
     f.driver.Deliver(f.frames[1]);
     f.driver.Deliver(f.frames[2]);
-    SetParam(f.target, "KEL File Path", f.dir.File("b.kel"));
+    SetParam(f.target, Kel2File::kParamKelFilePath, f.dir.File("b.kel"));
     // The graph thread's update waits until the queue is written out.
     Completion update([&] { f.driver.PostUpdate(); });
     EXPECT_FALSE(update.WaitFor(kHeld));
@@ -279,7 +281,7 @@ TEST(AsyncTargets, FrameOrderResetDiscardsQueuedAndPartialFrames) {
 TEST(AsyncTargets, SnapshotPressOnAnotherThreadWhileTheWriterHoldsAFrameAddsToTheBudget) {
     GatedFixture<Kel2File::SnapshotWriter> f("4", false);
     {
-        Completion press([&] { kel_test::Press(f.target, "Take snapshot"); });
+        Completion press([&] { kel_test::Press(f.target, Kel2File::kParamTakeSnapshot); });
         f.gate.Open();
     }
     f.driver.Deliver(f.frames[1]);
@@ -297,9 +299,9 @@ TEST(AsyncTargets, FramesAreCompleteWhenTheSourceCountsItsStreamsWithoutListingT
     for (const auto listing : {kel_test::StreamListing::kCountOnly, kel_test::StreamListing::kNothing}) {
         kel_test::GraphRun run({3, 5}, frames, listing);
         KEL::Filter* target = run.AddTarget(&TargetKEL2FileWriterAsyncFilterCreator, "out");
-        SetParam(*target, "KEL File Path", dir.File("counted.kel"));
-        SetParam(*target, "Enable Recording", "true");
-        SetParam(*target, "Drop frames when full", "false");
+        SetParam(*target, Kel2File::kParamKelFilePath, dir.File("counted.kel"));
+        SetParam(*target, Kel2File::kParamEnableRecording, "true");
+        SetParam(*target, Kel2File::kParamDropWhenFull, "false");
         if (listing == kel_test::StreamListing::kCountOnly) {
             ASSERT_TRUE(run.Run().Ok());
             kel_test::ExpectFileHoldsFrames(dir.File("counted.kel"), frames);

@@ -14,6 +14,7 @@
 #include "targets/TargetKEL2FileWriter.h"
 #include "targets/TargetKEL2FileWriterAsync.h"
 #include "targets/TargetTestSupport.h"
+#include "utils/ParameterNames.h"
 
 namespace {
 
@@ -50,12 +51,12 @@ TEST_P(TargetRoundTrip, BothTargetsKeepEveryLayerOfEveryAtomAndNumberFramesFromZ
                                                          {"async", run.AddTarget(s.async, "async")}};
     // "Write XML" is on and thumbnails are off by default: the synchronous
     // target switches thumbnails on, the asynchronous one XML off.
-    kel_test::SetParam(*targets.at("sync"), "Create thumbnail for first frame", "true");
-    kel_test::SetParam(*targets.at("async"), "Write XML", "false");
-    kel_test::SetParam(*targets.at("async"), "Drop frames when full", "false");
+    kel_test::SetParam(*targets.at("sync"), Kel2File::kParamCreateThumbnail, "true");
+    kel_test::SetParam(*targets.at("async"), Kel2File::kParamWriteXml, "false");
+    kel_test::SetParam(*targets.at("async"), Kel2File::kParamDropWhenFull, "false");
     for (const auto& [name, target] : targets) {
-        kel_test::SetParam(*target, "KEL File Path", dir.File(name + ".kel"));
-        kel_test::SetParam(*target, s.snapshot ? "Frames count per snapshot" : "Enable Recording",
+        kel_test::SetParam(*target, Kel2File::kParamKelFilePath, dir.File(name + ".kel"));
+        kel_test::SetParam(*target, s.snapshot ? Kel2File::kParamFramesPerSnapshot : Kel2File::kParamEnableRecording,
                            s.snapshot ? "6" : "true");
     }
     // Only the asynchronous target listens to frame-order resets, and only
@@ -70,7 +71,7 @@ TEST_P(TargetRoundTrip, BothTargetsKeepEveryLayerOfEveryAtomAndNumberFramesFromZ
         EXPECT_EQ(graph.GetFrameOrderResetListeners(), listening);
         for (const auto& [name, target] : targets) {
             if (s.snapshot && nr == 0) {
-                kel_test::Press(*target, "Take snapshot");
+                kel_test::Press(*target, Kel2File::kParamTakeSnapshot);
             }
         }
         if (nr == 3) {
@@ -129,11 +130,11 @@ TEST(SyncTargets, SnapshotPressWhilePausedIsNotCounted) {
     std::unique_ptr<KEL::Filter> filter(TargetKEL2FileSnapshotWriterFilterCreator());
     auto& target = dynamic_cast<KEL::Target&>(*filter);
     kel_test::DirectDriver driver(target, {1});
-    SetParam(target, "KEL File Path", dir.File("rec.kel"));
+    SetParam(target, Kel2File::kParamKelFilePath, dir.File("rec.kel"));
     driver.Initialize();
     driver.Play();
     target.SetFilterState(KEL::FILTER_STATE_PAUSED);
-    kel_test::Press(target, "Take snapshot");
+    kel_test::Press(target, Kel2File::kParamTakeSnapshot);
     target.SetFilterState(KEL::FILTER_STATE_PLAYING);
     EXPECT_EQ(driver.Deliver(kel_test::MakeCompleteFrames({1}, 1)[0]), 0U);
     driver.Stop();

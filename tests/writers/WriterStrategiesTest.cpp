@@ -15,6 +15,7 @@
 
 #include "support/TestSupport.h"
 #include "targets/TargetTestSupport.h"
+#include "utils/ParameterNames.h"
 #include "utils/Utils.h"
 #include "writers/BasicWriter.h"
 #include "writers/PerStreamSnapshotWriter.h"
@@ -181,7 +182,7 @@ TEST(WriterStrategies, GeneratedRunsWriteTheFilesOfTheModel) {
                             if (strategy.snapshot) {
                                 const auto count = 1 + random() % 3;
                                 std::dynamic_pointer_cast<KEL::FilterParamUInt32>(params.at(1))->SetValue(count);
-                                writer->HandleParamValueChanged(params.at(0), "Take snapshot");
+                                writer->HandleParamValueChanged(params.at(0), Kel2File::kParamTakeSnapshot);
                                 model.budget += count * 2;
                             } else {
                                 const auto enable = std::dynamic_pointer_cast<KEL::FilterParamBool>(params.at(0));

@@ -35,8 +35,7 @@ inline constexpr int kExitInterrupted = 130;
 // Writes "kel: error: <message>" to stderr and returns kExitFailure.
 int Fail(const std::string& message);
 
-// Why `reader` failed to open with `code`; "cannot open '<path>': <why>".
-std::string OpenFailureReason(const KEL::ReadKEL2File& reader, KEL::KelErrorCode code);
+// "cannot open '<path>': <why>" for a reader whose Initialize failed with `code`.
 std::string CannotOpen(const std::string& path, const KEL::ReadKEL2File& reader, KEL::KelErrorCode code);
 
 // Each subcommand lives in its own file and registers itself on `root`.

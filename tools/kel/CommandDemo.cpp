@@ -4,11 +4,11 @@
 #include <iostream>
 
 #include "Command.h"
-#include "ContainerSummary.h"
 #include "GraphBuilder.h"
 #include "GraphRunner.h"
 #include "HtmlReport.h"
 #include "PluginSetup.h"
+#include "SummaryText.h"
 #include "ThumbnailExport.h"
 #include "utils/ParameterNames.h"
 
@@ -127,7 +127,7 @@ int RunDemo(const GlobalOptions& global, const DemoOptions& options) {
     std::cout << "==> Reading back\n";
     bool allGood = true;
     for (const auto& f : files) {
-        const ContainerSummary s = SummarizeContainer(f);
+        const KEL::ContainerSummary s = KEL::SummarizeContainer(f);
         if (!s.Ok()) {
             std::cout << "    " << f << ": cannot open: " << s.error << "\n";
             allGood = false;
@@ -172,7 +172,7 @@ int RunDemo(const GlobalOptions& global, const DemoOptions& options) {
 
     // What the snapshot file holds, read from it: a press at a frame past
     // the end of the recording takes nothing.
-    const ContainerSummary snapshot = SummarizeContainer((out / "snapshot.kel").string());
+    const KEL::ContainerSummary snapshot = KEL::SummarizeContainer((out / "snapshot.kel").string());
     const std::string snapshotText =
         snapshot.frames > 0
             ? std::to_string(snapshot.frames) + " frames taken at frame " + std::to_string(options.snapshotAt)

@@ -1,3 +1,4 @@
+#include <KEL/ContainerJson.h>
 #include <KEL/ReadKEL2File.h>
 
 #include <chrono>
@@ -8,7 +9,7 @@
 #include <thread>
 
 #include "Command.h"
-#include "ContainerSummary.h"
+#include "SummaryText.h"
 
 namespace KelTool {
 
@@ -74,9 +75,9 @@ int Follow(const InfoOptions& options) {
 int InfoOf(const std::string& path, bool json, nlohmann::ordered_json* out) {
     std::error_code ec;
     if (std::filesystem::is_directory(path, ec)) {
-        std::vector<ContainerSummary> summaries;
+        std::vector<KEL::ContainerSummary> summaries;
         for (const auto& file : ListContainerFiles(path)) {
-            summaries.push_back(SummarizeContainer(file));
+            summaries.push_back(KEL::SummarizeContainer(file));
         }
         bool allOk = true;
         for (const auto& s : summaries) {
@@ -85,7 +86,7 @@ int InfoOf(const std::string& path, bool json, nlohmann::ordered_json* out) {
         if (json) {
             nlohmann::ordered_json files = nlohmann::ordered_json::array();
             for (const auto& s : summaries) {
-                files.push_back(ToJson(s));
+                files.push_back(KEL::ToJson(s));
             }
             out->push_back(nlohmann::ordered_json{{"directory", path}, {"files", std::move(files)}});
         } else {
@@ -93,9 +94,9 @@ int InfoOf(const std::string& path, bool json, nlohmann::ordered_json* out) {
         }
         return allOk ? kExitOk : Fail("some files of '" + path + "' cannot be opened");
     }
-    const ContainerSummary summary = SummarizeContainer(path);
+    const KEL::ContainerSummary summary = KEL::SummarizeContainer(path);
     if (json) {
-        out->push_back(ToJson(summary));
+        out->push_back(KEL::ToJson(summary));
     } else if (summary.Ok()) {
         PrintContainerSummary(std::cout, summary);
     }

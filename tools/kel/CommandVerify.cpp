@@ -1,10 +1,11 @@
+#include <KEL/ContainerJson.h>
 #include <KEL/ContainerVerifier.h>
 
 #include <iostream>
 #include <nlohmann/json.hpp>
 
 #include "Command.h"
-#include "ContainerSummary.h"
+#include "SummaryText.h"
 
 namespace KelTool {
 
@@ -15,38 +16,6 @@ struct VerifyOptions {
     bool json = false;
     std::size_t maxProblems = 20;
 };
-
-nlohmann::ordered_json ToJson(const std::string& path, const KEL::ContainerVerification& v) {
-    nlohmann::ordered_json j;
-    j["path"] = path;
-    j["verdict"] = v.Verdict();
-    j["intact"] = v.IsIntact();
-    j["openResult"] = v.openResult;
-    j["openError"] = v.openError;
-    j["formatVersion"] = v.formatVersion;
-    j["fileSize"] = v.fileSize;
-    j["headerDamaged"] = v.headerDamaged;
-    j["indexPresent"] = v.indexPresent;
-    j["indexValid"] = v.indexValid;
-    j["atomRecords"] = v.atomRecords;
-    j["damagedRecords"] = v.damagedRecords;
-    j["damagedBytes"] = v.damagedBytes;
-    j["foreignRecords"] = v.foreignRecords;
-    j["truncatedTailBytes"] = v.truncatedTailBytes;
-    j["recoverableAtoms"] = v.recoverableAtoms;
-    j["streams"] = v.streams;
-    auto problems = nlohmann::ordered_json::array();
-    for (const auto& p : v.problems) {
-        problems.push_back({{"offset", p.offset}, {"length", p.length}, {"what", p.what}});
-    }
-    j["problems"] = std::move(problems);
-    auto warnings = nlohmann::ordered_json::array();
-    for (const auto& w : v.warnings) {
-        warnings.push_back({{"offset", w.offset}, {"what", w.what}});
-    }
-    j["warnings"] = std::move(warnings);
-    return j;
-}
 
 void PrintReport(std::ostream& out, const std::string& path, const KEL::ContainerVerification& v,
                  std::size_t maxProblems) {
@@ -105,7 +74,7 @@ int RunVerify(const VerifyOptions& options) {
         allIntact = allIntact && v.IsIntact();
         unreadable += v.openResult != KEL::KEL_OK ? 1 : 0;
         if (options.json) {
-            reports.push_back(ToJson(path, v));
+            reports.push_back(KEL::ToJson(v, path));
         } else {
             PrintReport(std::cout, path, v, options.maxProblems);
         }

@@ -2,8 +2,8 @@
 
 #include <filesystem>
 
-#include "ContainerSummary.h"
 #include "Conversion.h"
+#include "SummaryText.h"
 
 namespace KelTool {
 

@@ -1,3 +1,5 @@
+#include <KEL/ContainerSummary.h>
+
 #include <iostream>
 
 #include "Command.h"
@@ -9,12 +11,8 @@ int Fail(const std::string& message) {
     return kExitFailure;
 }
 
-std::string OpenFailureReason(const KEL::ReadKEL2File& reader, KEL::KelErrorCode code) {
-    return reader.GetLastError().empty() ? KEL::KelErrorCodeName(code) : reader.GetLastError();
-}
-
 std::string CannotOpen(const std::string& path, const KEL::ReadKEL2File& reader, KEL::KelErrorCode code) {
-    return "cannot open '" + path + "': " + OpenFailureReason(reader, code);
+    return "cannot open '" + path + "': " + KEL::OpenFailureReason(reader, code);
 }
 
 }  // namespace KelTool

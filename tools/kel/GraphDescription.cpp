@@ -262,7 +262,7 @@ bool ParseOptions(const Json& root, GraphDescription* graph, std::string* error)
         *error = "'options' must be an object";
         return false;
     }
-    if (!CheckKeys(*it, {"startFrame", "frameCount", "loops", "maxConsecutiveSkips", "doneTimeoutMs"}, where, error)) {
+    if (!CheckKeys(*it, {"startFrame", "frameCount", "loops", "maxConsecutiveSkips", "doneTimeoutMs", "compression"}, where, error)) {
         return false;
     }
     std::uint32_t doneTimeoutMs = 0;
@@ -283,6 +283,16 @@ bool ParseOptions(const Json& root, GraphDescription* graph, std::string* error)
     if (graph->maxConsecutiveSkips == 0) {
         *error = "options: 'maxConsecutiveSkips' must be at least 1";
         return false;
+    }
+    if (const auto c = it->find("compression"); c != it->end()) {
+        KEL::CompressionSetting setting;
+        std::string why;
+        if (!c->is_string() || !KEL::ParseCompression(c->get<std::string>(), setting, why)) {
+            *error = "options: 'compression' must be \"none\", \"zstd\" or \"zstd:LEVEL\"" +
+                     (why.empty() ? std::string() : ": " + why);
+            return false;
+        }
+        graph->compression = setting;
     }
     return true;
 }

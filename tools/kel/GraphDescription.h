@@ -1,5 +1,7 @@
 #pragma once
 
+#include <KEL/Compression.h>
+
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -51,6 +53,9 @@ struct GraphDescription {
     std::uint32_t loops = 1;  // 0 loops until stopped
     std::uint32_t maxConsecutiveSkips = 1;
     std::chrono::milliseconds doneTimeout{0};
+    // "compression": how every target of the graph stores blobs. Unset: the
+    // process's setting (KEL_COMPRESSION, or none).
+    std::optional<KEL::CompressionSetting> compression;
 
     FilterEntry* FindFilter(const std::string& name);
 };

@@ -182,10 +182,7 @@ void ListWrittenFiles(const std::vector<PlannedOutput>& planned, const std::vect
             file.streams = reader.GetNumStreams();
             file.atoms = reader.GetNumAtoms();
             file.bytes = reader.GetFileSize();
-            file.frames = file.streams > 0 ? UINT32_MAX : 0;
-            for (int s = 0; s < file.streams; ++s) {
-                file.frames = std::min(file.frames, reader.GetNumFrames(reader.GetStreamId(s)));
-            }
+            file.frames = reader.GetNumPlayableFrames();
         }
         outcome->written.push_back(std::move(file));
     }
@@ -213,7 +210,10 @@ void ReadStatusValues(const KEL::Graph& graph, std::vector<GraphRunOutcome::Stat
 GraphRunOutcome RunGraph(KEL::Graph& graph, const GraphDescription& description, bool showProgress,
                          const RunPolicy& policy) {
     GraphRunOutcome outcome;
-    const SerializerSettingsGuard settings({.allowReplace = policy.overwrite});
+    KEL::SerializerSettings serializers = KEL::GetSerializerSettings();
+    serializers.allowReplace = policy.overwrite;
+    serializers.compression = description.compression.value_or(serializers.compression);
+    const SerializerSettingsGuard settings(serializers);
     // Failures and damage of earlier work are not this run's.
     (void)KEL::TakeSerializerFailures();
     (void)KEL::TakeReaderDamage();

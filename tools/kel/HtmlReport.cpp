@@ -3,6 +3,7 @@
 #include <KEL/PurposeGuids.h>
 #include <KEL/ReadKEL2File.h>
 #include <KEL/ThumbnailHelper.h>
+#include <KEL/Timeline.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,10 +20,9 @@
 #include <sstream>
 
 #include "Command.h"
-#include "ContainerSummary.h"
 #include "FrameImage.h"
 #include "PngWriter.h"
-#include "Timeline.h"
+#include "SummaryText.h"
 
 namespace KelTool {
 
@@ -91,14 +91,14 @@ struct SampledFrame {
 };
 
 struct StreamReport {
-    StreamSummary summary;
-    TimelineAnalysis timeline;
+    KEL::StreamSummary summary;
+    KEL::TimelineAnalysis timeline;
     bool hasImages = false;
     std::vector<SampledFrame> samples;
 };
 
 struct FileReport {
-    ContainerSummary summary;
+    KEL::ContainerSummary summary;
     std::vector<StreamReport> streams;
     // What the reader lost to damage while opening the file and reading
     // the sampled frames.
@@ -162,17 +162,17 @@ FileReport Examine(const std::string& path, const ReportOptions& options, Report
     if (code != KEL::KEL_OK) {
         file.summary.path = path;
         file.summary.openResult = code;
-        file.summary.error = OpenFailureReason(reader, code);
+        file.summary.error = KEL::OpenFailureReason(reader, code);
         ++contents->unopenable;
         return file;
     }
-    file.summary = SummarizeOpenContainer(reader);
-    for (const StreamSummary& s : file.summary.streams) {
+    file.summary = KEL::SummarizeOpenContainer(reader);
+    for (const KEL::StreamSummary& s : file.summary.streams) {
         StreamReport stream;
         stream.summary = s;
-        stream.timeline = AnalyzeTimeline(reader.GetTimeStamps(s.id));
+        stream.timeline = KEL::AnalyzeTimeline(reader.GetTimeStamps(s.id));
         stream.hasImages = std::any_of(s.firstAtomLayers.begin(), s.firstAtomLayers.end(),
-                                       [](const LayerSummary& l) { return l.type == "TextureRGBA"; });
+                                       [](const KEL::LayerSummary& l) { return l.type == "TextureRGBA"; });
         if (stream.hasImages) {
             for (const std::uint32_t nr : Sample(reader.GetFrameNumbers(s.id), options.samplesPerStream)) {
                 SampledFrame frame;
@@ -207,7 +207,7 @@ double TimelineX(std::int64_t stamp, std::int64_t origin, std::int64_t end) {
 }
 
 void RenderTimeline(std::ostream& out, const StreamReport& stream, std::int64_t origin, std::int64_t end) {
-    const TimelineAnalysis& t = stream.timeline;
+    const KEL::TimelineAnalysis& t = stream.timeline;
     const std::string label = "stream " + std::to_string(stream.summary.id) + ": " + std::to_string(t.stamps.size()) +
                               " frame(s), " + std::to_string(t.dropped) + " missing";
     out << "<svg class=\"timeline\" xmlns=\"http://www.w3.org/2000/svg\" width=\"" << kTimelineWidth << "\" height=\""
@@ -231,7 +231,7 @@ void RenderTimeline(std::ostream& out, const StreamReport& stream, std::int64_t 
             }
         }
         out << "\"/>\n";
-        for (const TimelineGap& gap : t.gaps) {
+        for (const KEL::TimelineGap& gap : t.gaps) {
             const double gx0 = TimelineX(gap.from, origin, end);
             const double gx1 = TimelineX(gap.to, origin, end);
             out << "<rect class=\"gap\" x=\"" << Fixed(gx0, 2) << "\" y=\"12\" width=\""
@@ -249,9 +249,9 @@ void RenderTimeline(std::ostream& out, const StreamReport& stream, std::int64_t 
         << Seconds(end, origin) << "</text>\n</svg>\n";
 }
 
-std::string LayerKinds(const StreamSummary& s) {
+std::string LayerKinds(const KEL::StreamSummary& s) {
     std::string kinds;
-    for (const LayerSummary& l : s.firstAtomLayers) {
+    for (const KEL::LayerSummary& l : s.firstAtomLayers) {
         if (!kinds.empty()) {
             kinds += ", ";
         }
@@ -260,7 +260,7 @@ std::string LayerKinds(const StreamSummary& s) {
     return kinds.empty() ? "none readable" : kinds;
 }
 
-std::string DamageText(const ContainerSummary& s) {
+std::string DamageText(const KEL::ContainerSummary& s) {
     const KEL::ContainerDamageReport& d = s.damage;
     std::vector<std::string> parts;
     if (d.headerDamaged) {
@@ -287,7 +287,7 @@ std::string DamageText(const ContainerSummary& s) {
 }
 
 void RenderFile(std::ostream& out, const FileReport& file, std::int64_t origin, std::int64_t end) {
-    const ContainerSummary& s = file.summary;
+    const KEL::ContainerSummary& s = file.summary;
     const std::string name = fs::path(s.path).filename().string();
     out << "<section class=\"file\">\n<h2>" << Escape(name) << "</h2>\n<p class=\"path\">" << Escape(s.path)
         << "</p>\n";
@@ -338,8 +338,8 @@ void RenderFile(std::ostream& out, const FileReport& file, std::int64_t origin, 
            "<th>duration</th><th>interval</th><th title=\"frames missing from the time line: dropped, or not "
            "recorded (between snapshots)\">missing</th><th>stored</th><th>first atom's layers</th></tr>\n";
     for (const StreamReport& stream : file.streams) {
-        const StreamSummary& ss = stream.summary;
-        const TimelineAnalysis& t = stream.timeline;
+        const KEL::StreamSummary& ss = stream.summary;
+        const KEL::TimelineAnalysis& t = stream.timeline;
         out << "<tr><td>" << ss.id << "</td><td>" << Escape(ss.name) << "</td><td>" << ss.frames << "</td><td>"
             << ss.firstFrameNr << ".." << ss.lastFrameNr << "</td><td>" << FormatDuration(t.Last() - t.First())
             << "</td><td>" << (t.interval > 0 ? Fixed(static_cast<double>(t.interval) / 1e3, 3) + " ms" : "-")

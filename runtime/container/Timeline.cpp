@@ -1,9 +1,9 @@
-#include "Timeline.h"
+#include <KEL/Timeline.h>
 
 #include <algorithm>
 #include <cmath>
 
-namespace KelTool {
+namespace KEL {
 
 TimelineAnalysis AnalyzeTimeline(std::vector<std::int64_t> stamps) {
     TimelineAnalysis result;
@@ -49,4 +49,4 @@ TimelineAnalysis AnalyzeTimeline(std::vector<std::int64_t> stamps) {
     return result;
 }
 
-}  // namespace KelTool
+}  // namespace KEL

@@ -1,8 +1,7 @@
+#include <KEL/Timeline.h>
 #include <gtest/gtest.h>
 
 #include <random>
-
-#include "Timeline.h"
 
 namespace {
 
@@ -34,7 +33,7 @@ TEST(Timeline, FindsEveryPlantedRunOfDroppedFramesDespiteJitter) {
             continue;
         }
         std::shuffle(stamps.begin(), stamps.end(), random);  // the analysis sorts
-        const auto t = KelTool::AnalyzeTimeline(stamps);
+        const auto t = KEL::AnalyzeTimeline(stamps);
         EXPECT_NEAR(static_cast<double>(t.interval), static_cast<double>(interval),
                     0.15 * static_cast<double>(interval));
         EXPECT_EQ(t.dropped, planted);
@@ -44,7 +43,7 @@ TEST(Timeline, FindsEveryPlantedRunOfDroppedFramesDespiteJitter) {
 
 TEST(Timeline, FewOrEqualStampsHaveNoIntervalAndNoGaps) {
     for (const auto& stamps : std::vector<std::vector<std::int64_t>>{{}, {5}, {7, 7, 7, 7, 900}}) {
-        const auto t = KelTool::AnalyzeTimeline(stamps);
+        const auto t = KEL::AnalyzeTimeline(stamps);
         EXPECT_EQ(std::tuple(t.interval, t.dropped, t.gaps.size()), std::tuple(0, 0U, 0U)) << stamps.size();
     }
 }

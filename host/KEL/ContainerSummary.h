@@ -2,22 +2,21 @@
 
 #include <KEL/KelErrorCode.h>
 #include <KEL/ReadKEL2File.h>
+#include <KelCommon/Export.h>
 
 #include <cstdint>
-#include <nlohmann/json.hpp>
-#include <optional>
-#include <ostream>
 #include <string>
 #include <vector>
 
-namespace KelTool {
+namespace KEL {
 
+// One layer of a stream's first atom.
 struct LayerSummary {
     std::string type;     // the layer type's short name ("TextureRGBA")
     std::string purpose;  // purpose alias, or the GUID text when it has none
     std::uint16_t version = 0;
     std::uint64_t payloadBytes = 0;
-    std::string detail;  // e.g. "320x240" for images, "256 vertices" for meshes
+    std::string detail;  // e.g. "320x240" for images, "256 vertices, 510 triangles" for meshes
 };
 
 struct StreamSummary {
@@ -29,7 +28,8 @@ struct StreamSummary {
     std::int64_t lastTimeStamp = 0;
     std::uint64_t storedBytes = 0;  // what the stream's records take in the file
     // Frames missing from the time line (gaps of more than 1.5 frame
-    // intervals): dropped, or not recorded (between snapshots).
+    // intervals, see AnalyzeTimeline): dropped, or not recorded (between
+    // snapshots).
     std::uint64_t missingFrames = 0;
     std::string name;  // from the stream information, when present
     double frameRate = 0.0;
@@ -39,22 +39,23 @@ struct StreamSummary {
     std::uint32_t thumbnailHeight = 0;
 };
 
-// What `kel info` reports about one container file.
+// What a container file holds, as `kel info`, the report and the Python
+// module's `summary()` show it.
 struct ContainerSummary {
     std::string path;
-    KEL::KelErrorCode openResult = KEL::KEL_OK;  // non-zero: the file could not be opened
+    KelErrorCode openResult = KEL_OK;  // non-zero: the file could not be opened
     std::string error;
     std::uint64_t fileSize = 0;
     std::uint16_t formatVersion = 0;
     std::uint64_t atoms = 0;
-    std::uint32_t frames = 0;  // frames a source plays: the shortest stream's count
-    KEL::ContainerDamageReport damage;
+    std::uint32_t frames = 0;  // frames a source plays (ReadKEL2File::GetNumPlayableFrames)
+    ContainerDamageReport damage;
     bool closed = false;       // the file ends with its index
     std::uint64_t fileId = 0;  // the identity its writer gave it
     std::int64_t createdUs = 0;
     std::vector<StreamSummary> streams;
 
-    bool Ok() const noexcept { return openResult == KEL::KEL_OK; }
+    bool Ok() const noexcept { return openResult == KEL_OK; }
     bool HasThumbnail() const noexcept;
 };
 
@@ -62,25 +63,11 @@ struct ContainerSummary {
 // (or record headers); of the payloads only each stream's first atom is
 // read, for its layers. Never throws; a file that cannot be opened gives a
 // summary with `openResult` and `error` set.
-ContainerSummary SummarizeContainer(const std::string& path);
+KEL_API ContainerSummary SummarizeContainer(const std::string& path);
 // The same for a reader that is already open.
-ContainerSummary SummarizeOpenContainer(KEL::ReadKEL2File& reader);
+KEL_API ContainerSummary SummarizeOpenContainer(ReadKEL2File& reader);
 
-nlohmann::ordered_json ToJson(const ContainerSummary& summary);
+// Why a reader's Initialize failed: its last error, or the code's name.
+KEL_API std::string OpenFailureReason(const ReadKEL2File& reader, KelErrorCode code);
 
-// Human-readable report of one file: header facts, then a table of streams
-// and the layer kinds of each stream's first atom.
-void PrintContainerSummary(std::ostream& out, const ContainerSummary& summary);
-// One line per file and a total.
-void PrintDirectorySummary(std::ostream& out, const std::string& directory,
-                           const std::vector<ContainerSummary>& summaries);
-
-// The ".kel" files directly inside `directory`, sorted by name.
-std::vector<std::string> ListContainerFiles(const std::string& directory);
-
-// "12.3 MiB" style.
-std::string FormatBytes(std::uint64_t bytes);
-// "1.500 s" for a span of microseconds.
-std::string FormatDuration(std::int64_t microseconds);
-
-}  // namespace KelTool
+}  // namespace KEL

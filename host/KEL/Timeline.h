@@ -1,9 +1,11 @@
 #pragma once
 
+#include <KelCommon/Export.h>
+
 #include <cstdint>
 #include <vector>
 
-namespace KelTool {
+namespace KEL {
 
 // A stretch of a stream's time line with no frame where frames were due.
 struct TimelineGap {
@@ -27,6 +29,6 @@ struct TimelineAnalysis {
 // larger than 1.5 times their median. The frame interval is the mean of the
 // distances within half and one and a half medians; a gap of d holds
 // round(d / interval) - 1 missing frames (at least one).
-TimelineAnalysis AnalyzeTimeline(std::vector<std::int64_t> stamps);
+KEL_API TimelineAnalysis AnalyzeTimeline(std::vector<std::int64_t> stamps);
 
-}  // namespace KelTool
+}  // namespace KEL

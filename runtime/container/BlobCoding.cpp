@@ -1,0 +1,296 @@
+#include "container/BlobCoding.h"
+
+#include <zstd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+
+namespace KEL::container {
+
+namespace {
+
+struct CCtxFree {
+    void operator()(ZSTD_CCtx* c) const { ZSTD_freeCCtx(c); }
+};
+struct DCtxFree {
+    void operator()(ZSTD_DCtx* d) const { ZSTD_freeDCtx(d); }
+};
+
+// One compression and one decompression context per thread, and the
+// scratch the filters need: contexts are costly to make and hold no state
+// between calls.
+ZSTD_CCtx* ThreadCCtx() {
+    thread_local std::unique_ptr<ZSTD_CCtx, CCtxFree> cctx(ZSTD_createCCtx());
+    return cctx.get();
+}
+ZSTD_DCtx* ThreadDCtx() {
+    thread_local std::unique_ptr<ZSTD_DCtx, DCtxFree> dctx(ZSTD_createDCtx());
+    return dctx.get();
+}
+std::uint8_t* Scratch(std::size_t size) {
+    thread_local std::vector<std::uint8_t> scratch;
+    if (scratch.size() < size) {
+        scratch.resize(size);
+    }
+    return scratch.data();
+}
+
+void Shuffle(const std::uint8_t* in, std::size_t size, unsigned es, std::uint8_t* out) {
+    const std::size_t n = size / es;
+    for (unsigned b = 0; b < es; ++b) {
+        std::uint8_t* plane = out + b * n;
+        const std::uint8_t* src = in + b;
+        for (std::size_t i = 0; i < n; ++i) {
+            plane[i] = src[i * es];
+        }
+    }
+    std::memcpy(out + n * es, in + n * es, size - n * es);
+}
+
+void Unshuffle(const std::uint8_t* in, std::size_t size, unsigned es, std::uint8_t* out) {
+    const std::size_t n = size / es;
+    for (unsigned b = 0; b < es; ++b) {
+        const std::uint8_t* plane = in + b * n;
+        std::uint8_t* dst = out + b;
+        for (std::size_t i = 0; i < n; ++i) {
+            dst[i * es] = plane[i];
+        }
+    }
+    std::memcpy(out + n * es, in + n * es, size - n * es);
+}
+
+template <class T>
+void DeltaOf(std::uint8_t* data, std::size_t size) {
+    const std::size_t n = size / sizeof(T);
+    T previous = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+        T value;
+        std::memcpy(&value, data + i * sizeof(T), sizeof(T));
+        const T delta = static_cast<T>(value - previous);
+        std::memcpy(data + i * sizeof(T), &delta, sizeof(T));
+        previous = value;
+    }
+}
+
+template <class T>
+void SumOf(std::uint8_t* data, std::size_t size) {
+    const std::size_t n = size / sizeof(T);
+    T running = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+        T delta;
+        std::memcpy(&delta, data + i * sizeof(T), sizeof(T));
+        running = static_cast<T>(running + delta);
+        std::memcpy(data + i * sizeof(T), &running, sizeof(T));
+    }
+}
+
+void Delta(unsigned es, std::uint8_t* data, std::size_t size) {
+    switch (es) {
+        case 1:
+            DeltaOf<std::uint8_t>(data, size);
+            break;
+        case 2:
+            DeltaOf<std::uint16_t>(data, size);
+            break;
+        case 4:
+            DeltaOf<std::uint32_t>(data, size);
+            break;
+        default:
+            DeltaOf<std::uint64_t>(data, size);
+            break;
+    }
+}
+
+void Sum(unsigned es, std::uint8_t* data, std::size_t size) {
+    switch (es) {
+        case 1:
+            SumOf<std::uint8_t>(data, size);
+            break;
+        case 2:
+            SumOf<std::uint16_t>(data, size);
+            break;
+        case 4:
+            SumOf<std::uint32_t>(data, size);
+            break;
+        default:
+            SumOf<std::uint64_t>(data, size);
+            break;
+    }
+}
+
+bool IsDeltaWidth(unsigned es) { return es == 1 || es == 2 || es == 4 || es == 8; }
+
+}  // namespace
+
+BlobCoding CodingFor(BlobKind kind, CompressionCodec codec) {
+    BlobCoding coding;
+    coding.codec = codec;
+    coding.chunkSize = kCompressionChunkSize;
+    switch (kind) {
+        case BlobKind::kFloat32:
+            coding.filter = BlobFilter::kShuffle;
+            coding.elementSize = 4;
+            break;
+        case BlobKind::kIndices32:
+            coding.filter = BlobFilter::kDeltaShuffle;
+            coding.elementSize = 4;
+            break;
+        case BlobKind::kPixelsRGBA8:
+            coding.filter = BlobFilter::kShuffleDelta;
+            coding.elementSize = 4;
+            break;
+        case BlobKind::kBytes:
+            break;
+    }
+    return coding;
+}
+
+bool CodingSupported(const BlobCoding& coding, std::string& why) {
+    if (coding.codec != CompressionCodec::kNone && coding.codec != CompressionCodec::kZstd) {
+        why = "blob stored with codec " + std::to_string(static_cast<unsigned>(coding.codec)) +
+              ", which this reader does not know (written by a newer host)";
+        return false;
+    }
+    if (static_cast<unsigned>(coding.filter) > static_cast<unsigned>(BlobFilter::kShuffleDelta)) {
+        why = "blob stored with filter " + std::to_string(static_cast<unsigned>(coding.filter)) +
+              ", which this reader does not know (written by a newer host)";
+        return false;
+    }
+    if (coding.codec == CompressionCodec::kNone) {
+        return true;
+    }
+    if (coding.elementSize == 0 || coding.elementSize > 16 ||
+        (coding.filter == BlobFilter::kDeltaShuffle && !IsDeltaWidth(coding.elementSize))) {
+        why = "blob filter with element size " + std::to_string(coding.elementSize);
+        return false;
+    }
+    if (coding.chunkSize == 0 || coding.chunkSize > (64U << 20) || coding.chunkSize % coding.elementSize != 0) {
+        why = "blob pieces of " + std::to_string(coding.chunkSize) + " bytes";
+        return false;
+    }
+    return true;
+}
+
+void ApplyFilter(BlobFilter filter, unsigned elementSize, const std::uint8_t* in, std::size_t size, std::uint8_t* out) {
+    switch (filter) {
+        case BlobFilter::kNone:
+            std::memcpy(out, in, size);
+            break;
+        case BlobFilter::kShuffle:
+            Shuffle(in, size, elementSize, out);
+            break;
+        case BlobFilter::kDeltaShuffle: {
+            std::uint8_t* tmp = Scratch(size);
+            std::memcpy(tmp, in, size);
+            Delta(elementSize, tmp, size);
+            Shuffle(tmp, size, elementSize, out);
+            break;
+        }
+        case BlobFilter::kShuffleDelta:
+            Shuffle(in, size, elementSize, out);
+            Delta(1, out, size);
+            break;
+    }
+}
+
+void UndoFilter(BlobFilter filter, unsigned elementSize, const std::uint8_t* in, std::size_t size, std::uint8_t* out) {
+    switch (filter) {
+        case BlobFilter::kNone:
+            std::memcpy(out, in, size);
+            break;
+        case BlobFilter::kShuffle:
+            Unshuffle(in, size, elementSize, out);
+            break;
+        case BlobFilter::kDeltaShuffle:
+            Unshuffle(in, size, elementSize, out);
+            Sum(elementSize, out, size);
+            break;
+        case BlobFilter::kShuffleDelta: {
+            std::uint8_t* tmp = Scratch(size);
+            std::memcpy(tmp, in, size);
+            Sum(1, tmp, size);
+            Unshuffle(tmp, size, elementSize, out);
+            break;
+        }
+    }
+}
+
+bool CompressPiece(const std::uint8_t* data, std::size_t size, const BlobCoding& coding, int level,
+                   std::vector<std::uint8_t>& out, std::string& why) {
+    const std::uint8_t* source = data;
+    if (coding.filter != BlobFilter::kNone) {
+        thread_local std::vector<std::uint8_t> buffer;
+        if (buffer.size() < size) {
+            buffer.resize(size);
+        }
+        ApplyFilter(coding.filter, coding.elementSize, data, size, buffer.data());
+        source = buffer.data();
+    }
+    out.resize(ZSTD_compressBound(size));
+    const std::size_t n = ZSTD_compressCCtx(ThreadCCtx(), out.data(), out.size(), source, size, level);
+    if (ZSTD_isError(n) != 0U) {
+        why = std::string("zstd: ") + ZSTD_getErrorName(n);
+        return false;
+    }
+    out.resize(n);
+    return true;
+}
+
+bool FindPieces(const std::uint8_t* stored, std::size_t storedSize, std::uint64_t originalSize,
+                const BlobCoding& coding, std::vector<StoredPiece>& pieces, std::string& why) {
+    pieces.clear();
+    const std::uint64_t expected = (originalSize + coding.chunkSize - 1) / coding.chunkSize;
+    std::size_t pos = 0;
+    for (std::uint64_t i = 0; i < expected; ++i) {
+        if (pos >= storedSize) {
+            why = "compressed blob holds " + std::to_string(i) + " of its " + std::to_string(expected) + " pieces";
+            return false;
+        }
+        const std::size_t frame = ZSTD_findFrameCompressedSize(stored + pos, storedSize - pos);
+        if (ZSTD_isError(frame) != 0U) {
+            why = "compressed blob piece " + std::to_string(i) + ": " + ZSTD_getErrorName(frame);
+            return false;
+        }
+        const std::uint64_t want = std::min<std::uint64_t>(coding.chunkSize, originalSize - i * coding.chunkSize);
+        if (ZSTD_getFrameContentSize(stored + pos, frame) != want) {
+            why = "compressed blob piece " + std::to_string(i) + " does not declare its size of " +
+                  std::to_string(want) + " bytes";
+            return false;
+        }
+        pieces.push_back({pos, frame});
+        pos += frame;
+    }
+    if (pos != storedSize) {
+        why = "compressed blob has " + std::to_string(storedSize - pos) + " bytes after its last piece";
+        return false;
+    }
+    return true;
+}
+
+bool DecompressPiece(const std::uint8_t* piece, std::size_t pieceSize, const BlobCoding& coding, std::uint8_t* out,
+                     std::size_t size, std::string& why) {
+    std::uint8_t* target = out;
+    if (coding.filter != BlobFilter::kNone) {
+        thread_local std::vector<std::uint8_t> buffer;
+        if (buffer.size() < size) {
+            buffer.resize(size);
+        }
+        target = buffer.data();
+    }
+    const std::size_t n = ZSTD_decompressDCtx(ThreadDCtx(), target, size, piece, pieceSize);
+    if (ZSTD_isError(n) != 0U) {
+        why = std::string("compressed blob piece does not decode: ") + ZSTD_getErrorName(n);
+        return false;
+    }
+    if (n != size) {
+        why = "compressed blob piece decodes to " + std::to_string(n) + " bytes instead of " + std::to_string(size);
+        return false;
+    }
+    if (coding.filter != BlobFilter::kNone) {
+        UndoFilter(coding.filter, coding.elementSize, target, size, out);
+    }
+    return true;
+}
+
+}  // namespace KEL::container
