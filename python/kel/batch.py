@@ -122,11 +122,11 @@ def table(args, rows):
         lines = [(r["path"], r["verdict"], r["atom_records"], r["damaged_records"],
                   r["open_error"] or "; ".join(p["what"] for p in r["problems"][:3])) for r in rows]
     elif args.command == "info":
-        header = ("FILE", "SIZE", "ATOMS", "STREAMS", "CLOSED", "DAMAGED", "ERROR")
+        header = ("FILE", "SIZE", "ATOMS", "STREAMS", "CLOSED", "SKIPPED", "ERROR")
         lines = [(r["path"], size_text(r["size"]), r["atoms"],
-                  None if r["streams"] is None else ",".join(map(str, r["streams"])),
+                  None if r["streams"] is None else ",".join(str(s["id"]) for s in r["streams"]),
                   None if r["closed"] is None else ("yes" if r["closed"] else "no"),
-                  None if r["damage"] is None else ("yes" if r["damage"]["damaged"] else "no"), r["error"])
+                  None if r["damage"] is None else r["damage"]["skipped_records"], r["error"])
                  for r in rows]
     else:
         header = ("FILE", "COPY", "STATUS", "ERROR")

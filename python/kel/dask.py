@@ -150,21 +150,22 @@ FILE_COLUMNS = {"path": object, "size": "Int64", "closed": "boolean", "atoms": "
 
 
 def _file_facts(path, problem=None):
-    """One file's row of files(): what a reader learns from opening it."""
+    """One file's row of files(), from the runtime's summary of it
+    (kel.summary: what its index and the first atom of each stream say)."""
     row = {"path": path, "size": None, "closed": None, "atoms": None, "streams": None, "damage": None,
            "error": problem}
     if problem is not None:
         return row
+    summary = kel.summary(path)
+    if summary["ok"]:
+        row.update(size=summary["file_size"], closed=summary["closed"], atoms=summary["atoms"],
+                   streams=summary["streams"], damage=summary["damage"])
+        return row
+    row["error"] = summary["error"]
     try:
-        with kel.open(path) as rec:
-            row.update(size=rec.file_size, closed=rec.writer_closed, atoms=rec.num_atoms, damage=rec.damage,
-                       streams=tuple(rec.streams))
-    except kel.KelError as error:
-        row["error"] = str(error)
-        try:
-            row["size"] = os.stat(path).st_size
-        except OSError:
-            pass
+        row["size"] = os.stat(path).st_size
+    except OSError:
+        pass
     return row
 
 
@@ -174,8 +175,11 @@ def _file_rows(path, problem):
 
 def files(paths):
     """One row per file: path, size (bytes), closed (its writer closed it),
-    atoms, streams (their ids), damage (the reader's damage report, a dict) and
-    error (None, or why it cannot be read; the other columns are then NA)."""
+    atoms, streams (a list of dicts as kel.summary gives them: id, name,
+    frames, time span, stored bytes, missing frames, first-atom layers),
+    damage (the reader's damage report, a dict) and error (None, or why it
+    cannot be read; the other columns are then NA, size too when it does not
+    exist)."""
     return _from_parts("files", _file_rows, expand(paths), FILE_COLUMNS)
 
 
