@@ -94,26 +94,32 @@ def main():
     def note(name, seconds):
         times.setdefault(name, []).append(seconds)
 
+    # Starting a cluster leaves distributed's settings for worker processes
+    # (MALLOC_TRIM_THRESHOLD_, ...) in this process's environment; the
+    # baselines run in the environment they were given.
+    environment = dict(os.environ)
     with tempfile.TemporaryDirectory(prefix="kel-dask-bench-") as scratch:
         paths = write_takes(scratch, args.takes, args.mib)
         halves = [paths[::2], paths[1::2]]
         total_bytes = sum(os.path.getsize(p) for p in paths)
-        with kel.dask.local_cluster(1) as one, kel.dask.local_cluster(2) as two, \
+        with multiprocessing.get_context("spawn").Pool(2) as pool, \
+                kel.dask.local_cluster(1) as one, kel.dask.local_cluster(2) as two, \
                 distributed.Client(one, set_as_default=False) as c1, \
-                distributed.Client(two, set_as_default=False) as c2, \
-                multiprocessing.get_context("spawn").Pool(2) as pool:
+                distributed.Client(two, set_as_default=False) as c2:
             for c in (c1, c2):
                 c.run(lambda: __import__("kel.dask"))
             pool.map(python_loop, [[], []])
             checks = set()
             for _ in range(args.runs):
                 warm(paths)
-                seconds, run = timed(lambda: subprocess.run([args.tool, "verify", *paths], capture_output=True))
+                seconds, run = timed(lambda: subprocess.run([args.tool, "verify", *paths], capture_output=True,
+                                                            env=environment))
                 if run.returncode != 0:
                     sys.exit(f"kel verify failed: {run.stderr.decode()}")
                 note("kel verify", seconds)
                 seconds, _ = timed(lambda: [p.wait() for p in [subprocess.Popen([args.tool, "verify", *half],
-                                                                                stdout=subprocess.DEVNULL)
+                                                                                stdout=subprocess.DEVNULL,
+                                                                                env=environment)
                                                                for half in halves]])
                 note("kel verify x2", seconds)
                 for name, c in (("verify 1", c1), ("verify 2", c2)):

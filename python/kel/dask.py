@@ -19,6 +19,7 @@ import math
 import os
 import shutil
 import subprocess
+import uuid
 import warnings
 
 try:
@@ -66,10 +67,10 @@ def local_cluster(workers=None, **options):
 
 def expand(paths):
     """The files that `paths` name, in order, each once, as (path, problem)
-    pairs: a file as given, a directory's .kel files (sorted), a pattern's
-    matches (sorted). `problem` is None, or why nothing could be listed (a
-    directory that cannot be read, a pattern that matches nothing); such a
-    path becomes a row that says so."""
+    pairs with absolute paths: a file as given, a directory's .kel files
+    (sorted), a pattern's matches (sorted). `problem` is None, or why nothing
+    could be listed (a directory that cannot be read, a pattern that matches
+    nothing); such a path becomes a row that says so."""
     if isinstance(paths, (str, os.PathLike)):
         paths = [paths]
     found, seen = [], set()
@@ -79,7 +80,8 @@ def expand(paths):
             seen.add(path)
             found.append((path, problem))
 
-    for given in map(os.fspath, paths):
+    # Absolute, so that workers started elsewhere (dask-worker) find them.
+    for given in (os.path.abspath(os.fspath(p)) for p in paths):
         if os.path.isdir(given):
             try:
                 names = sorted(os.listdir(given))
@@ -118,29 +120,45 @@ def _key(kind, *parts):
 def _frame(rows, columns):
     """A pandas DataFrame of `rows` (a list of dicts, or a dict of columns)
     with exactly `columns`' dtypes."""
-    if isinstance(rows, dict):
-        frame = pd.DataFrame(rows, columns=list(columns))
-    elif rows:
-        frame = pd.DataFrame.from_records(rows, columns=list(columns))
-    else:
-        frame = pd.DataFrame(columns=list(columns))
-    return frame.astype(columns)
+    if not isinstance(rows, dict):
+        rows = {name: [row[name] for row in rows] for name in columns}
+    data = {}
+    for name, dtype in columns.items():
+        values = rows[name]
+        if dtype is object:
+            # Element by element: numpy would make a list of equal tuples
+            # a 2-D array.
+            data[name] = np.empty(len(values), dtype=object)
+            for i, value in enumerate(values):
+                data[name][i] = value
+        else:
+            data[name] = pd.array(values, dtype=dtype)
+    return pd.DataFrame(data, copy=False)
 
 
-def _from_parts(kind, function, found, columns, *args, pure=True):
-    """A dask DataFrame with one partition per file: function(path, problem,
-    *args) gives the partition's rows."""
-    meta = _frame([], columns)
-    if not found:
+_metas = {}
+
+
+def _meta(columns):
+    key = tuple(columns.items())
+    if key not in _metas:
+        _metas[key] = _frame([], columns)
+    return _metas[key]
+
+
+def _from_parts(kind, function, items, columns, *args, pure=True):
+    """A dask DataFrame with one partition per item (a tuple): the rows of
+    function(*item, *args)."""
+    meta = _meta(columns)
+    if not items:
         return dask.dataframe.from_pandas(meta, npartitions=1)
-    parts = [dask.delayed(_rows, pure=pure)(function, path, problem, columns, *args,
-                                            dask_key_name=_key(kind, path, _stat_token(path), args) if pure else None)
-             for path, problem in found]
-    return dask.dataframe.from_delayed(parts, meta=meta, verify_meta=False)
+    token = tokenize(kind, [(item, _stat_token(item[0])) for item in items], args, None if pure else uuid.uuid4())
+    return dask.dataframe.from_map(_rows, items, args=(function, columns, *args), meta=meta, label=f"kel-{kind}",
+                                   token=token, enforce_metadata=False)
 
 
-def _rows(function, path, problem, columns, *args):
-    return _frame(function(path, problem, *args), columns)
+def _rows(item, function, columns, *args):
+    return _frame(function(*item, *args), columns)
 
 
 # ---- files ----
@@ -382,22 +400,15 @@ def copy(paths, out_dir, compress=None, streams=None, overwrite=False, skip_dama
     unless overwrite, frames lost to damage unless skip_damaged). The files
     are written when the DataFrame is computed."""
     if compress is not None:
-        raise NotImplementedError(f"kel.dask.copy(compress={compress!r}): this build writes uncompressed takes "
-                                  "only; leave compress=None")
-    found = expand(paths)
-    outputs = {}
-    for path, _ in found:
-        output = os.path.join(os.fspath(out_dir), os.path.basename(path))
-        if output in outputs:
-            raise ValueError(f"'{outputs[output]}' and '{path}' would both be copied to '{output}'")
-        outputs[output] = path
+        raise NotImplementedError(f"kel.dask.copy(compress={compress!r}): kel copy cannot compress yet; leave "
+                                  "compress=None")
+    out_dir = os.path.abspath(os.fspath(out_dir))
+    items = [(path, problem, os.path.join(out_dir, os.path.basename(path))) for path, problem in expand(paths)]
+    inputs = {}
+    for path, _, output in items:
+        if output in inputs:
+            raise ValueError(f"'{inputs[output]}' and '{path}' would both be copied to '{output}'")
+        inputs[output] = path
     os.makedirs(out_dir, exist_ok=True)
     wanted = None if streams is None else [str(s) for s in streams]
-    meta = _frame([], COPY_COLUMNS)
-    if not found:
-        return dask.dataframe.from_pandas(meta, npartitions=1)
-    parts = [dask.delayed(_rows, pure=False)(_copy_rows, path, problem, COPY_COLUMNS,
-                                             os.path.join(os.fspath(out_dir), os.path.basename(path)), wanted,
-                                             overwrite, skip_damaged)
-             for path, problem in found]
-    return dask.dataframe.from_delayed(parts, meta=meta, verify_meta=False)
+    return _from_parts("copy", _copy_rows, items, COPY_COLUMNS, wanted, overwrite, skip_damaged, pure=False)
