@@ -29,5 +29,9 @@ if [ -d "$site" ]; then
   env -u LD_LIBRARY_PATH PYTHONPATH="$site" /usr/bin/python3 -c \
     "import kel, sys; w = kel.create(sys.argv[1]); w.write(kel.Atom(stream=2)); w.close(); assert kel.open(sys.argv[1]).streams == [2]" \
     "$work/check.kel"
+  # The installed kel batch runs the installed package's kel.batch, with no
+  # PYTHONPATH given: it finds the package beside its own prefix.
+  (cd "$work" && env -u LD_LIBRARY_PATH -u PYTHONPATH "$work/prefix/bin/kel" batch info check.kel --workers 1 --json) \
+    | /usr/bin/python3 -c "import json, sys; rows = json.load(sys.stdin); assert rows[0]['atoms'] == 1, rows"
 fi
 echo "external plugin built against the installed package and loaded"
