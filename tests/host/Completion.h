@@ -18,11 +18,10 @@ public:
     Completion(const Completion&) = delete;
     Completion& operator=(const Completion&) = delete;
 
-    bool Done() { return WaitFor(std::chrono::milliseconds(0)); }
-    // Waits at most `timeout` for `body` to return; true when it has. For
-    // checking that a call is held: with the call held the answer is certain
-    // (false); a call that is not held returns long before the time-out.
-    bool WaitFor(std::chrono::milliseconds timeout) { return done_.wait_for(timeout) == std::future_status::ready; }
+    // True when `body` has not returned after 100 ms. For checking that a
+    // call is held: with the call held the answer is certain (true); a call
+    // that is not held returns long before.
+    bool Held() { return done_.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready; }
     // Blocks until `body` has returned.
     void Wait() { done_.wait(); }
 

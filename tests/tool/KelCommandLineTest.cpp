@@ -22,7 +22,7 @@ TEST_F(KelCommandLine, UsageErrorsExitTwoAndNameTheProblem) {
 // plugin named after the command loads only that one; the table quotes
 // parameter names) and the synthetic source. (Their
 // GUIDs and categories are checked by
-// PluginLoaderTest.LoadsTheBuiltPluginOnceAndReadsItsDescriptor.)
+// PluginLoaderTest.LoadsTheBuiltPluginOnceAndReadsItsDescriptorClassesAndParameters.)
 TEST_F(KelCommandLine, FiltersListsEveryClassOfTheLoadedPlugins) {
     const auto names = [&](const std::vector<std::string>& args) {
         const auto run = KelOk(args);
