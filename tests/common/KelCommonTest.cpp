@@ -12,8 +12,7 @@
 #include <string>
 #include <thread>
 
-#include "host/Completion.h"
-#include "host/Gate.h"
+#include "support/Interleaving.h"
 
 using KelCommon::Guid;
 

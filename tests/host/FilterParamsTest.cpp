@@ -12,8 +12,7 @@
 #include <thread>
 #include <tuple>
 
-#include "host/Completion.h"
-#include "host/Gate.h"
+#include "support/Interleaving.h"
 
 namespace {
 

@@ -5,8 +5,7 @@
 #include <thread>
 #include <type_traits>
 
-#include "host/Completion.h"
-#include "host/Gate.h"
+#include "support/Interleaving.h"
 #include "support/TestSupport.h"
 #include "targets/TargetKEL2FileAsyncWriter.h"
 #include "targets/TargetKEL2FileWriterAsync.h"

@@ -136,19 +136,14 @@ TEST_F(KelConvert, CopyWithEveryOptionCombinationSplitMergeAndConcatStoreTheStre
 // frame and offset, unless --skip-damaged, which succeeds and counts it.
 TEST_F(KelConvert, AFrameLostToDamageFailsTheConversionUnlessSkipped) {
     RecordSynthetic(File("in.kel"), 2, 4);
-    std::vector<std::uint8_t> pixels;
-    {
-        auto reader = OpenContainer(File("in.kel"));
-        const auto atom = reader->GetFrameAtom(1, 2);
-        ASSERT_TRUE(atom);
-        const auto texture = KEL::LayerCast<KEL::DataTypeTextureRGBA>(
-            atom->GetDataLayer(KEL::PurposeGuid_PRIMARY_COLOR, KEL::DataTypeTextureRGBA::TheTypeGuid(), false));
-        ASSERT_TRUE(texture);
-        const auto& buffer = texture->GetPixels();
-        pixels.assign(buffer.data(), buffer.data() + buffer.size());
-    }
+    const auto atom = OpenContainer(File("in.kel"))->GetFrameAtom(1, 2);
+    ASSERT_TRUE(atom);
+    const auto texture = KEL::LayerCast<KEL::DataTypeTextureRGBA>(
+        atom->GetDataLayer(KEL::PurposeGuid_PRIMARY_COLOR, KEL::DataTypeTextureRGBA::TheTypeGuid(), false));
+    ASSERT_TRUE(texture);
+    const auto& pixels = texture->GetPixels();
     const auto bytes = kel_test::ReadFileBytes(File("in.kel"));
-    const auto at = std::search(bytes.begin(), bytes.end(), pixels.begin(), pixels.end());
+    const auto at = std::search(bytes.begin(), bytes.end(), pixels.data(), pixels.data() + pixels.size());
     ASSERT_NE(at, bytes.end());
     kel_test::FlipByte(File("in.kel"), static_cast<std::uint64_t>(at - bytes.begin()) + pixels.size() / 2);
 

@@ -4,8 +4,7 @@
 #include <atomic>
 #include <functional>
 
-#include "host/Completion.h"
-#include "host/Gate.h"
+#include "support/Interleaving.h"
 
 namespace {
 
