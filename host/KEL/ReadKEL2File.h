@@ -80,6 +80,14 @@ struct ReaderDamage {
     std::string reason;
 };
 
+// What one layer of an atom takes in the file: its blobs' own sizes and the
+// bytes they are stored in (less when compressed).
+struct LayerStorage {
+    KelCommon::Guid type;
+    std::uint64_t blobBytes = 0;
+    std::uint64_t storedBlobBytes = 0;
+};
+
 // One atom record as the index or its header lists it.
 struct AtomListing {
     std::uint16_t streamId = 0;
@@ -169,6 +177,11 @@ public:
     // that share a stream and frame number with an earlier one, which
     // GetFrameAtom never returns.
     std::shared_ptr<Atom> GetAtomAt(std::uint64_t position);
+    // The layers of the `position`-th record and what their blobs take,
+    // read from the record's layer tables only (a few KiB, nothing
+    // decompressed, the payload not verified). Empty when the record cannot
+    // be read or its tables are malformed.
+    std::vector<LayerStorage> GetLayerStorage(std::uint64_t position);
     std::uint64_t GetFileSize() const noexcept;
     // The error text of the last failure ("" when none).
     const std::string& GetLastError() const noexcept;

@@ -308,6 +308,50 @@ KelErrorCode EncodeAtomRecord(const Atom& atom, std::uint64_t recordOffset, std:
     return KEL_OK;
 }
 
+bool ParseLayerStorage(const std::uint8_t* payload, std::uint64_t available, std::uint64_t payloadSize,
+                       std::vector<LayerStorage>& out, std::uint64_t& needed) {
+    out.clear();
+    needed = 0;
+    if (available < kAtomMetaSize || payloadSize < kAtomMetaSize) {
+        needed = kAtomMetaSize;
+        return false;
+    }
+    const std::uint32_t numLayers = GetU32(payload + 20);
+    if (numLayers > (payloadSize - kAtomMetaSize) / kLayerDescriptorSize) {
+        return false;
+    }
+    std::uint64_t pos = kAtomMetaSize;
+    for (std::uint32_t i = 0; i < numLayers; ++i) {
+        if (available - pos < kLayerDescriptorSize) {
+            needed = pos + kLayerDescriptorSize;
+            return false;
+        }
+        const std::uint8_t* d = payload + pos;
+        std::array<std::uint8_t, KelCommon::Guid::kSize> type{};
+        std::memcpy(type.data(), d, type.size());
+        const std::uint32_t numBlobs = GetU32(d + 36);
+        const std::uint64_t fieldsSpan = AlignUp(GetU32(d + 40), kRecordAlignment);
+        const bool coded = GetU32(d + 44) == kBlobTableCoded;
+        const std::size_t refSize = coded ? kCodedBlobRefSize : kBlobRefSize;
+        pos += kLayerDescriptorSize + fieldsSpan;
+        if (pos > payloadSize || numBlobs > (payloadSize - pos) / refSize) {
+            return false;
+        }
+        if (pos + numBlobs * refSize > available) {
+            needed = pos + numBlobs * refSize;
+            return false;
+        }
+        LayerStorage layer{KelCommon::Guid(type)};
+        for (std::uint32_t b = 0; b < numBlobs; ++b, pos += refSize) {
+            const std::uint64_t stored = GetU64(payload + pos + 8);
+            layer.storedBlobBytes += stored;
+            layer.blobBytes += coded ? GetU64(payload + pos + 16) : stored;
+        }
+        out.push_back(layer);
+    }
+    return true;
+}
+
 std::shared_ptr<Atom> DecodeAtomRecord(const std::shared_ptr<const void>& owner, const std::uint8_t* payload,
                                        std::uint64_t payloadSize, std::string& reason) {
     if (payloadSize < kAtomMetaSize) {

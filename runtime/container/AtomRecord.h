@@ -3,6 +3,7 @@
 #include <KEL/Atom.h>
 #include <KEL/Compression.h>
 #include <KEL/KelErrorCode.h>
+#include <KEL/ReadKEL2File.h>
 #include <KelCommon/SharedBuffer.h>
 #include <sys/uio.h>
 
@@ -56,5 +57,12 @@ KelErrorCode EncodeAtomRecord(const Atom& atom, std::uint64_t recordOffset, std:
 // Never reads outside the payload.
 std::shared_ptr<Atom> DecodeAtomRecord(const std::shared_ptr<const void>& owner, const std::uint8_t* payload,
                                        std::uint64_t payloadSize, std::string& reason);
+
+// The layers and blob sizes that the start of an atom record's payload
+// lists. `available` bytes of the `payloadSize` bytes are in memory. Returns
+// false when the tables are malformed, or when they reach past `available`
+// (then `needed` tells how many bytes they take, when known).
+bool ParseLayerStorage(const std::uint8_t* payload, std::uint64_t available, std::uint64_t payloadSize,
+                       std::vector<LayerStorage>& out, std::uint64_t& needed);
 
 }  // namespace KEL::container

@@ -541,6 +541,35 @@ std::shared_ptr<Atom> ReadKEL2File::GetAtomAt(std::uint64_t position) {
     }
 }
 
+std::vector<LayerStorage> ReadKEL2File::GetLayerStorage(std::uint64_t position) {
+    std::vector<LayerStorage> layers;
+    if (position >= impl_->records.Size() || !impl_->file) {
+        return layers;
+    }
+    const std::uint64_t offset = impl_->records[static_cast<std::size_t>(position)].offset;
+    std::vector<std::uint8_t> head(kRecordHeaderSize + 4096);
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        const std::int64_t got = impl_->file->ReadAt(offset, head.data(), head.size());
+        RecordHeader header;
+        if (got < static_cast<std::int64_t>(kRecordHeaderSize) ||
+            DecodeRecordHeader(head.data(), offset, header) != HeaderStatus::kValid ||
+            header.kind != RecordKind::kAtom) {
+            return {};
+        }
+        const auto available =
+            std::min<std::uint64_t>(static_cast<std::uint64_t>(got) - kRecordHeaderSize, header.payloadSize);
+        std::uint64_t needed = 0;
+        if (ParseLayerStorage(head.data() + kRecordHeaderSize, available, header.payloadSize, layers, needed)) {
+            return layers;
+        }
+        if (needed <= available || needed > header.payloadSize || needed > (std::uint64_t{64} << 20)) {
+            return {};
+        }
+        head.resize(kRecordHeaderSize + needed);
+    }
+    return {};
+}
+
 std::uint64_t ReadKEL2File::GetFileSize() const noexcept { return impl_->fileSize; }
 
 const std::string& ReadKEL2File::GetLastError() const noexcept { return impl_->lastError; }
