@@ -4,7 +4,7 @@
 # libraries). Runs `apt-get update` once, and only when something has to be
 # installed.
 #
-#   scripts/install-deps.sh [--test]
+#   scripts/install-deps.sh [--test | --bench]
 set -euo pipefail
 
 packages=(
@@ -16,6 +16,11 @@ packages=(
 )
 if [ "${1:-}" = "--test" ]; then
   packages+=(python3-pytest python3-hypothesis python3-html5lib python3-pil chromium)
+fi
+# The benchmarks compress photographs: Debian's MATE backgrounds, decoded
+# with Pillow.
+if [ "${1:-}" = "--bench" ]; then
+  packages+=(python3-pil mate-backgrounds)
 fi
 
 missing=()
