@@ -33,7 +33,7 @@ tsan:
 fuzz:
 	@./scripts/check.sh fuzz
 
-bench: deps
+bench:
 	@./scripts/install-deps.sh --bench
 	@cmake --preset release -DKEL_BUILD_BENCH=ON >/dev/null && cmake --build --preset release -j $(JOBS)
 	@./scripts/run-benchmarks.sh $(BUILD_DIR)

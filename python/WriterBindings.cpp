@@ -2,9 +2,11 @@
 
 #include <KEL/Atom.h>
 #include <KEL/SerializeToKel.h>
+#include <pybind11/stl.h>
 
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -18,9 +20,9 @@ using namespace pybind11::literals;
 
 class Writer {
 public:
-    Writer(const std::string& path, bool overwrite, bool xml)
+    Writer(const std::string& path, bool overwrite, bool xml, const KEL::SerializerOptions& options)
         : serializer_(std::make_unique<KEL::SerializeToKel>((path + (xml ? "+xml" : "")).c_str(), overwrite,
-                                                            KEL::CURRENT_VERSION, false)) {
+                                                            KEL::CURRENT_VERSION, false, options)) {
         // Nothing else knows this object yet: no lock needed.
         if (const KEL::KelErrorCode code = serializer_->GetOpenResult(); code != KEL::KEL_OK) {
             const std::string why = serializer_->GetLastError();
@@ -164,12 +166,23 @@ void BindWriter(py::module_& m) {
 
     m.def(
         "create",
-        [](const std::string& path, bool overwrite, bool xml) {
-            return std::make_unique<Writer>(path, overwrite, xml);
+        [](const std::string& path, bool overwrite, bool xml, const std::optional<std::string>& compress) {
+            KEL::SerializerOptions options;
+            if (compress) {
+                KEL::CompressionSetting setting;
+                std::string error;
+                if (!KEL::ParseCompression(*compress, setting, error)) {
+                    throw py::value_error(error);
+                }
+                options.compression = setting;
+            }
+            return std::make_unique<Writer>(path, overwrite, xml, options);
         },
-        "path"_a, "overwrite"_a = true, "xml"_a = false,
+        "path"_a, "overwrite"_a = true, "xml"_a = false, "compress"_a = py::none(),
         "Creates a container at `path` (with `xml`, also its XML companion at close). With `overwrite` false an "
-        "existing file is an error (KelError KEL_ERR_ALREADY_EXISTS).");
+        "existing file is an error (KelError KEL_ERR_ALREADY_EXISTS). `compress`: \"zstd\", \"zstd:LEVEL\" or "
+        "\"none\" (ValueError otherwise); None follows the process's setting (KEL_COMPRESSION, else none). "
+        "Compressed files read back transparently.");
 }
 
 }  // namespace kel_python

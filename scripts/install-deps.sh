@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project builds with, only those missing;
 # with --test also those that only the tests use (a browser, Python test
-# libraries) and those of the `kel.dask` module and `kel batch` (Dask,
-# distributed, pandas); with --bench only the latter, which the benchmarks
-# use. Runs `apt-get update` once, and only when something has to be
+# libraries, and Dask, distributed and pandas for the `kel.dask` module and
+# `kel batch`); with --bench those the benchmarks use (photographs and Pillow,
+# Dask). Runs `apt-get update` once, and only when something has to be
 # installed.
 #
 #   scripts/install-deps.sh [--test | --bench]
@@ -17,10 +17,14 @@ packages=(
   python3 python3-dev pybind11-dev python3-numpy
 )
 dask=(python3-dask python3-distributed python3-pandas)
-case "${1:-}" in
-  --test) packages+=(python3-pytest python3-hypothesis python3-html5lib python3-pil chromium "${dask[@]}") ;;
-  --bench) packages+=("${dask[@]}") ;;
-esac
+if [ "${1:-}" = "--test" ]; then
+  packages+=(python3-pytest python3-hypothesis python3-html5lib python3-pil chromium "${dask[@]}")
+fi
+# The benchmarks compress photographs (Debian's MATE backgrounds, decoded
+# with Pillow) and run kel.dask.
+if [ "${1:-}" = "--bench" ]; then
+  packages+=(python3-pil mate-backgrounds "${dask[@]}")
+fi
 
 missing=()
 for p in "${packages[@]}"; do

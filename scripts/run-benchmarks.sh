@@ -24,6 +24,35 @@ echo "== kel.dask on local clusters of worker processes (127.0.0.1)"
 PYTHONPATH="$build/python" /usr/bin/python3 bench/dask_bench.py --tool "$build/tools/kel/kel" \
   --runs "${KEL_BENCH_RUNS:-5}"
 echo
+echo "== compressed takes (photographs of mate-backgrounds with sensor noise, a scanned-like mesh)"
+photos="$out/photos"
+mkdir -p "$photos"
+/usr/bin/python3 - "$photos" <<'PY'
+import glob, os, sys
+from PIL import Image
+for p in sorted(glob.glob("/usr/share/backgrounds/mate/nature/*.jpg"))[:4]:
+    image = Image.open(p).convert("RGBA").resize((1920, 1080), Image.LANCZOS)
+    with open(os.path.join(sys.argv[1], os.path.basename(p)[:-4] + ".rgba"), "wb") as f:
+        f.write(image.tobytes())
+PY
+"$bench/kel_compression_bench" --photos "$photos" --dir "$out/compression" --runs "${KEL_BENCH_RUNS:-3}"
+echo
+echo "== asynchronous target, graph-thread cost per frame with compression on (KEL_COMPRESSION=zstd) and off"
+for c in none zstd; do
+  KEL_COMPRESSION=$c "$bench/targets_bench" --benchmark_filter='BM_AsyncGraphThreadPerFrame/16777216' \
+    --benchmark_format=json --benchmark_out="$out/async-$c.json.tmp" --benchmark_out_format=json \
+    --benchmark_repetitions="${KEL_BENCH_REPETITIONS:-3}" --benchmark_report_aggregates_only=true >/dev/null
+done
+python3 - "$out" <<'PY'
+import json, os, sys
+def median(name):
+    with open(os.path.join(sys.argv[1], name)) as f:
+        return next(b for b in json.load(f)["benchmarks"] if b.get("aggregate_name") == "median")
+on, off = median("async-zstd.json.tmp"), median("async-none.json.tmp")
+print(f"graph-thread CPU time per 16 MiB frame: compressed {on['cpu_time']:.3f} {on['time_unit']} "
+      f"vs uncompressed {off['cpu_time']:.3f} {off['time_unit']}  ratio {on['cpu_time'] / off['cpu_time']:.2f}")
+PY
+echo
 for b in container_bench targets_bench sources_bench; do
   echo "== $b"
   "$bench/$b" --benchmark_format=json --benchmark_out="$out/$b.json" --benchmark_out_format=json \

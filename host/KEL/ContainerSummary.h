@@ -19,6 +19,20 @@ struct LayerSummary {
     std::string detail;  // e.g. "320x240" for images, "256 vertices, 510 triangles" for meshes
 };
 
+// What the blobs of one layer type take in a stream: their own sizes and
+// the bytes they are stored in (less when compressed).
+struct StorageSummary {
+    std::string type;          // the layer type's short name ("TextureRGBA"; "Unknown" for types this host lacks)
+    std::uint64_t layers = 0;  // layers of this type in the stream's atoms
+    std::uint64_t blobBytes = 0;
+    std::uint64_t storedBlobBytes = 0;
+
+    // blobBytes / storedBlobBytes (1 for nothing stored).
+    double Ratio() const noexcept {
+        return storedBlobBytes == 0 ? 1.0 : static_cast<double>(blobBytes) / static_cast<double>(storedBlobBytes);
+    }
+};
+
 struct StreamSummary {
     std::uint16_t id = 0;
     std::uint32_t frames = 0;
@@ -37,6 +51,9 @@ struct StreamSummary {
     bool hasThumbnail = false;
     std::uint32_t thumbnailWidth = 0;
     std::uint32_t thumbnailHeight = 0;
+    // Per layer type, in order of first appearance, from every atom's layer
+    // tables.
+    std::vector<StorageSummary> storage;
 };
 
 // What a container file holds, as `kel info`, the report and the Python
@@ -54,6 +71,8 @@ struct ContainerSummary {
     std::uint64_t fileId = 0;  // the identity its writer gave it
     std::int64_t createdUs = 0;
     std::vector<StreamSummary> streams;
+    std::uint64_t blobBytes = 0;  // over every stream and layer
+    std::uint64_t storedBlobBytes = 0;
 
     bool Ok() const noexcept { return openResult == KEL_OK; }
     bool HasThumbnail() const noexcept;
@@ -61,7 +80,8 @@ struct ContainerSummary {
 
 // Opens `path` with the container reader and summarises it from its index
 // (or record headers); of the payloads only each stream's first atom is
-// read, for its layers. Never throws; a file that cannot be opened gives a
+// read, for its layers, and the layer tables of every atom (a few KiB each),
+// for what the blobs take. Never throws; a file that cannot be opened gives a
 // summary with `openResult` and `error` set.
 KEL_API ContainerSummary SummarizeContainer(const std::string& path);
 // The same for a reader that is already open.

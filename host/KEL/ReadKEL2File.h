@@ -81,6 +81,14 @@ struct ReaderDamage {
     std::string reason;
 };
 
+// What one layer of an atom takes in the file: its blobs' own sizes and the
+// bytes they are stored in (less when compressed).
+struct LayerStorage {
+    KelCommon::Guid type;
+    std::uint64_t blobBytes = 0;
+    std::uint64_t storedBlobBytes = 0;
+};
+
 // One atom record as the index or its header lists it.
 struct AtomListing {
     std::uint16_t streamId = 0;
@@ -96,7 +104,8 @@ struct LayerListing {
     // The type's name as the layer read back gives it ("TextureRGBA";
     // "Unknown" for a type this runtime does not know).
     std::string typeName;
-    std::uint64_t blobBytes = 0;  // the sizes of its blobs (pixels, vertices, attachments), decoded
+    std::uint64_t blobBytes = 0;        // the sizes of its blobs (pixels, vertices, attachments), decoded
+    std::uint64_t storedBlobBytes = 0;  // the bytes they are stored in (less when compressed)
 };
 
 // An atom record as its header and its layer descriptors describe it, read
@@ -204,6 +213,11 @@ public:
     // here is in the description only. A position past the end gives a
     // description that is damaged ("no such atom").
     AtomDescription DescribeAtomAt(std::uint64_t position);
+    // The layers of the `position`-th record and what their blobs take:
+    // DescribeAtomAt's layers (the record's layer tables only, nothing
+    // decompressed, the payload not verified). Empty when the record cannot
+    // be read or its tables are malformed.
+    std::vector<LayerStorage> GetLayerStorage(std::uint64_t position);
     std::uint64_t GetFileSize() const noexcept;
     // The error text of the last failure ("" when none).
     const std::string& GetLastError() const noexcept;

@@ -36,6 +36,8 @@ def parse(argv):
                         help="worker processes of the local cluster (default: one per core)")
     parser.add_argument("--out", metavar="DIR", help="copy: the directory to write the copies to")
     parser.add_argument("--streams", metavar="LIST", help="copy: comma-separated stream ids or names (default: all)")
+    parser.add_argument("--compress", metavar="zstd[:LEVEL]|none",
+                        help="copy: store blobs compressed, or as they are (default: as kel copy does)")
     parser.add_argument("--overwrite", action="store_true", help="copy: replace copies that exist")
     parser.add_argument("--skip-damaged", action="store_true",
                         help="copy: leave out frames lost to damage instead of failing the file")
@@ -45,8 +47,8 @@ def parse(argv):
         parser.error("--workers must be at least 1")
     if args.command == "copy" and not args.out:
         parser.error("copy needs --out DIR")
-    if args.command != "copy" and (args.out or args.streams or args.overwrite or args.skip_damaged):
-        parser.error("--out, --streams, --overwrite and --skip-damaged belong to copy")
+    if args.command != "copy" and (args.out or args.streams or args.compress or args.overwrite or args.skip_damaged):
+        parser.error("--out, --streams, --compress, --overwrite and --skip-damaged belong to copy")
     return args
 
 
@@ -57,7 +59,7 @@ def collection(args):
     if args.command == "info":
         return kel.dask.files(args.paths)
     streams = args.streams.split(",") if args.streams else None
-    return kel.dask.copy(args.paths, args.out, streams=streams, overwrite=args.overwrite,
+    return kel.dask.copy(args.paths, args.out, compress=args.compress, streams=streams, overwrite=args.overwrite,
                          skip_damaged=args.skip_damaged)
 
 

@@ -366,7 +366,7 @@ def kel_tool():
     return shutil.which("kel")
 
 
-def _copy_rows(path, problem, output, streams, overwrite, skip_damaged):
+def _copy_rows(path, problem, output, streams, compress, overwrite, skip_damaged):
     row = {"path": path, "output": output, "done": False, "verdict": None, "error": problem}
     if problem is not None:
         return [row]
@@ -377,6 +377,10 @@ def _copy_rows(path, problem, output, streams, overwrite, skip_damaged):
     command = [tool, "copy", path, output, "--quiet"]
     if streams:
         command += ["--streams", ",".join(map(str, streams))]
+    if compress == "none":
+        command.append("--decompress")
+    elif compress is not None:
+        command += ["--compress", compress]
     if overwrite:
         command.append("--overwrite")
     if skip_damaged:
@@ -397,11 +401,11 @@ def copy(paths, out_dir, compress=None, streams=None, overwrite=False, skip_dama
     (all streams, or `streams`: ids or names), then verified there: one row
     per file with the output's path, done (copied and verified "OK"), the
     output's verdict and the error (kel copy's message: an existing output
-    unless overwrite, frames lost to damage unless skip_damaged). The files
-    are written when the DataFrame is computed."""
-    if compress is not None:
-        raise NotImplementedError(f"kel.dask.copy(compress={compress!r}): kel copy cannot compress yet; leave "
-                                  "compress=None")
+    unless overwrite, frames lost to damage unless skip_damaged, a
+    `compress` it refuses). `compress`: "zstd" or "zstd:LEVEL" stores the
+    blobs compressed, "none" as they are, None as `kel copy` does by default
+    (KEL_COMPRESSION of the workers, else as they are). The files are written
+    when the DataFrame is computed."""
     out_dir = os.path.abspath(os.fspath(out_dir))
     items = [(path, problem, os.path.join(out_dir, os.path.basename(path))) for path, problem in expand(paths)]
     inputs = {}
@@ -411,4 +415,5 @@ def copy(paths, out_dir, compress=None, streams=None, overwrite=False, skip_dama
         inputs[output] = path
     os.makedirs(out_dir, exist_ok=True)
     wanted = None if streams is None else [str(s) for s in streams]
-    return _from_parts("copy", _copy_rows, items, COPY_COLUMNS, wanted, overwrite, skip_damaged, pure=False)
+    return _from_parts("copy", _copy_rows, items, COPY_COLUMNS, wanted, compress, overwrite, skip_damaged,
+                       pure=False)

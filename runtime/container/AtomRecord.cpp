@@ -510,6 +510,7 @@ LayoutStatus ListAtomLayers(const std::uint8_t* payload, std::uint64_t available
                 }
             }
             layer.blobBytes += originalSize;
+            layer.storedBlobBytes += size;
         }
         layers.push_back(std::move(layer));
     }

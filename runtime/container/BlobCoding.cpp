@@ -2,6 +2,10 @@
 
 #include <zstd.h>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <algorithm>
 #include <cstring>
 #include <memory>
@@ -38,6 +42,18 @@ std::uint8_t* Scratch(std::size_t size) {
 
 void Shuffle(const std::uint8_t* in, std::size_t size, unsigned es, std::uint8_t* out) {
     const std::size_t n = size / es;
+    if (es == 4) {  // pixels and floats: one 32-bit load per element
+        for (std::size_t i = 0; i < n; ++i) {
+            std::uint32_t w = 0;
+            std::memcpy(&w, in + i * 4, 4);
+            out[i] = static_cast<std::uint8_t>(w);
+            out[n + i] = static_cast<std::uint8_t>(w >> 8);
+            out[2 * n + i] = static_cast<std::uint8_t>(w >> 16);
+            out[3 * n + i] = static_cast<std::uint8_t>(w >> 24);
+        }
+        std::memcpy(out + n * 4, in + n * 4, size - n * 4);
+        return;
+    }
     for (unsigned b = 0; b < es; ++b) {
         std::uint8_t* plane = out + b * n;
         const std::uint8_t* src = in + b;
@@ -50,6 +66,15 @@ void Shuffle(const std::uint8_t* in, std::size_t size, unsigned es, std::uint8_t
 
 void Unshuffle(const std::uint8_t* in, std::size_t size, unsigned es, std::uint8_t* out) {
     const std::size_t n = size / es;
+    if (es == 4) {  // one 32-bit store per element
+        for (std::size_t i = 0; i < n; ++i) {
+            const std::uint32_t w = std::uint32_t{in[i]} | std::uint32_t{in[n + i]} << 8 |
+                                    std::uint32_t{in[2 * n + i]} << 16 | std::uint32_t{in[3 * n + i]} << 24;
+            std::memcpy(out + i * 4, &w, 4);
+        }
+        std::memcpy(out + n * 4, in + n * 4, size - n * 4);
+        return;
+    }
     for (unsigned b = 0; b < es; ++b) {
         const std::uint8_t* plane = in + b * n;
         std::uint8_t* dst = out + b;
@@ -85,10 +110,57 @@ void SumOf(std::uint8_t* data, std::size_t size) {
     }
 }
 
+// Byte-wise delta and running sum, 16 bytes at a time where SSE2 is there:
+// the running sum of a vector is four shifted additions, plus the last byte
+// of the vector before; a byte-serial loop is several times slower and was
+// a third of the decoding time of a compressed image.
+void ByteDelta(std::uint8_t* data, std::size_t size) {
+    std::size_t i = 0;
+    std::uint8_t last = 0;  // the original byte before data[i]
+#if defined(__SSE2__)
+    __m128i previous = _mm_setzero_si128();
+    for (; i + 16 <= size; i += 16) {
+        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(data + i));
+        const __m128i before = _mm_or_si128(_mm_slli_si128(x, 1), _mm_srli_si128(previous, 15));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(data + i), _mm_sub_epi8(x, before));
+        previous = x;
+    }
+    last = static_cast<std::uint8_t>(_mm_cvtsi128_si32(_mm_srli_si128(previous, 15)));
+#endif
+    for (; i < size; ++i) {
+        const std::uint8_t value = data[i];
+        data[i] = static_cast<std::uint8_t>(value - last);
+        last = value;
+    }
+}
+
+void ByteSum(std::uint8_t* data, std::size_t size) {
+    std::size_t i = 0;
+    std::uint8_t running = 0;
+#if defined(__SSE2__)
+    __m128i carry = _mm_setzero_si128();
+    for (; i + 16 <= size; i += 16) {
+        __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(data + i));
+        x = _mm_add_epi8(x, _mm_slli_si128(x, 1));
+        x = _mm_add_epi8(x, _mm_slli_si128(x, 2));
+        x = _mm_add_epi8(x, _mm_slli_si128(x, 4));
+        x = _mm_add_epi8(x, _mm_slli_si128(x, 8));
+        x = _mm_add_epi8(x, carry);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(data + i), x);
+        running = data[i + 15];
+        carry = _mm_set1_epi8(static_cast<char>(running));
+    }
+#endif
+    for (; i < size; ++i) {
+        running = static_cast<std::uint8_t>(running + data[i]);
+        data[i] = running;
+    }
+}
+
 void Delta(unsigned es, std::uint8_t* data, std::size_t size) {
     switch (es) {
         case 1:
-            DeltaOf<std::uint8_t>(data, size);
+            ByteDelta(data, size);
             break;
         case 2:
             DeltaOf<std::uint16_t>(data, size);
@@ -105,7 +177,7 @@ void Delta(unsigned es, std::uint8_t* data, std::size_t size) {
 void Sum(unsigned es, std::uint8_t* data, std::size_t size) {
     switch (es) {
         case 1:
-            SumOf<std::uint8_t>(data, size);
+            ByteSum(data, size);
             break;
         case 2:
             SumOf<std::uint16_t>(data, size);
@@ -129,7 +201,7 @@ BlobCoding CodingFor(BlobKind kind, CompressionCodec codec) {
     coding.chunkSize = kCompressionChunkSize;
     switch (kind) {
         case BlobKind::kFloat32:
-            coding.filter = BlobFilter::kShuffle;
+            coding.filter = BlobFilter::kShuffleDelta;
             coding.elementSize = 4;
             break;
         case BlobKind::kIndices32:

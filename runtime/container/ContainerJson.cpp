@@ -64,9 +64,20 @@ nlohmann::ordered_json ToJson(const ContainerSummary& summary) {
                               {"detail", l.detail}});
         }
         js["firstAtomLayers"] = std::move(layers);
+        auto storage = nlohmann::ordered_json::array();
+        for (const auto& st : s.storage) {
+            storage.push_back({{"type", st.type},
+                               {"layers", st.layers},
+                               {"blobBytes", st.blobBytes},
+                               {"storedBlobBytes", st.storedBlobBytes},
+                               {"ratio", st.Ratio()}});
+        }
+        js["storage"] = std::move(storage);
         streams.push_back(std::move(js));
     }
     j["streams"] = std::move(streams);
+    j["blobBytes"] = summary.blobBytes;
+    j["storedBlobBytes"] = summary.storedBlobBytes;
     return j;
 }
 

@@ -1,4 +1,5 @@
 #include <KEL/ContainerSummary.h>
+#include <KEL/DataLayerRegistry.h>
 #include <KEL/DataTypeMesh.h>
 #include <KEL/DataTypeStreamInfo.h>
 #include <KEL/DataTypeTextureRGBA.h>
@@ -7,6 +8,7 @@
 #include <KEL/Timeline.h>
 
 #include <algorithm>
+#include <map>
 #include <sstream>
 
 namespace KEL {
@@ -16,6 +18,11 @@ std::string OpenFailureReason(const ReadKEL2File& reader, KelErrorCode code) {
 }
 
 namespace {
+
+std::string TypeNameOf(const KelCommon::Guid& type) {
+    const auto layer = DataLayerRegistry::Instance().Create(type);
+    return layer ? layer->TypeName() : "Unknown";
+}
 
 LayerSummary SummarizeLayer(const std::shared_ptr<DataLayer>& layer) {
     LayerSummary s;
@@ -105,10 +112,29 @@ ContainerSummary SummarizeOpenContainer(ReadKEL2File& reader) {
     summary.closed = reader.IsClosed();
     summary.fileId = reader.GetFileId();
     summary.createdUs = reader.GetCreationTime();
+    std::map<std::uint16_t, std::size_t> streamIndex;
     for (int i = 0; i < reader.GetNumStreams(); ++i) {
         StreamSummary s;
         SummarizeStream(reader, reader.GetStreamId(i), &s);
+        streamIndex[s.id] = summary.streams.size();
         summary.streams.push_back(std::move(s));
+    }
+    const auto listing = reader.ListAtoms();
+    for (std::uint64_t i = 0; i < listing.size(); ++i) {
+        auto& storage = summary.streams[streamIndex.at(listing[i].streamId)].storage;
+        for (const LayerStorage& layer : reader.GetLayerStorage(i)) {
+            const std::string type = TypeNameOf(layer.type);
+            auto it =
+                std::find_if(storage.begin(), storage.end(), [&](const StorageSummary& s) { return s.type == type; });
+            if (it == storage.end()) {
+                it = storage.insert(storage.end(), StorageSummary{type});
+            }
+            ++it->layers;
+            it->blobBytes += layer.blobBytes;
+            it->storedBlobBytes += layer.storedBlobBytes;
+            summary.blobBytes += layer.blobBytes;
+            summary.storedBlobBytes += layer.storedBlobBytes;
+        }
     }
     summary.frames = reader.GetNumPlayableFrames();
     return summary;

@@ -613,6 +613,14 @@ AtomDescription ReadKEL2File::DescribeAtomAt(std::uint64_t position) {
     }
 }
 
+std::vector<LayerStorage> ReadKEL2File::GetLayerStorage(std::uint64_t position) {
+    std::vector<LayerStorage> layers;
+    for (const LayerListing& layer : DescribeAtomAt(position).layers) {
+        layers.push_back({layer.typeGuid, layer.blobBytes, layer.storedBlobBytes});
+    }
+    return layers;
+}
+
 std::uint64_t ReadKEL2File::GetFileSize() const noexcept { return impl_->fileSize; }
 
 const std::string& ReadKEL2File::GetLastError() const noexcept { return impl_->lastError; }

@@ -146,6 +146,9 @@ RC_GTEST_PROP(ContainerModel, DescriptionsMatchTheAtomsRead, ()) {
             RC_ASSERT(d.layers[l].version == layers[l]->GetVersion());
             RC_ASSERT(d.layers[l].typeName == layers[l]->TypeName());
             RC_ASSERT(d.layers[l].blobBytes == layers[l]->PayloadSize());
+            const bool storedAsExpected = compression.Enabled() ? d.layers[l].storedBlobBytes <= d.layers[l].blobBytes
+                                                                : d.layers[l].storedBlobBytes == d.layers[l].blobBytes;
+            RC_ASSERT(storedAsExpected);
             KEL::LayerEncoder encoder;
             layers[l]->EncodeFields(encoder);
             descriptorBytes += 48 + encoder.Fields().size() + 16 * encoder.Blobs().size();

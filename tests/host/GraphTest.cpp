@@ -201,9 +201,12 @@ protected:
         EXPECT_NE(added, nullptr) << error;
         return static_cast<F*>(added);
     }
-    KEL::RunResult InitializeAndRun(const KEL::RunOptions& options = {}) {
+    void Initialize() {
         std::string error;
-        EXPECT_EQ(graph->Initialize(&error), KEL::KEL_OK) << error;
+        ASSERT_EQ(graph->Initialize(&error), KEL::KEL_OK) << error;
+    }
+    KEL::RunResult InitializeAndRun(const KEL::RunOptions& options = {}) {
+        Initialize();
         return graph->Run(options);
     }
     static std::string Summary(const KEL::RunResult& r) {
@@ -388,55 +391,48 @@ TEST_F(GraphTest, AFaultEndsInitialisationOrTheRunNamingTheFilterAndUndoingWhatS
     }
 }
 
-// A target that never says it is done (an asynchronous writer whose disk
+// A finish request ends the run after the current frame as a natural end
+// does: the targets' input is finished and the graph waits until they are
+// done before it stops them. A stop request during that wait cuts it short;
+// a target that never says it is done (an asynchronous writer whose disk
 // hangs) is stopped at the time-out rather than hanging the run, and the run
 // fails naming it: stopping it may have discarded frames it accepted. (That
 // a natural end waits for a target's queue is checked by the asynchronous
 // `kel copy` runs, which would lose frames otherwise.)
-TEST_F(GraphTest, TargetNotDoneByTheTimeoutIsStoppedAndFailsTheRun) {
-    Build(1, 2);
-    tgt->done = [] { return false; };
-    KEL::RunOptions options;
-    options.doneTimeout = std::chrono::milliseconds(1);
-    const auto result = InitializeAndRun(options);
-    EXPECT_EQ(Summary(result), "code 15, 2 delivered, 0 skipped") << result.message;
-    EXPECT_EQ(result.failedFilter, "target");
-    EXPECT_EQ(log->Count("tgt.onStop@7"), 1U);
-}
-
-// A finish request ends the run after the current frame as a natural end
-// does: the targets' input is finished and the graph waits until they are
-// done before it stops them; a stop request during that wait cuts it short.
-TEST_F(GraphTest, FinishEndsTheRunAsANaturalEndAndAStopCutsItsWaitShort) {
-    for (const bool stopWhileWaiting : {false, true}) {
+TEST_F(GraphTest, FinishWaitsForTheTargetsUntilTheyAreDoneAStopOrTheTimeout) {
+    enum class End { kDone, kStopped, kTimedOut };
+    for (const End end : {End::kDone, End::kStopped, End::kTimedOut}) {
         Build(1, 10);
         std::atomic<bool> released{false};
         tgt->done = [&] { return released.load(); };
         KEL::RunOptions options;
+        options.doneTimeout = std::chrono::milliseconds(end == End::kTimedOut ? 1 : 0);
         options.afterFrame = [&](KEL::Graph& g, std::uint32_t f, bool) {
             if (f == 3) {
                 g.RequestFinish();
             }
         };
-        std::string error;
-        ASSERT_EQ(graph->Initialize(&error), KEL::KEL_OK) << error;
+        ASSERT_NO_FATAL_FAILURE(Initialize());
         std::thread controller([&] {
             log->WaitFor("tgt.post", 4);
-            while (!tgt->KEL::Target::IsDone()) {
+            while (end != End::kTimedOut && !tgt->KEL::Target::IsDone()) {
                 std::this_thread::yield();  // the graph has finished the targets' input
             }
-            if (stopWhileWaiting) {
+            if (end == End::kStopped) {
                 graph->RequestStop();
-            } else {
+            } else if (end == End::kDone) {
                 released = true;
             }
         });
         const auto result = graph->Run(options);
         controller.join();
-        EXPECT_EQ(Summary(result),
-                  std::string("code 0, 4 delivered, 0 skipped") + (stopWhileWaiting ? ", stopped early" : ""));
+        EXPECT_EQ(Summary(result), std::string(end == End::kTimedOut ? "code 15" : "code 0") +
+                                       ", 4 delivered, 0 skipped" + (end == End::kStopped ? ", stopped early" : ""))
+            << result.message;
         EXPECT_EQ(result.finishedEarly, true);
-        EXPECT_EQ(released.load(), !stopWhileWaiting);
+        EXPECT_EQ(result.failedFilter, end == End::kTimedOut ? "target" : "");
+        EXPECT_EQ(log->Count("tgt.onStop@7"), 1U);
+        EXPECT_EQ(released.load(), end == End::kDone);
     }
 }
 
@@ -449,8 +445,7 @@ TEST_F(GraphTest, PauseResumeAndStopWhilePaused) {
             g.Pause();
         }
     };
-    std::string error;
-    ASSERT_EQ(graph->Initialize(&error), KEL::KEL_OK) << error;
+    ASSERT_NO_FATAL_FAILURE(Initialize());
     std::thread controller([&] {
         log->WaitFor("src.onPause@5");
         graph->Resume();
@@ -496,8 +491,7 @@ TEST_F(GraphTest, SetUpsTheGraphCannotRunAreRefused) {
 
 TEST_F(GraphTest, DestroyingTheGraphWhileItRunsElsewhereStopsTheRunFirst) {
     Build(1, std::nullopt);  // never refuses: plays until stopped
-    std::string error;
-    ASSERT_EQ(graph->Initialize(&error), KEL::KEL_OK) << error;
+    ASSERT_NO_FATAL_FAILURE(Initialize());
     KEL::RunResult result;
     std::thread runner([&, running = graph.get()] { result = running->Run(); });
     log->WaitFor("tgt.frame 0:3@5");

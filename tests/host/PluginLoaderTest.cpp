@@ -29,7 +29,11 @@ std::size_t TimesLoaded(const std::string& path) {
     return std::count_if(plugins.begin(), plugins.end(), [&](const auto& p) { return p.path == canonical; });
 }
 
-TEST(PluginLoaderTest, LoadsTheBuiltPluginOnceAndReadsItsDescriptor) {
+// Every class's parameters are listed in order, as "name|flags|type|domain":
+// a source's own; a target's shared ones, then its strategy's, then an
+// asynchronous target's queue and counters. Asking again adds the very same
+// objects.
+TEST(PluginLoaderTest, LoadsTheBuiltPluginOnceAndReadsItsDescriptorClassesAndParameters) {
     KEL::LoadedPlugin loaded;
     std::string error;
     ASSERT_EQ(KEL::PluginLoader::LoadPlugin(KEL_TEST_PLUGIN_PATH, &loaded, &error), KEL::KEL_OK) << error;
@@ -41,43 +45,10 @@ TEST(PluginLoaderTest, LoadsTheBuiltPluginOnceAndReadsItsDescriptor) {
     EXPECT_TRUE(KEL::IsCompatibleFrameworkVersion({6, 0, 9}) && !KEL::IsCompatibleFrameworkVersion({6, 4, 0}));
     EXPECT_EQ(loaded.path, fs::canonical(KEL_TEST_PLUGIN_PATH).string());
     EXPECT_EQ(loaded.filterClasses.size(), 11U);
-    // Every class registered while it loaded carries the library as provider
-    // and makes filters of its own GUID, name and category: sources, and
-    // targets that take every stream.
-    for (const auto& guid : loaded.filterClasses) {
-        const auto info = KEL::FilterFactory::Find(guid).value().info;
-        EXPECT_EQ(info.GetProvider(), "libKEL2File_kpl.so");
-        const auto filter = KEL::FilterFactory::CreateFilter(guid);
-        ASSERT_NE(filter, nullptr);
-        EXPECT_EQ(filter->TypeGuid(), guid);
-        EXPECT_EQ(filter->GetFilterClassInfo().GetName(), info.GetName());
-        const auto* target = dynamic_cast<const KEL::Target*>(filter.get());
-        EXPECT_EQ(info.GetCategory(), target != nullptr ? KEL::FILTER_CATEGORY_TARGET : KEL::FILTER_CATEGORY_SOURCE);
-        EXPECT_TRUE(target == nullptr || target->AcceptsAllStreams()) << info.GetName();
-    }
-    // The same file through another spelling of its path is the same load.
-    const auto classes = KEL::FilterFactory::GetRegisteredClasses().size();
-    const fs::path plugin(KEL_TEST_PLUGIN_PATH);
-    KEL::LoadedPlugin again;
-    ASSERT_EQ(KEL::PluginLoader::LoadPlugin((plugin.parent_path() / "." / plugin.filename()).string(), &again, &error),
-              KEL::KEL_OK)
-        << error;
-    EXPECT_EQ(again.path, loaded.path);
-    EXPECT_EQ(again.filterClasses, loaded.filterClasses);
-    EXPECT_EQ(KEL::FilterFactory::GetRegisteredClasses().size(), classes);
-    EXPECT_EQ(TimesLoaded(KEL_TEST_PLUGIN_PATH), 1U);
-}
-
-// Every class's parameters in order, as "name|flags|type|domain": a source's
-// own; a target's shared ones, then its strategy's, then an asynchronous
-// target's queue and counters. Asking again adds the very same objects.
-TEST(PluginLoaderTest, EveryClassOffersItsParametersWithTheirFlagsDefaultsAndBounds) {
-    KEL::LoadedPlugin loaded;
-    ASSERT_EQ(KEL::PluginLoader::LoadPlugin(KEL_TEST_PLUGIN_PATH, &loaded, nullptr), KEL::KEL_OK);
     const std::string root = KelCommon::VarManager::getInstance().getRootValue().str();
-    const std::string target = "KEL File Path|0|write-file|file path (*.kel), default \"" + root +
-                               "/record.kel\"\nWrite XML|1|bool|true/false, default true\n"
-                               "Create thumbnail for first frame|0|bool|true/false, default false\n";
+    const std::string targetParams = "KEL File Path|0|write-file|file path (*.kel), default \"" + root +
+                                     "/record.kel\"\nWrite XML|1|bool|true/false, default true\n"
+                                     "Create thumbnail for first frame|0|bool|true/false, default false\n";
     const std::string snapshot =
         "Take snapshot|0|callback|button (any value presses it)\n"
         "Frames count per snapshot|0|uint32|[1, 4294967295], default 3\n";
@@ -90,14 +61,26 @@ TEST(PluginLoaderTest, EveryClassOffersItsParametersWithTheirFlagsDefaultsAndBou
         "Drop frames when full|0|bool|true/false, default true\n"
         "Dropped frames count|4|int64|[0, 9223372036854775807], default 0\n"
         "Reset dropped frames counter|0|callback|button (any value presses it)\n";
+    // Every class registered while it loaded carries the library as provider
+    // and makes filters of its own GUID, name and category: sources, and
+    // targets that take every stream.
     for (const auto& guid : loaded.filterClasses) {
-        const std::string name = KEL::FilterFactory::Find(guid).value().info.GetName();
+        const auto info = KEL::FilterFactory::Find(guid).value().info;
+        const std::string name = info.GetName();
+        EXPECT_EQ(info.GetProvider(), "libKEL2File_kpl.so");
+        const auto filter = KEL::FilterFactory::CreateFilter(guid);
+        ASSERT_NE(filter, nullptr);
+        EXPECT_EQ(filter->TypeGuid(), guid);
+        EXPECT_EQ(filter->GetFilterClassInfo().GetName(), name);
+        const auto* target = dynamic_cast<const KEL::Target*>(filter.get());
+        EXPECT_EQ(info.GetCategory(), target != nullptr ? KEL::FILTER_CATEGORY_TARGET : KEL::FILTER_CATEGORY_SOURCE);
+        EXPECT_TRUE(target == nullptr || target->AcceptsAllStreams()) << name;
         const bool isSnapshot = name.find("Snapshot") != std::string::npos;
-        std::string expected = target + (isSnapshot ? snapshot : recording) + (name.ends_with("Async") ? queue : "");
+        std::string expected =
+            targetParams + (isSnapshot ? snapshot : recording) + (name.ends_with("Async") ? queue : "");
         if (name.starts_with("Source")) {
             expected = name == "SourceKEL2FileReader" ? fileSource : directorySource;
         }
-        const auto filter = KEL::FilterFactory::CreateFilter(guid);
         ASSERT_EQ(filter->onInitializeParams(nullptr), KEL::KEL_OK);
         const auto params = filter->GetParams();
         std::string described;
@@ -109,6 +92,17 @@ TEST(PluginLoaderTest, EveryClassOffersItsParametersWithTheirFlagsDefaultsAndBou
         ASSERT_EQ(filter->onInitializeParams(nullptr), KEL::KEL_OK);
         EXPECT_EQ(filter->GetParams(), params) << name;
     }
+    // The same file through another spelling of its path is the same load.
+    const auto classes = KEL::FilterFactory::GetRegisteredClasses().size();
+    const fs::path plugin(KEL_TEST_PLUGIN_PATH);
+    KEL::LoadedPlugin again;
+    ASSERT_EQ(KEL::PluginLoader::LoadPlugin((plugin.parent_path() / "." / plugin.filename()).string(), &again, &error),
+              KEL::KEL_OK)
+        << error;
+    EXPECT_EQ(again.path, loaded.path);
+    EXPECT_EQ(again.filterClasses, loaded.filterClasses);
+    EXPECT_EQ(KEL::FilterFactory::GetRegisteredClasses().size(), classes);
+    EXPECT_EQ(TimesLoaded(KEL_TEST_PLUGIN_PATH), 1U);
 }
 
 // Each refusal names the file and the reason, is logged once, and leaves

@@ -175,17 +175,19 @@ def test_copy_writes_verified_copies_and_refuses_what_it_cannot(client, tmp_path
     archive = damaged_archive(tmp_path, demo_dir)
     out = tmp_path / "out"
     rows = kel.dask.copy([str(archive / "a-intact.kel"), str(archive / "b-flipped.kel")], str(out),
-                         streams=[0, "Camera 1"]).compute()  # the flipped image is stream 1's
+                         streams=[0, "Camera 1"], compress="zstd").compute()  # the flipped image is stream 1's
     assert rows.done.tolist() == [True, False] and rows.verdict.tolist() == ["OK", None]
     assert "damaged" in rows.error.iloc[1]
     with kel.open(str(out / "a-intact.kel")) as copied, kel.open(str(archive / "a-intact.kel")) as source:
         assert copied.streams == [0, 1]
         assert [[atom_fields(a) for a in f] for f in copied.frames()] == \
             [[atom_fields(a) for a in f] for f in source.frames([0, 1])]
+    summary = kel.summary(str(out / "a-intact.kel"))
+    assert summary["stored_blob_bytes"] < summary["blob_bytes"]
     again = kel.dask.copy(str(archive / "a-intact.kel"), str(out)).compute()
     assert not again.done.iloc[0] and "exist" in again.error.iloc[0]
-    with pytest.raises(NotImplementedError, match="compress"):
-        kel.dask.copy(str(archive), str(out), compress="zstd")
+    refused = kel.dask.copy(str(archive / "a-intact.kel"), str(tmp_path / "lz4"), compress="lz4").compute()
+    assert not refused.done.iloc[0] and "--compress" in refused.error.iloc[0]
     with pytest.raises(ValueError, match="both be copied"):
         kel.dask.copy([str(demo_dir / "capture.kel"), str(archive / "capture.kel")], str(out))
     run = subprocess.run([KEL_TOOL, "batch", "copy", str(archive / "a-intact.kel"), "--out", str(out), "--overwrite",

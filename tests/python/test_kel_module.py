@@ -97,10 +97,11 @@ def atom_fields(atom):
 
 @settings(max_examples=int(os.environ.get("KEL_PY_EXAMPLES", "200")), deadline=None,
           suppress_health_check=[HealthCheck.function_scoped_fixture, HealthCheck.too_slow])
-@given(written=st.lists(atoms, min_size=1, max_size=6), close=st.booleans())
-def test_generated_atoms_read_back_field_by_field(tmp_path, written, close):
+@given(written=st.lists(atoms, min_size=1, max_size=6), close=st.booleans(),
+       compress=st.sampled_from([None, "none", "zstd", "zstd:5"]))
+def test_generated_atoms_read_back_field_by_field(tmp_path, written, close, compress):
     path = str(tmp_path / "gen.kel")
-    writer = kel.create(path)
+    writer = kel.create(path, compress=compress)
     for atom in written:
         writer.write(atom)
     expected = [atom_fields(a) for a in written]

@@ -2,12 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <thread>
 #include <type_traits>
 
-#include "host/Completion.h"
-#include "host/Gate.h"
+#include "support/Interleaving.h"
 #include "support/TestSupport.h"
 #include "targets/TargetKEL2FileAsyncWriter.h"
 #include "targets/TargetKEL2FileWriterAsync.h"
@@ -23,10 +21,6 @@ using kel_test::Frames;
 using kel_test::Gate;
 using kel_test::SetParam;
 using kel_test::TempDir;
-
-// A call that blocks is still running when WaitFor gives up; one that does
-// not block returns long before.
-constexpr std::chrono::milliseconds kHeld{100};
 
 // Holds the writing thread at the gate the first time, after Arm, that it
 // passes one point of the queue's Pull: once it has claimed a frame's slot
@@ -192,7 +186,7 @@ TEST(AsyncTargets, WithoutDroppingTheGraphThreadWaitsForRoom) {
     // The queue is full and the writer held: this delivery cannot finish
     // until the gate opens.
     Completion blocked([&] { f.driver.Deliver(f.frames[2]); });
-    EXPECT_FALSE(blocked.WaitFor(kHeld));
+    EXPECT_TRUE(blocked.Held());
     f.gate.Open();
     blocked.Wait();
     f.NaturalEnd();
@@ -207,7 +201,7 @@ TEST(AsyncTargets, PathChangeWritesQueuedFramesToTheOldFileFirst) {
     SetParam(f.target, Kel2File::kParamKelFilePath, f.dir.File("b.kel"));
     // The graph thread's update waits until the queue is written out.
     Completion update([&] { f.driver.PostUpdate(); });
-    EXPECT_FALSE(update.WaitFor(kHeld));
+    EXPECT_TRUE(update.Held());
     f.gate.Open();
     update.Wait();
     f.driver.Deliver(f.frames[3]);
@@ -228,7 +222,7 @@ TEST(AsyncTargets, StopDiscardsQueuedAndPartialFramesAndFinishesTheFrameTaken) {
     while (f.Buffered() != 1U) {
         std::this_thread::yield();
     }
-    EXPECT_FALSE(stop.WaitFor(kHeld));  // the frame taken is finished first
+    EXPECT_TRUE(stop.Held());  // the frame taken is finished first
     f.gate.Open();
     stop.Wait();
     EXPECT_EQ(f.Buffered(), 0U);

@@ -54,8 +54,7 @@ TEST_F(KelReport, ShowsSampledFramesAndDroppedFramesPerStreamAndEachFileOfADirec
     std::filesystem::create_directories(File("takes"));
     WriteTake(File("takes/take10.kel"));
     WriteTake(File("takes/take2.kel"));
-    const auto one = Kel({"report", "takes/take2.kel", "-o", "one.html", "--samples", "6"});
-    ASSERT_EQ(one.exitCode, 0) << one.err;
+    const auto one = KelOk({"report", "takes/take2.kel", "-o", "one.html", "--samples", "6"});
     std::string html = ReadText(File("one.html"));
     EXPECT_EQ(Occurrences(html, "<img src=\"data:image/png;base64,"), 12);  // six frames of each image stream
     EXPECT_TRUE(Contains(html, {"stream 0: 20 frame(s), 0 missing", "stream 1: 15 frame(s), 5 missing",
@@ -85,8 +84,7 @@ TEST_F(KelExport, WritesTheSelectedFramesAsPngsOfTheStoredPixelsAndOnlyOfImages)
     WriteTake(File("take.kel"));
     KelFails({"export", "take.kel", "--stream", "2", "-o", "frames"}, 1, "holds no images");
     const auto run =
-        Kel({"export", "take.kel", "--stream", "1", "-o", "frames", "--every", "3", "--from", "2", "--to", "16"});
-    ASSERT_EQ(run.exitCode, 0) << run.err;
+        KelOk({"export", "take.kel", "--stream", "1", "-o", "frames", "--every", "3", "--from", "2", "--to", "16"});
     EXPECT_EQ(run.err, "");
     // Frames 2..16 of stream 1 are 2..7 and 13..16; every third of them.
     const auto files = std::filesystem::directory_iterator(File("frames"));
@@ -104,8 +102,7 @@ TEST_F(KelExport, WritesTheSelectedFramesAsPngsOfTheStoredPixelsAndOnlyOfImages)
     // Nothing is replaced without --overwrite; bounds may be seconds.
     KelFails({"export", "take.kel", "--stream", "1", "-o", "frames", "--from", "5", "--to", "5"}, 1,
              "frame_000005.png' exists; nothing was written (pass --overwrite to replace)");
-    const auto timed = Kel({"export", "take.kel", "--stream", "1", "-o", "timed", "--from", "0s", "--to", "3600s"});
-    ASSERT_EQ(timed.exitCode, 0) << timed.err;
+    KelOk({"export", "take.kel", "--stream", "1", "-o", "timed", "--from", "0s", "--to", "3600s"});
     const auto all = std::filesystem::directory_iterator(File("timed"));
     EXPECT_EQ(static_cast<std::size_t>(std::distance(begin(all), end(all))), reader->GetNumFrames(1));
     KelFails({"export", "take.kel", "--stream", "1", "-o", "x", "--to", "soon"}, 2, "--to 'soon' is neither");

@@ -54,8 +54,7 @@ protected:
 // Overrides replace the file's parameters; events past the end never fire.
 TEST_F(KelRun, ShippedTimelineExampleRunsAndTakesOverrides) {
     const std::string example = KEL_TOOL_EXAMPLES_DIR "/timeline-recording.json";
-    const auto run = Kel({"run", example});
-    ASSERT_EQ(run.exitCode, 0) << run.err;
+    const auto run = KelOk({"run", example});
     EXPECT_TRUE(Contains(run.out, {"Frames delivered: 60\n", "Timeline events:  5 fired\n"}));
     for (const std::uint16_t s : {0, 1}) {
         EXPECT_EQ(Stored("recordings/take1.kel", s), Range(11, 30));
@@ -63,9 +62,8 @@ TEST_F(KelRun, ShippedTimelineExampleRunsAndTakesOverrides) {
         EXPECT_EQ(Stored("recordings/snapshots.kel", s), (Frames{20, 21, 22, 23, 24, 50, 51, 52, 53, 54}));
     }
     std::filesystem::remove_all(File("recordings"));
-    const auto short_ = Kel({"run", example, "--set", "cameras.Frames=25", "--set", "cameras.Include mesh=false",
-                             "--set", "rec.Enable Recording=true", "--set", "rec.KEL File Path=o.kel"});
-    ASSERT_EQ(short_.exitCode, 0) << short_.err;
+    const auto short_ = KelOk({"run", example, "--set", "cameras.Frames=25", "--set", "cameras.Include mesh=false",
+                               "--set", "rec.Enable Recording=true", "--set", "rec.KEL File Path=o.kel"});
     EXPECT_TRUE(Contains(short_.out, {"Timeline events:  2 fired, 3 never reached"}));
     EXPECT_EQ(Stored("o.kel", 1), Range(0, 24));
     EXPECT_EQ(Stored("recordings/snapshots.kel", 1), Range(20, 24));
@@ -85,9 +83,8 @@ TEST_F(KelRun, LoopsRepeatTheTimelineEveryPassUntilAStopEndsTheRunAfterItsFrame)
                         R"("timeline": [{"frame": 4, "filter": "rec", "press": "Take snapshot"},
                         {"frame": 6, "pass": 2, "filter": "rec", "press": ["Take snapshot"]},
                         {"frame": 7, "pass": 2, "stop": true}], "options": {"loops": 3})"));
-    const auto run = Kel({"run", "graph.json"});
-    ASSERT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_TRUE(Contains(run.out, {"Frames delivered: 28\n", "Stopped early:    yes", "Timeline events:  3 fired\n"}));
+    EXPECT_TRUE(Contains(KelOk({"run", "graph.json"}).out,
+                         {"Frames delivered: 28\n", "Stopped early:    yes", "Timeline events:  3 fired\n"}));
     EXPECT_EQ(Stored("snaps.kel", 0), (Frames{4, 5, 4, 5, 4, 5, 6, 7}));
 }
 
@@ -180,31 +177,27 @@ TEST_F(KelRun, GraphErrorsFailTheRunAndSayWhere) {
 // every file in the directory stays as it was.
 TEST_F(KelRun, RunsListWhatTheyWroteAndReplaceFilesOnlyWithOverwrite) {
     WriteText(File("graph.json"), GraphJson(2, 5, 16, 16, "TargetKEL2FileWriter", kRecordToRecKel));
-    const auto first = Kel({"run", "graph.json"});
-    ASSERT_EQ(first.exitCode, 0);
+    const auto first = KelOk({"run", "graph.json"});
     EXPECT_TRUE(Contains(first.out, {"Wrote " + File("rec.kel") + ": 2 stream(s), 5 frame(s), 10 atom(s), "}));
     EXPECT_EQ(first.err, "");
     WriteText(File("idle.json"), GraphJson(2, 5, 16, 16, "TargetKEL2FileWriter", R"("KEL File Path": "idle.kel")"));
-    const auto idle = Kel({"run", "idle.json"});
-    EXPECT_EQ(idle.exitCode, 0);
-    EXPECT_TRUE(Contains(idle.err, {"kel: warning: target 'rec' wrote no file"}));
+    EXPECT_TRUE(Contains(KelOk({"run", "idle.json"}).err, {"kel: warning: target 'rec' wrote no file"}));
     KelFails({"run", "graph.json", "--frames", "0"}, 1,
              "'" + File("rec.kel") + "' exists; nothing was written (pass --overwrite to replace)");
     WriteText(File("split.json"), GraphJson(2, 5, 16, 16, "TargetKEL2FilePerStreamWriter", kRecordToRecKel));
     WriteText(File("rec_1.kel"), "not mine to replace");
     KelFails({"run", "split.json"}, 1, "'" + File("rec_1.kel") + "' exists");
     KelFails({"copy", "rec.kel", "rec_1.kel"}, 1, "'" + File("rec_1.kel") + "' exists");
-    const auto replaced = Kel({"run", "graph.json", "--overwrite", "--frames", "3"});
-    ASSERT_EQ(replaced.exitCode, 0) << replaced.err;
+    KelOk({"run", "graph.json", "--overwrite", "--frames", "3"});
     EXPECT_EQ(Stored("rec.kel", 0), Range(0, 2));
 }
 
 // The demo says what its snapshot file holds, read from it: a recording
 // shorter than the frame of the press takes no snapshot, and says so.
 TEST_F(KelRun, DemoDescribesTheSnapshotItTook) {
-    const auto run = Kel({"demo", "--out", "d", "--frames", "20", "--streams", "1", "--width", "16", "--height", "16"});
-    ASSERT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_TRUE(Contains(run.out, {"snapshot.kel     empty: the recording ended before frame 30"}));
+    EXPECT_TRUE(Contains(
+        KelOk({"demo", "--out", "d", "--frames", "20", "--streams", "1", "--width", "16", "--height", "16"}).out,
+        {"snapshot.kel     empty: the recording ended before frame 30"}));
     const auto taken = Kel({"demo", "--out", "e", "--frames", "20", "--streams", "1", "--width", "16", "--height", "16",
                             "--snapshot-at", "5", "--snapshot-frames", "4"});
     EXPECT_TRUE(Contains(taken.out, {"snapshot.kel     4 frames taken at frame 5"}));

@@ -86,6 +86,12 @@ protected:
     KelRun Kel(const std::vector<std::string>& args, std::uint64_t fileSizeLimit = 0) const {
         return KelChild(args, dir.Path().string(), fileSizeLimit).Wait();
     }
+    // Runs `kel` expecting it to succeed (exit code 0).
+    KelRun KelOk(const std::vector<std::string>& args) const {
+        KelRun run = Kel(args);
+        EXPECT_EQ(run.exitCode, 0) << run.out << run.err;
+        return run;
+    }
     std::string File(const std::string& name) const { return dir.File(name); }
     bool Exists(const std::string& name) const { return std::filesystem::exists(dir.File(name)); }
     // Runs `kel` expecting it to fail: the exit code is `exitCode`, standard

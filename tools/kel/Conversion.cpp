@@ -31,6 +31,23 @@ void AddWriterOptions(CLI::App* app, WriterOptions& options) {
     app->add_flag("--overwrite", options.overwrite, "Replace output files that exist (default: refuse to start)");
     app->add_flag("--skip-damaged", options.skipDamaged,
                   "Leave out frames whose atoms are damaged and succeed (default: name them and fail)");
+    CLI::Option* compress =
+        app->add_option_function<std::string>(
+               "--compress",
+               [&options](const std::string& text) {
+                   KEL::CompressionSetting setting;
+                   std::string error;
+                   if (!KEL::ParseCompression(text, setting, error)) {
+                       throw CLI::ValidationError("--compress", error);
+                   }
+                   options.compression = setting;
+               },
+               "Store blobs compressed: zstd or zstd:LEVEL (1 fastest, default; up to 19)")
+            ->type_name("CODEC");
+    app->add_flag_callback(
+           "--decompress", [&options] { options.compression = KEL::CompressionSetting{}; },
+           "Store blobs as they are (the default unless KEL_COMPRESSION says otherwise)")
+        ->excludes(compress);
 }
 
 FilterEntry MakeWriterEntry(const std::string& syncClass, const std::string& asyncClass, const std::string& outputPath,
@@ -135,6 +152,7 @@ int PlayConversion(const GlobalOptions& global, std::unique_ptr<KEL::Source> sou
     KEL::Graph graph;
     GraphDescription description;
     description.filters.push_back(writer);
+    description.compression = options.compression;
     KEL::Filter* in = graph.AddFilter(std::move(source), "in", &error);
     if (in == nullptr || !BuildGraph(description, graph, &error)) {
         return Fail(error);

@@ -26,6 +26,9 @@ struct WriterOptions {
     bool quiet = false;
     bool skipDamaged = false;  // frames lost to damage do not fail the run
     bool overwrite = false;    // the outputs may replace existing files
+    // --compress zstd[:LEVEL] / --decompress; unset: the process's setting
+    // (KEL_COMPRESSION, else none).
+    std::optional<KEL::CompressionSetting> compression;
 };
 
 void AddWriterOptions(CLI::App* app, WriterOptions& options);

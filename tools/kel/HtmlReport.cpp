@@ -308,6 +308,14 @@ void RenderFile(std::ostream& out, const FileReport& file, std::int64_t origin, 
     out << "<tr><th>size</th><td>" << FormatBytes(s.fileSize) << " (" << s.fileSize << " bytes)</td></tr>\n";
     out << "<tr><th>streams</th><td>" << s.streams.size() << "</td></tr>\n";
     out << "<tr><th>atoms</th><td>" << s.atoms << ", " << s.frames << " playable frame(s)</td></tr>\n";
+    if (s.storedBlobBytes != s.blobBytes) {
+        char ratio[32];
+        std::snprintf(
+            ratio, sizeof ratio, "%.2f",
+            static_cast<double>(s.blobBytes) / static_cast<double>(std::max<std::uint64_t>(1, s.storedBlobBytes)));
+        out << "<tr><th>compression</th><td>" << FormatBytes(s.blobBytes) << " of blobs stored in "
+            << FormatBytes(s.storedBlobBytes) << ", ratio " << ratio << "</td></tr>\n";
+    }
     out << "<tr><th>time</th><td>"
         << (first <= last
                 ? Seconds(first, origin) + " to " + Seconds(last, origin) + " (" + FormatDuration(last - first) + ")"

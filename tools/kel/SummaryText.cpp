@@ -46,6 +46,14 @@ void PrintContainerSummary(std::ostream& out, const KEL::ContainerSummary& summa
     out << "  atoms:     " << summary.atoms << " in " << summary.streams.size() << " stream(s), " << summary.frames
         << " playable frame(s)\n";
     out << "  thumbnail: " << (summary.HasThumbnail() ? "yes" : "no") << "\n";
+    if (summary.storedBlobBytes != summary.blobBytes) {
+        char ratio[32];
+        std::snprintf(ratio, sizeof ratio, "%.2f",
+                      static_cast<double>(summary.blobBytes) /
+                          static_cast<double>(std::max<std::uint64_t>(1, summary.storedBlobBytes)));
+        out << "  blobs:     " << FormatBytes(summary.blobBytes) << " stored in "
+            << FormatBytes(summary.storedBlobBytes) << " (compressed, ratio " << ratio << ")\n";
+    }
     out << "  closed:    "
         << (summary.closed ? "yes" : "no (its writer is still writing, or died: listed from the record headers)")
         << "\n";
@@ -82,6 +90,15 @@ void PrintContainerSummary(std::ostream& out, const KEL::ContainerSummary& summa
         for (const auto& l : s.firstAtomLayers) {
             out << "    " << std::setw(16) << l.type << std::setw(26) << l.purpose << "v" << std::setw(4) << l.version
                 << std::setw(12) << FormatBytes(l.payloadBytes) << l.detail << "\n";
+        }
+        for (const auto& st : s.storage) {
+            if (st.blobBytes == 0) {
+                continue;
+            }
+            char ratio[32];
+            std::snprintf(ratio, sizeof ratio, "%.2f", st.Ratio());
+            out << "    stored: " << std::setw(16) << st.type << std::setw(12) << FormatBytes(st.blobBytes) << "-> "
+                << std::setw(12) << FormatBytes(st.storedBlobBytes) << "ratio " << ratio << "\n";
         }
         out << "    time: " << std::fixed << std::setprecision(3)
             << static_cast<double>(s.firstTimeStamp - origin) / 1e6 << " s .. "
