@@ -65,6 +65,8 @@ import json, os, sys
 out = sys.argv[1]
 medians = {}
 for name in os.listdir(out):
+    if not name.endswith(".json"):  # the photographs and files of the other benchmarks
+        continue
     with open(os.path.join(out, name)) as f:
         for b in json.load(f)["benchmarks"]:
             if b.get("aggregate_name") == "median":
