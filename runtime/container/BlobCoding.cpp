@@ -245,6 +245,9 @@ bool CodingSupported(const BlobCoding& coding, std::string& why) {
 }
 
 void ApplyFilter(BlobFilter filter, unsigned elementSize, const std::uint8_t* in, std::size_t size, std::uint8_t* out) {
+    if (size == 0) {
+        return;  // an empty buffer may have no address at all
+    }
     switch (filter) {
         case BlobFilter::kNone:
             std::memcpy(out, in, size);
@@ -267,6 +270,9 @@ void ApplyFilter(BlobFilter filter, unsigned elementSize, const std::uint8_t* in
 }
 
 void UndoFilter(BlobFilter filter, unsigned elementSize, const std::uint8_t* in, std::size_t size, std::uint8_t* out) {
+    if (size == 0) {
+        return;  // an empty buffer may have no address at all
+    }
     switch (filter) {
         case BlobFilter::kNone:
             std::memcpy(out, in, size);
