@@ -104,6 +104,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             }
             (void)reader.GetFirstFrameAtom(stream);
         }
+        // A description reads the record's header and layer tables only; an
+        // atom that reads whole has a description that says so.
+        for (std::uint64_t i = 0; i < reader.GetNumAtoms(); ++i) {
+            const KEL::AtomDescription described = reader.DescribeAtomAt(i);
+            const auto atom = reader.GetAtomAt(i);
+            if (atom && (described.damaged || described.layers.size() != atom->GetNumDataLayers())) {
+                __builtin_trap();
+            }
+        }
     }
     const KEL::ContainerVerification v = KEL::VerifyContainer(ScratchPath());
     if (v.openResult != code) {
