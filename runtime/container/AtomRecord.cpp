@@ -309,121 +309,33 @@ KelErrorCode EncodeAtomRecord(const Atom& atom, std::uint64_t recordOffset, std:
     return KEL_OK;
 }
 
-std::shared_ptr<Atom> DecodeAtomRecord(const std::shared_ptr<const void>& owner, const std::uint8_t* payload,
-                                       std::uint64_t payloadSize, std::string& reason) {
-    if (payloadSize < kAtomMetaSize) {
-        reason = "atom record too short";
-        return nullptr;
-    }
-    const std::uint32_t numLayers = GetU32(payload + 20);
-    if (numLayers > (payloadSize - kAtomMetaSize) / kLayerDescriptorSize) {
-        reason = "layer count exceeds the record";
-        return nullptr;
-    }
-    std::vector<ParsedLayer> layers(numLayers);
-    std::vector<PendingBlob> pending;
-    std::uint64_t pos = kAtomMetaSize;
-    for (std::uint32_t i = 0; i < numLayers; ++i) {
-        if (payloadSize - pos < kLayerDescriptorSize) {
-            reason = "layer descriptor exceeds the record";
-            return nullptr;
-        }
-        ParsedLayer& layer = layers[i];
-        const std::uint8_t* d = payload + pos;
-        std::memcpy(layer.type.data(), d, layer.type.size());
-        std::memcpy(layer.purpose.data(), d + 16, layer.purpose.size());
-        layer.version = GetU16(d + 32);
-        const std::uint32_t numBlobs = GetU32(d + 36);
-        layer.fieldsSize = GetU32(d + 40);
-        const std::uint32_t form = GetU32(d + 44);
-        if (form != kBlobTablePlain && form != kBlobTableCoded) {
-            reason = "layer " + std::to_string(i) + " has a blob table of form " + std::to_string(form) +
-                     ", which this reader does not know (written by a newer host)";
-            return nullptr;
-        }
-        const std::size_t refSize = form == kBlobTableCoded ? kCodedBlobRefSize : kBlobRefSize;
-        pos += kLayerDescriptorSize;
-        const std::uint64_t fieldsSpan = AlignUp(layer.fieldsSize, kRecordAlignment);
-        if (payloadSize - pos < fieldsSpan) {
-            reason = "layer fields exceed the record";
-            return nullptr;
-        }
-        layer.fields = payload + pos;
-        pos += fieldsSpan;
-        if (numBlobs > (payloadSize - pos) / refSize) {
-            reason = "blob table exceeds the record";
-            return nullptr;
-        }
-        layer.blobs.reserve(numBlobs);
-        for (std::uint32_t b = 0; b < numBlobs; ++b) {
-            const std::uint8_t* ref = payload + pos;
-            const std::uint64_t offset = GetU64(ref);
-            const std::uint64_t size = GetU64(ref + 8);
-            pos += refSize;
-            if (offset > payloadSize || size > payloadSize - offset) {
-                reason = "blob exceeds the record";
-                return nullptr;
-            }
-            BlobCoding coding;
-            std::uint64_t originalSize = size;
-            if (form == kBlobTableCoded) {
-                originalSize = GetU64(ref + 16);
-                coding.codec = static_cast<CompressionCodec>(ref[24]);
-                coding.filter = static_cast<BlobFilter>(ref[25]);
-                coding.elementSize = ref[26];
-                coding.chunkSize = GetU32(ref + 28);
-                if (!CodingSupported(coding, reason)) {
-                    return nullptr;
-                }
-                if (coding.codec == CompressionCodec::kNone && originalSize != size) {
-                    reason = "blob stored as it is with two different sizes";
-                    return nullptr;
-                }
-            }
-            if (coding.codec != CompressionCodec::kNone) {
-                PendingBlob blob;
-                blob.layer = i;
-                blob.index = b;
-                blob.stored = payload + offset;
-                blob.storedSize = size;
-                blob.originalSize = originalSize;
-                blob.coding = coding;
-                pending.push_back(std::move(blob));
-                layer.blobs.emplace_back();
-                continue;
-            }
-            layer.blobs.push_back(size == 0 ? KelCommon::SharedBuffer{}
-                                            : KelCommon::SharedBuffer::Alias(owner, payload + offset, size));
-        }
-    }
-    if (!pending.empty() && !InflateBlobs(pending, layers, reason)) {
-        return nullptr;
-    }
+namespace {
 
-    auto atom =
-        std::make_shared<Atom>(GetU16(payload), GetU32(payload + 4), static_cast<std::int64_t>(GetU64(payload + 8)));
-    atom->SetId(GetU32(payload + 16));
-    const auto& registry = DataLayerRegistry::Instance();
-    for (std::uint32_t i = 0; i < numLayers; ++i) {
-        ParsedLayer& parsed = layers[i];
-        auto layer = registry.Decode(KelCommon::Guid(parsed.type), KelCommon::Guid(parsed.purpose), parsed.version,
-                                     parsed.fields, parsed.fieldsSize, std::move(parsed.blobs));
-        if (!layer) {
-            reason = "layer " + std::to_string(i) + " of type " + KelCommon::Guid(parsed.type).ToString().str() +
-                     " does not decode";
-            return nullptr;
-        }
-        atom->AddDataLayer(layer, true);
-    }
-    return atom;
-}
+// One blob as its layer's table lists it.
+struct TableBlob {
+    std::uint64_t offset = 0;  // from the payload start
+    std::uint64_t storedSize = 0;
+    std::uint64_t originalSize = 0;
+    BlobCoding coding;  // codec kNone: stored as it is
+};
 
-LayoutStatus ListAtomLayers(const std::uint8_t* payload, std::uint64_t available, std::uint64_t payloadSize,
-                            AtomKey& key, std::vector<LayerListing>& layers, std::uint64_t& needed,
-                            std::string& reason) {
+// One layer as its descriptor and blob table list it.
+struct TableLayer {
+    std::array<std::uint8_t, KelCommon::Guid::kSize> type{};
+    std::array<std::uint8_t, KelCommon::Guid::kSize> purpose{};
+    std::uint16_t version = 0;
+    std::uint64_t fieldsOffset = 0;  // from the payload start
+    std::uint32_t fieldsSize = 0;
+    std::vector<TableBlob> blobs;
+};
+
+// The one parser of an atom payload's layer descriptors and blob tables,
+// for the reader (the whole payload at hand) and for listings (its first
+// `available` bytes). Each step first makes sure that the next bytes lie in
+// the payload, then that they were read; it never reads past `available`.
+LayoutStatus ParseTables(const std::uint8_t* payload, std::uint64_t available, std::uint64_t payloadSize,
+                         std::vector<TableLayer>& layers, std::uint64_t& needed, std::string& reason) {
     layers.clear();
-    // Each step first makes sure that the next `n` bytes from `pos` lie in
-    // the payload, then that they were read.
     std::uint64_t pos = 0;
     const auto reach = [&](std::uint64_t n, const char* what) {
         if (n > payloadSize - pos) {
@@ -439,28 +351,25 @@ LayoutStatus ListAtomLayers(const std::uint8_t* payload, std::uint64_t available
     if (const auto status = reach(kAtomMetaSize, "atom record too short"); status != LayoutStatus::kListed) {
         return status;
     }
-    key = {GetU16(payload), GetU32(payload + 4), static_cast<std::int64_t>(GetU64(payload + 8))};
     const std::uint32_t numLayers = GetU32(payload + 20);
     if (numLayers > (payloadSize - kAtomMetaSize) / kLayerDescriptorSize) {
         reason = "layer count exceeds the record";
         return LayoutStatus::kMalformed;
     }
     pos = kAtomMetaSize;
+    layers.reserve(numLayers);
     for (std::uint32_t i = 0; i < numLayers; ++i) {
         if (const auto status = reach(kLayerDescriptorSize, "layer descriptor exceeds the record");
             status != LayoutStatus::kListed) {
             return status;
         }
         const std::uint8_t* d = payload + pos;
-        LayerListing layer;
-        std::array<std::uint8_t, KelCommon::Guid::kSize> guid{};
-        std::memcpy(guid.data(), d, guid.size());
-        layer.typeGuid = KelCommon::Guid(guid);
-        std::memcpy(guid.data(), d + 16, guid.size());
-        layer.purposeGuid = KelCommon::Guid(guid);
+        TableLayer layer;
+        std::memcpy(layer.type.data(), d, layer.type.size());
+        std::memcpy(layer.purpose.data(), d + 16, layer.purpose.size());
         layer.version = GetU16(d + 32);
         const std::uint32_t numBlobs = GetU32(d + 36);
-        const std::uint32_t fieldsSize = GetU32(d + 40);
+        layer.fieldsSize = GetU32(d + 40);
         const std::uint32_t form = GetU32(d + 44);
         if (form != kBlobTablePlain && form != kBlobTableCoded) {
             reason = "layer " + std::to_string(i) + " has a blob table of form " + std::to_string(form) +
@@ -469,11 +378,12 @@ LayoutStatus ListAtomLayers(const std::uint8_t* payload, std::uint64_t available
         }
         const std::size_t refSize = form == kBlobTableCoded ? kCodedBlobRefSize : kBlobRefSize;
         pos += kLayerDescriptorSize;
-        if (AlignUp(fieldsSize, kRecordAlignment) > payloadSize - pos) {
+        if (AlignUp(layer.fieldsSize, kRecordAlignment) > payloadSize - pos) {
             reason = "layer fields exceed the record";
             return LayoutStatus::kMalformed;
         }
-        pos += AlignUp(fieldsSize, kRecordAlignment);
+        layer.fieldsOffset = pos;
+        pos += AlignUp(layer.fieldsSize, kRecordAlignment);
         if (numBlobs > (payloadSize - pos) / refSize) {
             reason = "blob table exceeds the record";
             return LayoutStatus::kMalformed;
@@ -482,39 +392,119 @@ LayoutStatus ListAtomLayers(const std::uint8_t* payload, std::uint64_t available
             status != LayoutStatus::kListed) {
             return status;
         }
-        for (std::uint32_t b = 0; b < numBlobs; ++b) {
+        layer.blobs.reserve(numBlobs);
+        for (std::uint32_t b = 0; b < numBlobs; ++b, pos += refSize) {
             const std::uint8_t* ref = payload + pos;
-            const std::uint64_t offset = GetU64(ref);
-            const std::uint64_t size = GetU64(ref + 8);
-            pos += refSize;
-            if (offset > payloadSize || size > payloadSize - offset) {
+            TableBlob blob;
+            blob.offset = GetU64(ref);
+            blob.storedSize = GetU64(ref + 8);
+            blob.originalSize = blob.storedSize;
+            if (blob.offset > payloadSize || blob.storedSize > payloadSize - blob.offset) {
                 reason = "blob exceeds the record";
                 return LayoutStatus::kMalformed;
             }
-            std::uint64_t originalSize = size;
             if (form == kBlobTableCoded) {
-                // A coded blob is listed with the size it has once decoded;
-                // a coding this reader cannot decode makes the atom unreadable.
-                originalSize = GetU64(ref + 16);
-                BlobCoding coding;
-                coding.codec = static_cast<CompressionCodec>(ref[24]);
-                coding.filter = static_cast<BlobFilter>(ref[25]);
-                coding.elementSize = ref[26];
-                coding.chunkSize = GetU32(ref + 28);
-                if (!CodingSupported(coding, reason)) {
+                // A coding this reader cannot decode makes the atom unreadable.
+                blob.originalSize = GetU64(ref + 16);
+                blob.coding.codec = static_cast<CompressionCodec>(ref[24]);
+                blob.coding.filter = static_cast<BlobFilter>(ref[25]);
+                blob.coding.elementSize = ref[26];
+                blob.coding.chunkSize = GetU32(ref + 28);
+                if (!CodingSupported(blob.coding, reason)) {
                     return LayoutStatus::kMalformed;
                 }
-                if (coding.codec == CompressionCodec::kNone && originalSize != size) {
+                if (blob.coding.codec == CompressionCodec::kNone && blob.originalSize != blob.storedSize) {
                     reason = "blob stored as it is with two different sizes";
                     return LayoutStatus::kMalformed;
                 }
             }
-            layer.blobBytes += originalSize;
-            layer.storedBlobBytes += size;
+            layer.blobs.push_back(blob);
         }
         layers.push_back(std::move(layer));
     }
     return LayoutStatus::kListed;
+}
+
+}  // namespace
+
+LayoutStatus ListAtomLayers(const std::uint8_t* payload, std::uint64_t available, std::uint64_t payloadSize,
+                            AtomKey& key, std::vector<LayerListing>& layers, std::uint64_t& needed,
+                            std::string& reason) {
+    layers.clear();
+    std::vector<TableLayer> tables;
+    if (const auto status = ParseTables(payload, available, payloadSize, tables, needed, reason);
+        status != LayoutStatus::kListed) {
+        return status;
+    }
+    key = {GetU16(payload), GetU32(payload + 4), static_cast<std::int64_t>(GetU64(payload + 8))};
+    for (const TableLayer& table : tables) {
+        LayerListing layer;
+        layer.typeGuid = KelCommon::Guid(table.type);
+        layer.purposeGuid = KelCommon::Guid(table.purpose);
+        layer.version = table.version;
+        for (const TableBlob& blob : table.blobs) {
+            layer.blobBytes += blob.originalSize;
+            layer.storedBlobBytes += blob.storedSize;
+        }
+        layers.push_back(std::move(layer));
+    }
+    return LayoutStatus::kListed;
+}
+
+std::shared_ptr<Atom> DecodeAtomRecord(const std::shared_ptr<const void>& owner, const std::uint8_t* payload,
+                                       std::uint64_t payloadSize, std::string& reason) {
+    std::vector<TableLayer> tables;
+    std::uint64_t needed = 0;
+    if (ParseTables(payload, payloadSize, payloadSize, tables, needed, reason) != LayoutStatus::kListed) {
+        return nullptr;
+    }
+    std::vector<ParsedLayer> layers(tables.size());
+    std::vector<PendingBlob> pending;
+    for (std::size_t i = 0; i < tables.size(); ++i) {
+        ParsedLayer& layer = layers[i];
+        layer.type = tables[i].type;
+        layer.purpose = tables[i].purpose;
+        layer.version = tables[i].version;
+        layer.fields = payload + tables[i].fieldsOffset;
+        layer.fieldsSize = tables[i].fieldsSize;
+        for (const TableBlob& blob : tables[i].blobs) {
+            if (blob.coding.codec != CompressionCodec::kNone) {
+                PendingBlob p;
+                p.layer = i;
+                p.index = layer.blobs.size();
+                p.stored = payload + blob.offset;
+                p.storedSize = blob.storedSize;
+                p.originalSize = blob.originalSize;
+                p.coding = blob.coding;
+                pending.push_back(std::move(p));
+                layer.blobs.emplace_back();
+                continue;
+            }
+            layer.blobs.push_back(blob.storedSize == 0
+                                      ? KelCommon::SharedBuffer{}
+                                      : KelCommon::SharedBuffer::Alias(owner, payload + blob.offset, blob.storedSize));
+        }
+    }
+    if (!pending.empty() && !InflateBlobs(pending, layers, reason)) {
+        return nullptr;
+    }
+
+    auto atom =
+        std::make_shared<Atom>(GetU16(payload), GetU32(payload + 4), static_cast<std::int64_t>(GetU64(payload + 8)));
+    atom->SetId(GetU32(payload + 16));
+    const auto& registry = DataLayerRegistry::Instance();
+    for (std::size_t i = 0; i < layers.size(); ++i) {
+        ParsedLayer& parsed = layers[i];
+        auto layer = registry.Decode(KelCommon::Guid(parsed.type), KelCommon::Guid(parsed.purpose), parsed.version,
+                                     parsed.fields, parsed.fieldsSize, std::move(parsed.blobs));
+        if (!layer) {
+            reason = "layer " + std::to_string(i) + " of type " + KelCommon::Guid(parsed.type).ToString().str() +
+                     " does not decode";
+            return nullptr;
+        }
+        atom->AddDataLayer(layer, true);
+    }
+    return atom;
 }
 
 }  // namespace KEL::container

@@ -157,38 +157,36 @@ void ByteSum(std::uint8_t* data, std::size_t size) {
     }
 }
 
-void Delta(unsigned es, std::uint8_t* data, std::size_t size) {
+// Calls `f` with a value of the unsigned type of `es` bytes (2, 4 or 8).
+template <class F>
+void WithWidth(unsigned es, F&& f) {
     switch (es) {
-        case 1:
-            ByteDelta(data, size);
-            break;
         case 2:
-            DeltaOf<std::uint16_t>(data, size);
+            f(std::uint16_t{});
             break;
         case 4:
-            DeltaOf<std::uint32_t>(data, size);
+            f(std::uint32_t{});
             break;
         default:
-            DeltaOf<std::uint64_t>(data, size);
+            f(std::uint64_t{});
             break;
     }
 }
 
-void Sum(unsigned es, std::uint8_t* data, std::size_t size) {
-    switch (es) {
-        case 1:
-            ByteSum(data, size);
-            break;
-        case 2:
-            SumOf<std::uint16_t>(data, size);
-            break;
-        case 4:
-            SumOf<std::uint32_t>(data, size);
-            break;
-        default:
-            SumOf<std::uint64_t>(data, size);
-            break;
+void Delta(unsigned es, std::uint8_t* data, std::size_t size) {
+    if (es == 1) {
+        ByteDelta(data, size);
+        return;
     }
+    WithWidth(es, [&](auto width) { DeltaOf<decltype(width)>(data, size); });
+}
+
+void Sum(unsigned es, std::uint8_t* data, std::size_t size) {
+    if (es == 1) {
+        ByteSum(data, size);
+        return;
+    }
+    WithWidth(es, [&](auto width) { SumOf<decltype(width)>(data, size); });
 }
 
 bool IsDeltaWidth(unsigned es) { return es == 1 || es == 2 || es == 4 || es == 8; }

@@ -19,6 +19,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
+#if KEL_HAS_PYTHON_MODULE
 // The directory that holds this tool's `kel` package: <build>/python beside
 // the build tree's tools/kel/kel, or <prefix>/<site dir> for <prefix>/bin/kel.
 // Empty when neither holds one (the interpreter may still find an installed
@@ -33,6 +34,7 @@ std::string PackageDirectory(const fs::path& tool) {
     }
     return {};
 }
+#endif
 
 int RunBatch(const std::vector<std::string>& arguments) {
 #if KEL_HAS_PYTHON_MODULE
