@@ -46,6 +46,7 @@
 #include <string>
 #include <vector>
 
+#include "PageCache.h"
 #include "container/BlobCoding.h"
 
 namespace {
@@ -299,19 +300,6 @@ double WriteSingleThreaded(const Take& take, const std::string& path, int level)
     return Seconds(start);
 }
 
-void DropFromCache(const std::string& path) {
-    ::sync();
-    if (std::FILE* f = std::fopen("/proc/sys/vm/drop_caches", "w")) {
-        std::fputs("1", f);
-        if (std::fclose(f) == 0) {
-            return;
-        }
-    }
-    const int fd = ::open(path.c_str(), O_RDONLY);
-    (void)::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
-    ::close(fd);
-}
-
 // Reads every atom in file order, verified, touching one byte per page of
 // every blob; returns seconds.
 double ReadTake(const std::string& path) {
@@ -439,13 +427,13 @@ int main(int argc, char** argv) {
         std::vector<double> p;
         for (int r = 0; r < runs; ++r) {
             if (cold) {
-                DropFromCache(packed);
+                kel_bench::DropFromCache(packed);
             } else {
                 ReadTake(packed);
             }
             c.push_back(gb / ReadTake(packed));
             if (cold) {
-                DropFromCache(raw);
+                kel_bench::DropFromCache(raw);
             } else {
                 ReadTake(raw);
             }

@@ -58,6 +58,7 @@
 #include <string>
 #include <vector>
 
+#include "PageCache.h"
 #include "sources/SourceKEL2FileReader.h"
 
 namespace {
@@ -350,20 +351,6 @@ int Child(const std::vector<std::string>& args) {
 
 std::string gSelf;
 
-void DropFromCache(const std::string& path) {
-    ::sync();
-    if (std::FILE* f = std::fopen("/proc/sys/vm/drop_caches", "w")) {
-        std::fputs("1", f);
-        if (std::fclose(f) == 0) {
-            return;
-        }
-    }
-    const int fd = ::open(path.c_str(), O_RDONLY);
-    ::fdatasync(fd);
-    (void)::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
-    ::close(fd);
-}
-
 void Warm(const std::string& path) { PlainRead(path, false); }
 
 Result RunChild(const std::string& mode, const std::string& path) {
@@ -420,7 +407,7 @@ void Compare(const Comparison& c, int runs) {
     for (int i = 0; i < runs; ++i) {
         for (const bool isBaseline : {true, false}) {
             const std::string& path = isBaseline ? c.baselinePath : c.subjectPath;
-            c.cold ? DropFromCache(path) : Warm(path);
+            c.cold ? kel_bench::DropFromCache(path) : Warm(path);
             const Result r = RunChild(isBaseline ? c.baselineMode : c.subjectMode, path);
             (isBaseline ? baseline : subject).push_back(c.rate ? r.bytes / r.seconds / 1e9 : r.seconds * 1e3);
         }

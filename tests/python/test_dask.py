@@ -77,16 +77,16 @@ bounds = st.none() | st.integers(0, 16) | st.floats(0, 0.5)
 
 @settings(max_examples=int(os.environ.get("KEL_DASK_EXAMPLES", "60")), deadline=None,
           suppress_health_check=[HealthCheck.function_scoped_fixture, HealthCheck.too_slow])
-@given(spec=takes, seed=st.integers(0, 2**32 - 1), start=bounds, stop=bounds, per_partition=st.integers(1, 6),
+@given(plan=takes, seed=st.integers(0, 2**32 - 1), start=bounds, stop=bounds, per_partition=st.integers(1, 6),
        streams=st.none() | st.lists(st.integers(0, 2), min_size=1, max_size=2, unique=True))
-def test_index_and_frames_match_the_single_process_reader(client, tmp_path_factory, spec, seed, start, stop,
+def test_index_and_frames_match_the_single_process_reader(client, tmp_path_factory, plan, seed, start, stop,
                                                           per_partition, streams):
     archive = tmp_path_factory.mktemp("archive")
     # Unclosed takes stay open (a recording in progress) until the end.
     writers = [write_take(archive / f"take{i}.kel", seed + i, sorted(ids), count, close)
-               for i, (ids, count, close) in enumerate(spec)]
+               for i, (ids, count, close) in enumerate(plan)]
     try:
-        check_archive(archive, len(spec), start, stop, per_partition, streams)
+        check_archive(archive, len(plan), start, stop, per_partition, streams)
     finally:
         for writer in writers:
             writer.close()
