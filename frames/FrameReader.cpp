@@ -41,6 +41,15 @@ struct Position {
     std::int64_t time = 0;
 };
 
+namespace {
+
+// Orders positions by (file, frame number), as ListPositions lists them.
+bool PositionBefore(const Position& pos, const std::pair<std::uint32_t, std::uint32_t>& key) {
+    return std::make_pair(pos.file, pos.frameNr) < key;
+}
+
+}  // namespace
+
 struct FrameReader::Impl {
     Layout layout = Layout::kSequence;
     std::vector<FileState> files;
@@ -221,33 +230,100 @@ std::uint32_t FrameReader::NumFrames() const noexcept {
 std::vector<KEL::AtomPtr> FrameReader::Frame(std::uint32_t i, FrameGap* gap) {
     FrameGap ignored = FrameGap::kNone;
     FrameGap& why = gap != nullptr ? *gap : ignored;
-    why = FrameGap::kMissing;
-    if (i >= impl_->positions.size()) {
-        return {};
-    }
-    const Position& at = impl_->positions[i];
     std::vector<KEL::AtomPtr> atoms;
     for (const std::uint16_t id : impl_->streamIds) {
-        FileState& file = impl_->files[impl_->layout == Layout::kSequence ? at.file : impl_->fileOfStream.at(id)];
-        const auto& numbers = file.numbers[id];
-        if (!std::binary_search(numbers.begin(), numbers.end(), at.frameNr)) {
-            why = FrameGap::kMissing;
-            return {};
-        }
-        KEL::AtomPtr atom = file.reader->GetFrameAtom(id, at.frameNr);
+        KEL::AtomPtr atom = StreamAtom(i, id, &why);
         if (!atom) {
-            why = FrameGap::kDamaged;
             return {};
         }
-        file.looseners.at(id)->LoosenOptimizedDataToAtom(atom);
         atoms.push_back(std::move(atom));
     }
-    why = FrameGap::kNone;
+    why = atoms.empty() ? FrameGap::kMissing : FrameGap::kNone;
     return atoms;
+}
+
+KEL::AtomPtr FrameReader::StreamAtom(std::uint32_t i, std::uint16_t stream, FrameGap* gap) {
+    FrameGap ignored = FrameGap::kNone;
+    FrameGap& why = gap != nullptr ? *gap : ignored;
+    why = FrameGap::kMissing;
+    if (i >= impl_->positions.size()) {
+        return nullptr;
+    }
+    const Position& at = impl_->positions[i];
+    std::size_t index = at.file;
+    if (impl_->layout == Layout::kSideBySide) {
+        const auto it = impl_->fileOfStream.find(stream);
+        if (it == impl_->fileOfStream.end()) {
+            return nullptr;
+        }
+        index = it->second;
+    }
+    FileState& file = impl_->files[index];
+    const auto numbers = file.numbers.find(stream);
+    if (numbers == file.numbers.end() ||
+        !std::binary_search(numbers->second.begin(), numbers->second.end(), at.frameNr)) {
+        return nullptr;
+    }
+    KEL::AtomPtr atom = file.reader->GetFrameAtom(stream, at.frameNr);
+    if (!atom) {
+        why = FrameGap::kDamaged;
+        return nullptr;
+    }
+    file.looseners.at(stream)->LoosenOptimizedDataToAtom(atom);
+    why = FrameGap::kNone;
+    return atom;
 }
 
 std::int64_t FrameReader::TimeOf(std::uint32_t i) const {
     return i < impl_->positions.size() ? impl_->positions[i].time : std::numeric_limits<std::int64_t>::min();
+}
+
+std::uint32_t FrameReader::FrameNumberOf(std::uint32_t i) const {
+    return i < impl_->positions.size() ? impl_->positions[i].frameNr : 0;
+}
+
+std::vector<std::uint32_t> FrameReader::PositionsOf(std::uint16_t stream) const {
+    // Positions are ordered by (file, frame number); side by side every
+    // position has file 0.
+    const auto& p = impl_->positions;
+    std::vector<std::uint32_t> found;
+    for (std::size_t f = 0; f < impl_->files.size(); ++f) {
+        const auto numbers = impl_->files[f].numbers.find(stream);
+        if (numbers == impl_->files[f].numbers.end()) {
+            continue;
+        }
+        const std::uint32_t file = impl_->layout == Layout::kSequence ? static_cast<std::uint32_t>(f) : 0;
+        for (const std::uint32_t nr : numbers->second) {
+            const auto at = std::lower_bound(p.begin(), p.end(), std::make_pair(file, nr), PositionBefore);
+            found.push_back(static_cast<std::uint32_t>(at - p.begin()));
+        }
+    }
+    return found;
+}
+
+std::vector<std::int64_t> FrameReader::TimeStampsOf(std::uint16_t stream) const {
+    std::vector<std::int64_t> stamps;
+    for (const FileState& file : impl_->files) {
+        if (file.numbers.count(stream) != 0) {
+            const auto own = file.reader->GetTimeStamps(stream);
+            stamps.insert(stamps.end(), own.begin(), own.end());
+        }
+    }
+    return stamps;
+}
+
+std::uint32_t FrameReader::PositionOf(const std::string& path, std::uint32_t frameNr) const {
+    const auto& p = impl_->positions;
+    for (std::size_t f = 0; f < impl_->files.size(); ++f) {
+        if (impl_->files[f].path != path) {
+            continue;
+        }
+        const std::uint32_t file = impl_->layout == Layout::kSequence ? static_cast<std::uint32_t>(f) : 0;
+        const auto at = std::lower_bound(p.begin(), p.end(), std::make_pair(file, frameNr), PositionBefore);
+        return at != p.end() && at->file == file && at->frameNr == frameNr ? static_cast<std::uint32_t>(at - p.begin())
+                                                                           : NumFrames();
+    }
+    return NumFrames();
 }
 
 std::uint32_t FrameReader::PositionAt(std::int64_t time) const {

@@ -61,9 +61,22 @@ public:
     // restored from its stream's first atom; empty when the frame cannot be
     // returned, and then `gap` says why.
     std::vector<KEL::AtomPtr> Frame(std::uint32_t i, FrameGap* gap = nullptr);
+    // One stream's atom of position `i`, restored like Frame's; empty when
+    // the stream holds no atom there (gap kMissing) or it does not read
+    // (kDamaged).
+    KEL::AtomPtr StreamAtom(std::uint32_t i, std::uint16_t stream, FrameGap* gap = nullptr);
     // The time stamp of position `i` (the earliest of its atoms, from the
     // index, without reading payloads).
     std::int64_t TimeOf(std::uint32_t i) const;
+    // The stored frame number of position `i`.
+    std::uint32_t FrameNumberOf(std::uint32_t i) const;
+    // The positions at which `stream` holds an atom, ascending, and those
+    // atoms' time stamps, from the index.
+    std::vector<std::uint32_t> PositionsOf(std::uint16_t stream) const;
+    std::vector<std::int64_t> TimeStampsOf(std::uint16_t stream) const;
+    // The position of `stream`'s atom with stored frame number `frameNr` in
+    // the file `path` (NumFrames() when there is none).
+    std::uint32_t PositionOf(const std::string& path, std::uint32_t frameNr) const;
     // The first position whose time stamp is at or after `time` (NumFrames()
     // when none).
     std::uint32_t PositionAt(std::int64_t time) const;

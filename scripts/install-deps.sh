@@ -14,6 +14,7 @@ packages=(
   libboost-filesystem-dev libboost-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libxxhash-dev libzstd-dev libpugixml-dev libpng-dev nlohmann-json3-dev libcli11-dev librapidcheck-dev
+  libcpp-httplib-dev
   python3 python3-dev pybind11-dev python3-numpy
 )
 dask=(python3-dask python3-distributed python3-pandas)
@@ -24,6 +25,11 @@ fi
 # with Pillow) and run kel.dask.
 if [ "${1:-}" = "--bench" ]; then
   packages+=(python3-pil mate-backgrounds "${dask[@]}")
+fi
+
+# The view page is built with npm; a machine without Node.js gets Debian's.
+if ! command -v npm >/dev/null 2>&1; then
+  packages+=(nodejs npm)
 fi
 
 missing=()

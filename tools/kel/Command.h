@@ -56,5 +56,6 @@ Command AddCatCommand(CLI::App& root, const GlobalOptions& global);
 Command AddDiffCommand(CLI::App& root, const GlobalOptions& global);
 Command AddRecoverCommand(CLI::App& root, const GlobalOptions& global);
 Command AddBatchCommand(CLI::App& root, const GlobalOptions& global);
+Command AddViewCommand(CLI::App& root, const GlobalOptions& global);
 
 }  // namespace KelTool

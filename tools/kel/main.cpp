@@ -57,7 +57,7 @@ int main(int argc, char** argv) {
         AddConcatCommand(app, global),  AddMergeCommand(app, global),  AddThumbnailCommand(app, global),
         AddReportCommand(app, global),  AddExportCommand(app, global), AddDemoCommand(app, global),
         AddCatCommand(app, global),     AddDiffCommand(app, global),   AddRecoverCommand(app, global),
-        AddBatchCommand(app, global),
+        AddBatchCommand(app, global),   AddViewCommand(app, global),
     };
 
     try {

@@ -1,0 +1,20 @@
+# Inlines the page's bundled script into its HTML template and writes the
+# result as a C++ source defining KelView::ViewPage().
+#   cmake -DTEMPLATE=index.html -DSCRIPT=main.js -DOUTPUT=ViewPage.cpp -P EmbedViewPage.cmake
+file(READ "${TEMPLATE}" page)
+file(READ "${SCRIPT}" script)
+string(FIND "${script}" "</script" closing)
+if(NOT closing EQUAL -1)
+  message(FATAL_ERROR "${SCRIPT} contains '</script', which would end the inlined script early")
+endif()
+string(FIND "${page}" "<!--KEL_VIEW_SCRIPT-->" placeholder)
+if(placeholder EQUAL -1)
+  message(FATAL_ERROR "${TEMPLATE} has no <!--KEL_VIEW_SCRIPT--> placeholder")
+endif()
+string(REPLACE "<!--KEL_VIEW_SCRIPT-->" "<script>${script}</script>" page "${page}")
+string(FIND "${page}" ")KELVIEWPAGE\"" delimiter)
+if(NOT delimiter EQUAL -1)
+  message(FATAL_ERROR "the page contains the raw string's delimiter")
+endif()
+file(WRITE "${OUTPUT}.tmp" "// Generated from tools/kel/view/page by cmake/EmbedViewPage.cmake; do not edit.\n#include \"view/ViewPage.h\"\n\nnamespace KelView {\n\nnamespace {\n\nconstexpr char kPage[] = R\"KELVIEWPAGE(${page})KELVIEWPAGE\";\n\n}  // namespace\n\nstd::string_view ViewPage() { return {kPage, sizeof(kPage) - 1}; }\n\n}  // namespace KelView\n")
+file(RENAME "${OUTPUT}.tmp" "${OUTPUT}")

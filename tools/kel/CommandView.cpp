@@ -1,0 +1,118 @@
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <iostream>
+#include <thread>
+
+#include "Command.h"
+#include "view/TakeCatalog.h"
+#include "view/ViewServer.h"
+
+extern char** environ;
+
+namespace KelTool {
+
+namespace {
+
+struct ViewCommandOptions {
+    std::vector<std::string> paths;
+    std::string host = "127.0.0.1";
+    int port = 0;
+    bool noBrowser = false;
+};
+
+bool IsLoopback(const std::string& host) {
+    return host == "localhost" || host == "::1" || host.rfind("127.", 0) == 0;
+}
+
+// Opens `url` in the desktop's browser with xdg-open, without waiting for
+// it; says so when there is none.
+void OpenBrowser(const std::string& url) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    std::string program = "xdg-open";
+    std::vector<char*> argv{program.data(), const_cast<char*>(url.c_str()), nullptr};
+    pid_t pid = 0;
+    if (posix_spawnp(&pid, "xdg-open", &actions, nullptr, argv.data(), environ) != 0) {
+        std::cerr << "kel view: no browser could be started (xdg-open): open the address above\n";
+    }
+    posix_spawn_file_actions_destroy(&actions);
+}
+
+int RunView(const ViewCommandOptions& options) {
+    std::string error;
+    std::vector<KelView::TakeFile> takes = KelView::FindTakeFiles(options.paths, &error);
+    if (takes.empty()) {
+        return Fail(error);
+    }
+    // SIGINT and SIGTERM are taken by a thread of their own (sigwait), which
+    // stops the server; every other thread, the server's included, starts
+    // with them blocked. A client that goes away must not kill the process.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    sigset_t previousMask;
+    pthread_sigmask(SIG_BLOCK, &stopSignals, &previousMask);
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    struct sigaction previousPipe {};
+    sigaction(SIGPIPE, &ignore, &previousPipe);
+
+    KelView::ViewServerOptions serverOptions;
+    serverOptions.host = options.host;
+    serverOptions.port = options.port;
+    KelView::ViewServer server(std::move(takes), serverOptions);
+    int status = kExitOk;
+    if (!server.Bind(&error)) {
+        status = Fail(error);
+    } else {
+        std::cout << server.Url() << std::endl;
+        if (!IsLoopback(options.host)) {
+            std::cerr << "kel view: warning: listening on " << options.host
+                      << ", not only this machine: anyone who can reach it and learns the address above can read "
+                         "these takes\n";
+        }
+        if (!options.noBrowser) {
+            OpenBrowser(server.Url());
+        }
+        std::thread stopper([&server, &stopSignals] {
+            int received = 0;
+            sigwait(&stopSignals, &received);
+            server.Stop();
+        });
+        const bool ran = server.Run();
+        // Run() also returns when listening fails: wake the stopper.
+        pthread_kill(stopper.native_handle(), SIGTERM);
+        stopper.join();
+        if (!ran) {
+            status = Fail("the server stopped unexpectedly");
+        } else {
+            std::cerr << "kel view: stopped\n";
+        }
+    }
+    sigaction(SIGPIPE, &previousPipe, nullptr);
+    pthread_sigmask(SIG_SETMASK, &previousMask, nullptr);
+    return status;
+}
+
+}  // namespace
+
+Command AddViewCommand(CLI::App& root, const GlobalOptions& /*global*/) {
+    auto options = std::make_shared<ViewCommandOptions>();
+    CLI::App* app = root.add_subcommand(
+        "view", "Serve takes to a page in the browser: time lines, every camera's picture, meshes and cameras in 3D");
+    app->add_option("PATH", options->paths, "Container files, or directories of them")->required();
+    app->add_option("--port", options->port, "The port to listen on (default 0: a free one)")
+        ->check(CLI::Range(0, 65535));
+    app->add_option("--host", options->host,
+                    "The address to listen on (default 127.0.0.1; any other is reachable from elsewhere)");
+    app->add_flag("--no-browser", options->noBrowser, "Print the address but do not open a browser");
+    return {app, [options] { return RunView(*options); }};
+}
+
+}  // namespace KelTool
