@@ -18,8 +18,12 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr std::size_t kMaxRequestBody = 1024;
+// A connection that sends nothing holds one of the bounded threads until its
+// read times out: short times keep idle or stalled clients from starving the
+// others.
 constexpr int kKeepAliveSeconds = 2;
-constexpr int kTimeoutSeconds = 10;
+constexpr int kReadTimeoutSeconds = 2;
+constexpr int kWriteTimeoutSeconds = 10;
 
 // The page may run its own inline scripts and talk to this server, nothing
 // else: no other origin, no frames around it, no plug-ins.
@@ -213,8 +217,8 @@ bool ViewServer::Bind(std::string* error) {
     impl.server.set_payload_max_length(kMaxRequestBody);
     impl.server.set_keep_alive_max_count(100);
     impl.server.set_keep_alive_timeout(kKeepAliveSeconds);
-    impl.server.set_read_timeout(kTimeoutSeconds);
-    impl.server.set_write_timeout(kTimeoutSeconds);
+    impl.server.set_read_timeout(kReadTimeoutSeconds);
+    impl.server.set_write_timeout(kWriteTimeoutSeconds);
     if (impl.options.port == 0) {
         impl.port = impl.server.bind_to_any_port(impl.options.host);
     } else {

@@ -12,7 +12,7 @@ namespace KelView {
 struct ViewServerOptions {
     std::string host = "127.0.0.1";
     int port = 0;  // 0: a free port
-    int threads = 8;
+    int threads = 16;
     std::size_t cacheBytes = std::size_t{256} << 20U;
 };
 
