@@ -20,7 +20,8 @@ TEST(MessageCache, KeepsTheMostRecentlyUsedWithinItsCapacity) {
     std::vector<std::pair<std::uint64_t, std::size_t>> model;  // most recent first
     std::mt19937 rng(7);
     for (int step = 0; step < 5000; ++step) {
-        const AtomPlace place{static_cast<std::uint32_t>(rng() % 2), static_cast<std::uint16_t>(rng() % 3), static_cast<std::uint32_t>(rng() % 8)};
+        const AtomPlace place{static_cast<std::uint32_t>(rng() % 2), static_cast<std::uint16_t>(rng() % 3),
+                              static_cast<std::uint32_t>(rng() % 8)};
         const std::uint64_t key = (std::uint64_t{place.take} << 48) | (std::uint64_t{place.stream} << 32) | place.frame;
         const auto known = std::find_if(model.begin(), model.end(), [&](const auto& e) { return e.first == key; });
         if (rng() % 2 == 0) {

@@ -3,6 +3,7 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
+#include <atomic>
 #include <iostream>
 #include <thread>
 
@@ -23,9 +24,7 @@ struct ViewCommandOptions {
     bool noBrowser = false;
 };
 
-bool IsLoopback(const std::string& host) {
-    return host == "localhost" || host == "::1" || host.rfind("127.", 0) == 0;
-}
+bool IsLoopback(const std::string& host) { return host == "localhost" || host == "::1" || host.rfind("127.", 0) == 0; }
 
 // Opens `url` in the desktop's browser with xdg-open, without waiting for
 // it; says so when there is none.
@@ -80,14 +79,20 @@ int RunView(const ViewCommandOptions& options) {
         if (!options.noBrowser) {
             OpenBrowser(server.Url());
         }
-        std::thread stopper([&server, &stopSignals] {
-            int received = 0;
-            sigwait(&stopSignals, &received);
-            server.Stop();
+        // Waits for a stop signal, looking every 200 ms whether the server
+        // ended on its own (listening failed).
+        std::atomic<bool> ended{false};
+        std::thread stopper([&server, &stopSignals, &ended] {
+            const timespec tick{0, 200'000'000};
+            while (!ended.load()) {
+                if (sigtimedwait(&stopSignals, nullptr, &tick) > 0) {
+                    server.Stop();
+                    return;
+                }
+            }
         });
         const bool ran = server.Run();
-        // Run() also returns when listening fails: wake the stopper.
-        pthread_kill(stopper.native_handle(), SIGTERM);
+        ended.store(true);
         stopper.join();
         if (!ran) {
             status = Fail("the server stopped unexpectedly");

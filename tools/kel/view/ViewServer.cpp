@@ -1,7 +1,8 @@
 #include "view/ViewServer.h"
 
-#include <charconv>
 #include <httplib.h>
+
+#include <charconv>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -85,8 +86,8 @@ struct ViewServer::Impl {
             return nullptr;
         }
         if (*number >= takes.size()) {
-            SendError(res, 404, "no take " + std::to_string(*number) + " (there are " +
-                                    std::to_string(takes.size()) + ")");
+            SendError(res, 404,
+                      "no take " + std::to_string(*number) + " (there are " + std::to_string(takes.size()) + ")");
             return nullptr;
         }
         ViewTake* take = takes[*number].get();
@@ -133,8 +134,9 @@ struct ViewServer::Impl {
             return;
         }
         if (*frame >= take->NumFrames()) {
-            SendError(res, 404, "frame " + std::to_string(*frame) + " is out of range: the take has " +
-                                    std::to_string(take->NumFrames()) + " frame positions");
+            SendError(res, 404,
+                      "frame " + std::to_string(*frame) + " is out of range: the take has " +
+                          std::to_string(take->NumFrames()) + " frame positions");
             return;
         }
         const AtomPlace place{take->Number(), static_cast<std::uint16_t>(*stream), static_cast<std::uint32_t>(*frame)};
@@ -142,8 +144,8 @@ struct ViewServer::Impl {
         if (!message) {
             std::optional<std::string> read = take->ReadAtom(place.stream, place.frame);
             if (!read) {
-                SendError(res, 404, "stream " + std::to_string(*stream) + " holds no atom at frame " +
-                                        std::to_string(*frame));
+                SendError(res, 404,
+                          "stream " + std::to_string(*stream) + " holds no atom at frame " + std::to_string(*frame));
                 return;
             }
             message = std::make_shared<const std::string>(std::move(*read));
@@ -152,11 +154,11 @@ struct ViewServer::Impl {
         // The response owns a reference to the cached message while it is
         // sent, so eviction meanwhile frees nothing in use.
         res.status = 200;
-        res.set_content_provider(
-            message->size(), "application/octet-stream",
-            [message](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
-                return sink.write(message->data() + offset, std::min(length, message->size() - offset));
-            });
+        res.set_content_provider(message->size(), "application/octet-stream",
+                                 [message](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
+                                     return sink.write(message->data() + offset,
+                                                       std::min(length, message->size() - offset));
+                                 });
     }
 
     void Route() {
@@ -176,10 +178,10 @@ struct ViewServer::Impl {
                 SendError(res, res.status, res.status == 404 ? "no such page" : "bad request");
             }
         });
-        server.set_exception_handler([](const httplib::Request& /*req*/, httplib::Response& res,
-                                        std::exception_ptr /*error*/) {
-            SendError(res, 500, "the server failed to answer this request");
-        });
+        server.set_exception_handler(
+            [](const httplib::Request& /*req*/, httplib::Response& res, std::exception_ptr /*error*/) {
+                SendError(res, 500, "the server failed to answer this request");
+            });
         server.Get("/", [](const httplib::Request& /*req*/, httplib::Response& res) {
             const std::string_view page = ViewPage();
             res.set_content(page.data(), page.size(), "text/html; charset=utf-8");
