@@ -71,6 +71,7 @@ bool FrameReader::Impl::SelectStreams(const std::vector<std::uint16_t>& wanted, 
     for (std::size_t f = 0; f < files.size(); ++f) {
         FileState& file = files[f];
         std::vector<std::uint16_t> held;
+        held.reserve(static_cast<std::size_t>(std::max(file.reader->GetNumStreams(), 0)));
         for (int i = 0; i < file.reader->GetNumStreams(); ++i) {
             held.push_back(file.reader->GetStreamId(i));
         }
