@@ -9,6 +9,7 @@
 
 #include "Command.h"
 #include "view/TakeCatalog.h"
+#include "view/ViewAccess.h"
 #include "view/ViewServer.h"
 
 extern char** environ;
@@ -71,7 +72,7 @@ int RunView(const ViewCommandOptions& options) {
         status = Fail(error);
     } else {
         std::cout << server.Url() << std::endl;
-        if (!IsLoopback(options.host)) {
+        if (!KelView::IsLoopbackHost(options.host)) {
             std::cerr << "kel view: warning: listening on " << options.host
                       << ", not only this machine: anyone who can reach it and learns the address above can read "
                          "these takes\n";

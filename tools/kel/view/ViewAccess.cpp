@@ -19,11 +19,11 @@ std::string Lower(std::string_view text) {
     return lower;
 }
 
-bool IsLoopback(const std::string& host) {
-    return host == "127.0.0.1" || host == "localhost" || host == "::1" || host.rfind("127.", 0) == 0;
-}
-
 }  // namespace
+
+bool IsLoopbackHost(const std::string& host) {
+    return host == "localhost" || host == "::1" || host.rfind("127.", 0) == 0;
+}
 
 std::string NewAccessToken() {
     std::array<std::uint8_t, 32> bytes{};
@@ -47,7 +47,7 @@ std::string NewAccessToken() {
 ViewAccess::ViewAccess(std::string token, const std::string& listenHost, int port) : token_(std::move(token)) {
     const std::string suffix = ":" + std::to_string(port);
     const std::string host = Lower(listenHost);
-    if (IsLoopback(host)) {
+    if (IsLoopbackHost(host)) {
         for (const char* name : {"127.0.0.1", "localhost", "[::1]"}) {
             hosts_.push_back(name + suffix);
         }

@@ -11,6 +11,9 @@ namespace KelView {
 // kernel gives none.
 std::string NewAccessToken();
 
+// Whether `host` (lower case) names this machine's loopback interface.
+bool IsLoopbackHost(const std::string& host);
+
 // Who may ask the server anything: a request that carries the token and
 // names, in its Host header, the address the server listens on.
 class ViewAccess {
