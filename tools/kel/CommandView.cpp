@@ -25,8 +25,6 @@ struct ViewCommandOptions {
     bool noBrowser = false;
 };
 
-bool IsLoopback(const std::string& host) { return host == "localhost" || host == "::1" || host.rfind("127.", 0) == 0; }
-
 // Opens `url` in the desktop's browser with xdg-open, without waiting for
 // it; says so when there is none.
 void OpenBrowser(const std::string& url) {
