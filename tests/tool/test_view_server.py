@@ -250,3 +250,9 @@ def test_ctrl_c_stops_the_server_cleanly(takes):
     run = subprocess.run([KEL, "view", str(takes / "missing.kel"), "--no-browser"], capture_output=True, text=True,
                          timeout=30)
     assert run.returncode == 1 and "missing.kel" in run.stderr
+    # Any address but loopback is served only with a warning.
+    wide = subprocess.Popen([KEL, "view", str(takes / "demo" / "capture.kel"), "--no-browser", "--host", "0.0.0.0"],
+                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    assert wide.stdout.readline().startswith("http://0.0.0.0:")
+    wide.send_signal(signal.SIGTERM)
+    assert wide.wait(timeout=30) == 0 and "warning: listening on 0.0.0.0" in wide.stderr.read()
