@@ -24,7 +24,7 @@ fi
 # The benchmarks compress photographs (Debian's MATE backgrounds, decoded
 # with Pillow) and run kel.dask.
 if [ "${1:-}" = "--bench" ]; then
-  packages+=(python3-pil mate-backgrounds "${dask[@]}")
+  packages+=(python3-pil mate-backgrounds chromium "${dask[@]}")
 fi
 
 # The view page is built with npm; a machine without Node.js gets Debian's.

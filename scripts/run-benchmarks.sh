@@ -24,6 +24,10 @@ echo "== kel.dask on local clusters of worker processes (127.0.0.1)"
 PYTHONPATH="$build/python" /usr/bin/python3 bench/dask_bench.py --tool "$build/tools/kel/kel" \
   --runs "${KEL_BENCH_RUNS:-5}"
 echo
+echo "== kel view in headless Chromium (SwiftShader): scrub rate and time to first frame"
+PYTHONPATH="$build/python" /usr/bin/python3 bench/view_scrub_bench.py --tool "$build/tools/kel/kel" \
+  --node-modules "$build/view-page/node_modules" --runs "${KEL_BENCH_RUNS:-3}"
+echo
 echo "== compressed takes (photographs of mate-backgrounds with sensor noise, a scanned-like mesh)"
 photos="$out/photos"
 mkdir -p "$photos"

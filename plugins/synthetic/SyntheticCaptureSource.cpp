@@ -147,8 +147,10 @@ std::shared_ptr<KEL::DataTypeCameraParams> MakeCamera(std::uint16_t camera, std:
     right[2] /= rl;
     const std::array<double, 3> up{right[1] * fwd[2] - right[2] * fwd[1], right[2] * fwd[0] - right[0] * fwd[2],
                                    right[0] * fwd[1] - right[1] * fwd[0]};
-    cam->pose = {right[0], up[0], fwd[0], pos[0], right[1], up[1], fwd[1], pos[1],
-                 right[2], up[2], fwd[2], pos[2], 0.0,      0.0,   0.0,    1.0};
+    // Camera axes as in computer vision: x right, y down (image rows), z
+    // forward; a rotation (determinant +1).
+    cam->pose = {right[0], -up[0], fwd[0], pos[0], right[1], -up[1], fwd[1], pos[1],
+                 right[2], -up[2], fwd[2], pos[2], 0.0,      0.0,    0.0,    1.0};
     return cam;
 }
 

@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 
 #include <atomic>
+#include <chrono>
 #include <iostream>
 #include <thread>
 
@@ -47,9 +48,8 @@ int RunView(const ViewCommandOptions& options) {
     if (takes.empty()) {
         return Fail(error);
     }
-    // SIGINT and SIGTERM are taken by a thread of their own (sigwait), which
-    // stops the server; every other thread, the server's included, starts
-    // with them blocked. A client that goes away must not kill the process.
+    // SIGINT and SIGTERM are blocked in every thread and taken by this one
+    // (sigtimedwait), which stops the server. A client that goes away must not kill the process.
     sigset_t stopSignals;
     sigemptyset(&stopSignals);
     sigaddset(&stopSignals, SIGINT);
@@ -69,30 +69,39 @@ int RunView(const ViewCommandOptions& options) {
     if (!server.Bind(&error)) {
         status = Fail(error);
     } else {
-        std::cout << server.Url() << std::endl;
-        if (!KelView::IsLoopbackHost(options.host)) {
-            std::cerr << "kel view: warning: listening on " << options.host
-                      << ", not only this machine: anyone who can reach it and learns the address above can read "
-                         "these takes\n";
+        // The server answers on a thread of its own; the address is printed
+        // once it is listening, so whoever reads it can connect at once, and
+        // a stop signal from then on always finds a running server to stop.
+        std::atomic<bool> ended{false};
+        bool ran = false;
+        std::thread serving([&server, &ended, &ran] {
+            ran = server.Run();
+            ended.store(true);
+        });
+        while (!server.Running() && !ended.load()) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
-        if (!options.noBrowser) {
-            OpenBrowser(server.Url());
+        if (!ended.load()) {
+            std::cout << server.Url() << std::endl;
+            if (!KelView::IsLoopbackHost(options.host)) {
+                std::cerr << "kel view: warning: listening on " << options.host
+                          << ", not only this machine: anyone who can reach it and learns the address above can "
+                             "read these takes\n";
+            }
+            if (!options.noBrowser) {
+                OpenBrowser(server.Url());
+            }
         }
         // Waits for a stop signal, looking every 200 ms whether the server
-        // ended on its own (listening failed).
-        std::atomic<bool> ended{false};
-        std::thread stopper([&server, &stopSignals, &ended] {
-            const timespec tick{0, 200'000'000};
-            while (!ended.load()) {
-                if (sigtimedwait(&stopSignals, nullptr, &tick) > 0) {
-                    server.Stop();
-                    return;
-                }
+        // ended on its own.
+        const timespec tick{0, 200'000'000};
+        while (!ended.load()) {
+            if (sigtimedwait(&stopSignals, nullptr, &tick) > 0) {
+                server.Stop();
+                break;
             }
-        });
-        const bool ran = server.Run();
-        ended.store(true);
-        stopper.join();
+        }
+        serving.join();
         if (!ran) {
             status = Fail("the server stopped unexpectedly");
         } else {

@@ -1,6 +1,7 @@
 #include "view/ViewServer.h"
 
 #include <httplib.h>
+#include <sys/socket.h>
 
 #include <charconv>
 #include <limits>
@@ -32,13 +33,28 @@ constexpr const char* kContentSecurityPolicy =
     "default-src 'none'; script-src 'unsafe-inline'; style-src 'unsafe-inline'; img-src 'self' blob: data:; "
     "connect-src 'self'; worker-src blob:; base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
 
-void SendJson(httplib::Response& res, int status, const Json& body) {
-    res.status = status;
-    res.set_content(body.dump(-1, ' ', false, Json::error_handler_t::replace), "application/json");
+// Answers 200 with `body`, sent as it is. Bodies given to a content
+// provider are never compressed by the library: on loopback compression
+// costs far more than it saves (brotli takes over half a second for the
+// index of 100,000 atoms, which is sent uncompressed in 20 ms). The response
+// holds a reference to the body while it is sent.
+void SendBody(httplib::Response& res, std::shared_ptr<const std::string> body, const char* contentType) {
+    res.status = 200;
+    const std::size_t size = body->size();
+    res.set_content_provider(size, contentType,
+                             [body = std::move(body)](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
+                                 return sink.write(body->data() + offset, std::min(length, body->size() - offset));
+                             });
+}
+
+void SendJson(httplib::Response& res, const Json& body) {
+    SendBody(res, std::make_shared<const std::string>(body.dump(-1, ' ', false, Json::error_handler_t::replace)),
+             "application/json");
 }
 
 void SendError(httplib::Response& res, int status, const std::string& message) {
-    SendJson(res, status, Json{{"error", message}});
+    res.status = status;
+    res.set_content(Json{{"error", message}}.dump(-1, ' ', false, Json::error_handler_t::replace), "application/json");
 }
 
 // A query number: decimal digits only, no sign or spaces, at most `max`.
@@ -71,6 +87,7 @@ struct ViewServer::Impl {
     httplib::Server server;
     std::unique_ptr<ViewAccess> access;
     int port = 0;
+    std::shared_ptr<const std::string> page = std::make_shared<const std::string>(ViewPage());
 
     Impl(std::vector<TakeFile> files, ViewServerOptions o) : options(std::move(o)), cache(options.cacheBytes) {
         for (std::size_t i = 0; i < files.size(); ++i) {
@@ -151,14 +168,9 @@ struct ViewServer::Impl {
             message = std::make_shared<const std::string>(std::move(*read));
             cache.Put(place, message);
         }
-        // The response owns a reference to the cached message while it is
-        // sent, so eviction meanwhile frees nothing in use.
-        res.status = 200;
-        res.set_content_provider(message->size(), "application/octet-stream",
-                                 [message](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
-                                     return sink.write(message->data() + offset,
-                                                       std::min(length, message->size() - offset));
-                                 });
+        // The cached message is shared: eviction while it is sent frees
+        // nothing in use.
+        SendBody(res, std::move(message), "application/octet-stream");
     }
 
     void Route() {
@@ -182,25 +194,24 @@ struct ViewServer::Impl {
             [](const httplib::Request& /*req*/, httplib::Response& res, std::exception_ptr /*error*/) {
                 SendError(res, 500, "the server failed to answer this request");
             });
-        server.Get("/", [](const httplib::Request& /*req*/, httplib::Response& res) {
-            const std::string_view page = ViewPage();
-            res.set_content(page.data(), page.size(), "text/html; charset=utf-8");
+        server.Get("/", [this](const httplib::Request& /*req*/, httplib::Response& res) {
+            SendBody(res, page, "text/html; charset=utf-8");
         });
         server.Get("/api/takes", [this](const httplib::Request& /*req*/, httplib::Response& res) {
             Json list = Json::array();
             for (const auto& take : takes) {
                 list.push_back(take->Listing());
             }
-            SendJson(res, 200, Json{{"takes", std::move(list)}});
+            SendJson(res, Json{{"takes", std::move(list)}});
         });
         server.Get("/api/index", [this](const httplib::Request& req, httplib::Response& res) {
             if (ViewTake* take = TakeOf(req, res)) {
-                SendJson(res, 200, take->Index());
+                SendJson(res, take->Index());
             }
         });
         server.Get("/api/summary", [this](const httplib::Request& req, httplib::Response& res) {
             if (ViewTake* take = TakeOf(req, res)) {
-                SendJson(res, 200, take->Summary());
+                SendJson(res, take->Summary());
             }
         });
         server.Get("/api/atom", [this](const httplib::Request& req, httplib::Response& res) { Atom(req, res); });
@@ -217,10 +228,21 @@ bool ViewServer::Bind(std::string* error) {
     const int threads = std::max(impl.options.threads, 1);
     impl.server.new_task_queue = [threads] { return new httplib::ThreadPool(static_cast<std::size_t>(threads)); };
     impl.server.set_payload_max_length(kMaxRequestBody);
+    // Small answers on a kept-alive connection must not wait for the
+    // client's delayed acknowledgement (Nagle's algorithm): 40 ms a request.
+    impl.server.set_tcp_nodelay(true);
     impl.server.set_keep_alive_max_count(100);
     impl.server.set_keep_alive_timeout(kKeepAliveSeconds);
     impl.server.set_read_timeout(kReadTimeoutSeconds);
     impl.server.set_write_timeout(kWriteTimeoutSeconds);
+    // SO_REUSEADDR only: a restarted server gets its port back, and no other
+    // process can bind it beside this one (as SO_REUSEPORT would allow).
+    int listening = -1;
+    impl.server.set_socket_options([&listening](socket_t sock) {
+        const int on = 1;
+        ::setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+        listening = sock;
+    });
     if (impl.options.port == 0) {
         impl.port = impl.server.bind_to_any_port(impl.options.host);
     } else {
@@ -231,6 +253,10 @@ bool ViewServer::Bind(std::string* error) {
                  " (is the port taken, or the address not this machine's?)";
         return false;
     }
+    // The library listens with a backlog of 5: a page that opens its
+    // connections while a few others arrive would have some refused and
+    // retried seconds later. Listening again raises the backlog.
+    ::listen(listening, SOMAXCONN);
     impl.access = std::make_unique<ViewAccess>(NewAccessToken(), impl.options.host, impl.port);
     impl.Route();
     return true;
@@ -244,6 +270,8 @@ std::string ViewServer::Url() const {
 }
 
 bool ViewServer::Run() { return impl_->server.listen_after_bind(); }
+
+bool ViewServer::Running() const { return impl_->server.is_running(); }
 
 void ViewServer::Stop() { impl_->server.stop(); }
 

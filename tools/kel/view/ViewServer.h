@@ -31,6 +31,8 @@ public:
     std::string Url() const;
     // Answers requests until Stop(); false when the server could not run.
     bool Run();
+    // Whether Run() is listening (and Stop() has something to stop).
+    bool Running() const;
     // Lets Run() return once the requests in flight are answered. Any thread.
     void Stop();
 
