@@ -7,6 +7,7 @@
 #endif
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <memory>
 
@@ -134,26 +135,112 @@ void ByteDelta(std::uint8_t* data, std::size_t size) {
     }
 }
 
+#if defined(__SSE2__)
+// The running byte sum of a vector, plus `carry` (the sum before it in every
+// byte): four shifted additions.
+__m128i PrefixSum(__m128i x, __m128i carry) {
+    x = _mm_add_epi8(x, _mm_slli_si128(x, 1));
+    x = _mm_add_epi8(x, _mm_slli_si128(x, 2));
+    x = _mm_add_epi8(x, _mm_slli_si128(x, 4));
+    x = _mm_add_epi8(x, _mm_slli_si128(x, 8));
+    return _mm_add_epi8(x, carry);
+}
+
+// The last byte of a vector in all its bytes, without a round trip through
+// memory (a store and a load of the byte stall on each other).
+__m128i LastByteEverywhere(__m128i x) {
+    return _mm_shuffle_epi32(_mm_shufflehi_epi16(_mm_unpackhi_epi8(x, x), 0xFF), 0xFF);
+}
+#endif
+
 void ByteSum(std::uint8_t* data, std::size_t size) {
     std::size_t i = 0;
     std::uint8_t running = 0;
 #if defined(__SSE2__)
     __m128i carry = _mm_setzero_si128();
     for (; i + 16 <= size; i += 16) {
-        __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(data + i));
-        x = _mm_add_epi8(x, _mm_slli_si128(x, 1));
-        x = _mm_add_epi8(x, _mm_slli_si128(x, 2));
-        x = _mm_add_epi8(x, _mm_slli_si128(x, 4));
-        x = _mm_add_epi8(x, _mm_slli_si128(x, 8));
-        x = _mm_add_epi8(x, carry);
+        const __m128i x = PrefixSum(_mm_loadu_si128(reinterpret_cast<const __m128i*>(data + i)), carry);
         _mm_storeu_si128(reinterpret_cast<__m128i*>(data + i), x);
-        running = data[i + 15];
-        carry = _mm_set1_epi8(static_cast<char>(running));
+        carry = LastByteEverywhere(x);
     }
+    running = static_cast<std::uint8_t>(_mm_cvtsi128_si32(carry));
 #endif
     for (; i < size; ++i) {
         running = static_cast<std::uint8_t>(running + data[i]);
         data[i] = running;
+    }
+}
+
+// The sum of `size` bytes, modulo 256.
+std::uint8_t ByteTotal(const std::uint8_t* data, std::size_t size) {
+    std::size_t i = 0;
+    std::uint64_t total = 0;
+#if defined(__SSE2__)
+    __m128i sums = _mm_setzero_si128();
+    for (; i + 16 <= size; i += 16) {
+        sums = _mm_add_epi64(
+            sums, _mm_sad_epu8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(data + i)), _mm_setzero_si128()));
+    }
+    total = static_cast<std::uint64_t>(_mm_cvtsi128_si64(sums)) +
+            static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(sums, sums)));
+#endif
+    for (; i < size; ++i) {
+        total += data[i];
+    }
+    return static_cast<std::uint8_t>(total);
+}
+
+// Undoes kShuffleDelta of 4-byte elements in one pass from `in` to `out`,
+// the decoding of every compressed image and float array. The byte delta
+// ran over the whole shuffled piece, so each plane's running sum starts
+// where the planes before it ended: their byte totals, summed first (a fast
+// pass), give each plane its start. Then 16 elements at a time: the four
+// planes' running sums side by side, interleaved back into elements.
+void UndoShuffleDelta4(const std::uint8_t* in, std::size_t size, std::uint8_t* out) {
+    const std::size_t n = size / 4;
+    std::array<std::uint8_t, 4> running{};
+    for (std::size_t b = 1; b < 4; ++b) {
+        running[b] = static_cast<std::uint8_t>(running[b - 1] + ByteTotal(in + (b - 1) * n, n));
+    }
+    std::size_t i = 0;
+#if defined(__SSE2__)
+    __m128i carry0 = _mm_set1_epi8(static_cast<char>(running[0]));
+    __m128i carry1 = _mm_set1_epi8(static_cast<char>(running[1]));
+    __m128i carry2 = _mm_set1_epi8(static_cast<char>(running[2]));
+    __m128i carry3 = _mm_set1_epi8(static_cast<char>(running[3]));
+    const auto sum = [&](std::size_t b, __m128i& carry) {
+        const __m128i x = PrefixSum(_mm_loadu_si128(reinterpret_cast<const __m128i*>(in + b * n + i)), carry);
+        carry = LastByteEverywhere(x);
+        return x;
+    };
+    for (; i + 16 <= n; i += 16) {
+        const __m128i plane0 = sum(0, carry0);
+        const __m128i plane1 = sum(1, carry1);
+        const __m128i plane2 = sum(2, carry2);
+        const __m128i plane3 = sum(3, carry3);
+        const __m128i low01 = _mm_unpacklo_epi8(plane0, plane1);
+        const __m128i high01 = _mm_unpackhi_epi8(plane0, plane1);
+        const __m128i low23 = _mm_unpacklo_epi8(plane2, plane3);
+        const __m128i high23 = _mm_unpackhi_epi8(plane2, plane3);
+        auto* to = reinterpret_cast<__m128i*>(out + 4 * i);
+        _mm_storeu_si128(to, _mm_unpacklo_epi16(low01, low23));
+        _mm_storeu_si128(to + 1, _mm_unpackhi_epi16(low01, low23));
+        _mm_storeu_si128(to + 2, _mm_unpacklo_epi16(high01, high23));
+        _mm_storeu_si128(to + 3, _mm_unpackhi_epi16(high01, high23));
+    }
+    running = {static_cast<std::uint8_t>(_mm_cvtsi128_si32(carry0)), static_cast<std::uint8_t>(_mm_cvtsi128_si32(carry1)),
+               static_cast<std::uint8_t>(_mm_cvtsi128_si32(carry2)), static_cast<std::uint8_t>(_mm_cvtsi128_si32(carry3))};
+#endif
+    for (; i < n; ++i) {
+        for (std::size_t b = 0; b < 4; ++b) {
+            running[b] = static_cast<std::uint8_t>(running[b] + in[b * n + i]);
+            out[4 * i + b] = running[b];
+        }
+    }
+    // Bytes past the last whole element continue the sum after the planes.
+    for (std::size_t k = 4 * n; k < size; ++k) {
+        running[3] = static_cast<std::uint8_t>(running[3] + in[k]);
+        out[k] = running[3];
     }
 }
 
@@ -283,6 +370,10 @@ void UndoFilter(BlobFilter filter, unsigned elementSize, const std::uint8_t* in,
             Sum(elementSize, out, size);
             break;
         case BlobFilter::kShuffleDelta: {
+            if (elementSize == 4) {
+                UndoShuffleDelta4(in, size, out);
+                break;
+            }
             std::uint8_t* tmp = Scratch(size);
             std::memcpy(tmp, in, size);
             Sum(1, tmp, size);
