@@ -66,6 +66,10 @@ struct ReaderOptions {
     // While atoms are fetched in file order, as playback does, ask the
     // kernel to read the records that follow ahead of their use.
     bool readAhead = true;
+    // While the atoms of a compressed file are fetched in file order, read
+    // and decode the next one on a thread of the reader's own as the caller
+    // uses the current one (one atom ahead at most).
+    bool decodeAhead = true;
 };
 
 // Something a reader lost to damage: a damaged atom record (its stream and
@@ -131,7 +135,8 @@ struct AtomDescription {
 // memory from a pool, in cache-sized chunks each verified as it arrives; the
 // layer payloads of the atoms returned are views of that memory (no further
 // copy) and keep it alive, so atoms stay valid after the reader is gone.
-// While atoms are fetched in file order the kernel reads ahead of them.
+// While atoms are fetched in file order the kernel reads ahead of them, and
+// the next atom of a compressed file is decoded ahead on another thread.
 //
 // Opening a closed file reads the header, the footer and the index, nothing
 // in proportion to the payload. A file without a valid index (its writer was

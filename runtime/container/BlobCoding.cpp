@@ -228,8 +228,9 @@ void UndoShuffleDelta4(const std::uint8_t* in, std::size_t size, std::uint8_t* o
         _mm_storeu_si128(to + 2, _mm_unpacklo_epi16(high01, high23));
         _mm_storeu_si128(to + 3, _mm_unpackhi_epi16(high01, high23));
     }
-    running = {static_cast<std::uint8_t>(_mm_cvtsi128_si32(carry0)), static_cast<std::uint8_t>(_mm_cvtsi128_si32(carry1)),
-               static_cast<std::uint8_t>(_mm_cvtsi128_si32(carry2)), static_cast<std::uint8_t>(_mm_cvtsi128_si32(carry3))};
+    running = {
+        static_cast<std::uint8_t>(_mm_cvtsi128_si32(carry0)), static_cast<std::uint8_t>(_mm_cvtsi128_si32(carry1)),
+        static_cast<std::uint8_t>(_mm_cvtsi128_si32(carry2)), static_cast<std::uint8_t>(_mm_cvtsi128_si32(carry3))};
 #endif
     for (; i < n; ++i) {
         for (std::size_t b = 0; b < 4; ++b) {

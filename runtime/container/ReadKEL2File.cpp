@@ -5,9 +5,11 @@
 #include <algorithm>
 #include <limits>
 #include <new>
+#include <optional>
 #include <unordered_map>
 #include <unordered_set>
 
+#include "container/AtomReadAhead.h"
 #include "container/AtomRecord.h"
 #include "container/BufferPool.h"
 #include "container/ContainerFormat.h"
@@ -48,6 +50,7 @@ public:
         return i < listedCount_ ? EntryAt(listed_, i) : appended_[i - listedCount_];
     }
     RecordState& State(std::size_t i) { return state_[i]; }
+    RecordState State(std::size_t i) const { return state_[i]; }
     void Clear() {
         listedMemory_.reset();
         listed_ = nullptr;
@@ -114,6 +117,8 @@ struct ReadKEL2File::Impl {
     std::uint64_t adviseEnd = 0;
 
     void Reset() {
+        // No fetch ahead may read the file while it is closed and reopened.
+        readAhead.Cancel();
         file.reset();
         header = {};
         report = {};
@@ -189,13 +194,27 @@ struct ReadKEL2File::Impl {
     // Type names by type GUID, for descriptions.
     std::unordered_map<KelCommon::Guid, std::string> typeNames;
 
+    // The atom that sequential playback of a compressed file will ask for
+    // next, read and decoded on a thread of its own. Declared last: it is
+    // stopped before the members its fetches use are destroyed.
+    AtomReadAhead readAhead{
+        [this](const RecordRequest& request) { return FetchAtom(*file, *pool, header.fileId, request); }};
+
     KelErrorCode Open();
     AtomDescription Describe(std::size_t index);
     const std::string& TypeName(const KelCommon::Guid& type);
     void Walk(std::uint64_t from, std::uint64_t to);
     std::shared_ptr<Atom> Load(std::size_t index);
     std::shared_ptr<Atom> MarkBad(std::size_t index, const std::string& why);
-    void ReadAheadAfter(std::size_t index);
+    RecordRequest RequestFor(std::size_t index) const {
+        return {records[index].offset, SizeHint(index), recordsEnd,
+                options.verifyChecksums && records.State(index) == RecordState::kUnchecked};
+    }
+    // Notes a fetch of `index` for read-ahead; returns the record that
+    // sequential playback will fetch next, or SIZE_MAX when it is not
+    // playing sequentially.
+    std::size_t ReadAheadAfter(std::size_t index);
+    void DecodeAhead(std::size_t next);
 };
 
 KelErrorCode ReadKEL2File::Impl::Open() {
@@ -325,10 +344,16 @@ std::shared_ptr<Atom> ReadKEL2File::Impl::Load(std::size_t index) {
         return nullptr;
     }
     const IndexEntry record = records[index];
-    ReadAheadAfter(index);
-    const LoadedRecord loaded = ReadAtomRecord(
-        *file, *pool, header.fileId,
-        {record.offset, SizeHint(index), recordsEnd, options.verifyChecksums && state == RecordState::kUnchecked});
+    const RecordRequest request = RequestFor(index);
+    const std::size_t next = ReadAheadAfter(index);
+    std::optional<FetchedAtom> ahead = readAhead.Take(index, request);
+    if (ahead && ahead->record.transient) {
+        // A read that failed ahead of time may succeed now.
+        ahead.reset();
+    }
+    DecodeAhead(next);
+    const FetchedAtom fetched = ahead ? std::move(*ahead) : FetchAtom(*file, *pool, header.fileId, request);
+    const LoadedRecord& loaded = fetched.record;
     if (!loaded.error.empty()) {
         if (loaded.transient) {
             // An I/O error says nothing about the record: it stays unchecked
@@ -350,10 +375,9 @@ std::shared_ptr<Atom> ReadKEL2File::Impl::Load(std::size_t index) {
     if (loaded.checksumVerified) {
         records.State(index) = RecordState::kGood;
     }
-    std::string reason;
-    auto atom = DecodeAtomRecord(loaded.memory, loaded.payload, loaded.header.payloadSize, reason);
+    const std::shared_ptr<Atom>& atom = fetched.atom;
     if (!atom) {
-        return MarkBad(index, reason);
+        return MarkBad(index, fetched.reason);
     }
     if (atom->GetStreamId() != key.streamId || atom->GetFrameNr() != key.frameNr ||
         atom->GetTimeStamp() != key.timeStamp) {
@@ -408,29 +432,44 @@ const std::string& ReadKEL2File::Impl::TypeName(const KelCommon::Guid& type) {
 }
 
 // Playback fetches atoms in file order (a frame's atoms of every stream, then
-// the next frame's): once two fetches in a row went forward, the kernel is
+// the next frame's), or one stream's atoms, each a fixed number of records
+// after the one before: once two fetches in a row went forward, the kernel is
 // asked to read the file range of the records that follow, up to a byte
 // budget ahead of the one just fetched, so that reading from disk overlaps
-// with the use of the current atom. The atoms themselves are read on the
-// caller's thread: measured, a second thread that reads and verifies ahead
-// is slower (the caller then finds the bytes out of its cache) than reading
-// each record in cache-sized chunks and hashing each chunk at once.
-void ReadKEL2File::Impl::ReadAheadAfter(std::size_t index) {
-    if (!options.readAhead) {
-        return;
-    }
+// with the use of the current atom. Records of a file without compression
+// are read on the caller's thread: measured, a second thread that reads and
+// verifies ahead is slower (the caller then finds the bytes out of its cache)
+// than reading each record in cache-sized chunks and hashing each chunk at
+// once. Decompressing is several times the work of reading, and is done
+// ahead (DecodeAhead).
+std::size_t ReadKEL2File::Impl::ReadAheadAfter(std::size_t index) {
     const bool forward = lastFetched != SIZE_MAX && index > lastFetched && index - lastFetched <= 16;
+    const std::size_t stride = forward ? index - lastFetched : 0;
     forwardRun = forward ? forwardRun + 1 : 0;
     lastFetched = index;
     if (forwardRun < 2) {
+        return SIZE_MAX;
+    }
+    if (options.readAhead) {
+        const std::uint64_t from = std::max(records[index].offset + SizeHint(index), adviseEnd);
+        const std::uint64_t to = std::min(recordsEnd, records[index].offset + kReadAheadBytes);
+        if (to > from + kReadAheadBytes / 4) {
+            file->WillNeed(from, to - from);
+            adviseEnd = to;
+        }
+    }
+    return index + stride;
+}
+
+// While a compressed file is played sequentially, the record that will be
+// fetched next is read and decoded on the read-ahead thread, its pieces on
+// every core, as the caller uses the current one.
+void ReadKEL2File::Impl::DecodeAhead(std::size_t next) {
+    if (!options.decodeAhead || header.revision != kLayoutRevisionCoded || next >= records.Size() ||
+        records.State(next) == RecordState::kBad) {
         return;
     }
-    const std::uint64_t from = std::max(records[index].offset + SizeHint(index), adviseEnd);
-    const std::uint64_t to = std::min(recordsEnd, records[index].offset + kReadAheadBytes);
-    if (to > from + kReadAheadBytes / 4) {
-        file->WillNeed(from, to - from);
-        adviseEnd = to;
-    }
+    readAhead.Start(next, RequestFor(next));
 }
 
 ReadKEL2File::ReadKEL2File(const char* path, ReaderOptions options) : impl_(std::make_unique<Impl>()) {

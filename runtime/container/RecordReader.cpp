@@ -144,6 +144,15 @@ LoadedRecord ReadAtomRecord(const ReadableFile& file, BufferPool& pool, std::uin
     return out;
 }
 
+FetchedAtom FetchAtom(const ReadableFile& file, BufferPool& pool, std::uint64_t fileId, const RecordRequest& request) {
+    FetchedAtom out;
+    out.record = ReadAtomRecord(file, pool, fileId, request);
+    if (out.record.error.empty()) {
+        out.atom = DecodeAtomRecord(out.record.memory, out.record.payload, out.record.header.payloadSize, out.reason);
+    }
+    return out;
+}
+
 RecordLayout ReadAtomRecordLayout(const ReadableFile& file, std::uint64_t fileId, const RecordRequest& request) {
     RecordLayout out;
     const std::uint64_t offset = request.offset;

@@ -21,6 +21,8 @@ struct RecordRequest {
     // The record must end at or before this offset.
     std::uint64_t limit = 0;
     bool verify = true;
+
+    friend bool operator==(const RecordRequest&, const RecordRequest&) = default;
 };
 
 // An atom record read into memory.
@@ -43,6 +45,21 @@ struct LoadedRecord {
 // or short reads (the error says what was wrong); throws std::bad_alloc.
 LoadedRecord ReadAtomRecord(const ReadableFile& file, BufferPool& pool, std::uint64_t fileId,
                             const RecordRequest& request);
+
+// An atom record read and decoded.
+struct FetchedAtom {
+    LoadedRecord record;
+    // The atom, when the record reads and decodes; otherwise `record.error`
+    // (the record cannot be read or used) or `reason` (it does not decode)
+    // says why.
+    std::shared_ptr<Atom> atom;
+    std::string reason;
+};
+
+// Reads the atom record that `request` points to and decodes it (its
+// compressed blobs on the process's WorkerPool). Touches nothing but the
+// file, the pool and what it returns, so it may run on any thread.
+FetchedAtom FetchAtom(const ReadableFile& file, BufferPool& pool, std::uint64_t fileId, const RecordRequest& request);
 
 // An atom record's header and layer descriptors, read without its blobs.
 struct RecordLayout {

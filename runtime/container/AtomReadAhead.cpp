@@ -1,0 +1,111 @@
+#include "container/AtomReadAhead.h"
+
+#include <KelCommon/Thread.h>
+#include <pthread.h>
+
+#include <utility>
+
+namespace KEL::container {
+
+namespace {
+constexpr const char* kThreadName = "kel-read-ahead";
+}  // namespace
+
+AtomReadAhead::AtomReadAhead(Fetch fetch) : fetch_(std::move(fetch)) {}
+
+AtomReadAhead::~AtomReadAhead() {
+    {
+        std::lock_guard lock(mutex_);
+        stopping_ = true;
+        pending_.reset();
+    }
+    changed_.notify_all();
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+}
+
+void AtomReadAhead::Start(std::size_t index, const RecordRequest& request) {
+    {
+        std::lock_guard lock(mutex_);
+        const auto is = [&](const std::optional<Job>& job) {
+            return job && job->index == index && job->request == request;
+        };
+        if (is(pending_) || is(running_) || is(readyJob_)) {
+            return;
+        }
+        pending_ = Job{index, request};
+        // One atom ahead at most: what was fetched for another place goes.
+        ready_.reset();
+        readyJob_.reset();
+        if (!thread_.joinable()) {
+            thread_ = std::thread([this] { Run(); });
+            // Named at once, for whoever looks (ps, gdb) before it first runs.
+            pthread_setname_np(thread_.native_handle(), kThreadName);
+        }
+    }
+    changed_.notify_all();
+}
+
+std::optional<FetchedAtom> AtomReadAhead::Take(std::size_t index, const RecordRequest& request) {
+    std::unique_lock lock(mutex_);
+    if (pending_ && pending_->index == index) {
+        // Not begun: the caller reads it at once rather than wait for the
+        // thread to wake.
+        pending_.reset();
+        return std::nullopt;
+    }
+    changed_.wait(lock, [&] { return !running_ || running_->index != index; });
+    if (!readyJob_ || readyJob_->index != index) {
+        return std::nullopt;
+    }
+    const bool same = readyJob_->request == request;
+    std::optional<FetchedAtom> taken = std::move(ready_);
+    ready_.reset();
+    readyJob_.reset();
+    if (!same) {
+        return std::nullopt;
+    }
+    return taken;
+}
+
+void AtomReadAhead::Cancel() {
+    std::unique_lock lock(mutex_);
+    pending_.reset();
+    ready_.reset();
+    readyJob_.reset();
+    if (running_) {
+        dropRunning_ = true;
+        changed_.wait(lock, [&] { return !running_; });
+    }
+}
+
+void AtomReadAhead::Run() {
+    KelCommon::concurrency::Thread::setCurrentThreadName(kThreadName);
+    std::unique_lock lock(mutex_);
+    for (;;) {
+        changed_.wait(lock, [&] { return stopping_ || pending_.has_value(); });
+        if (stopping_) {
+            return;
+        }
+        running_ = pending_;
+        pending_.reset();
+        dropRunning_ = false;
+        const RecordRequest request = running_->request;
+        lock.unlock();
+        FetchedAtom fetched = fetch_(request);
+        lock.lock();
+        if (!dropRunning_ && !pending_) {
+            readyJob_ = running_;
+            ready_ = std::move(fetched);
+        }
+        running_.reset();
+        lock.unlock();
+        changed_.notify_all();
+        // The atom is released, if it was dropped, outside the lock.
+        fetched = {};
+        lock.lock();
+    }
+}
+
+}  // namespace KEL::container

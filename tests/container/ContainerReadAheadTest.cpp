@@ -1,0 +1,206 @@
+// Decoding ahead during playback of a compressed take: the atom under way is
+// waited for, never read twice; a seek never waits behind it; a reader that
+// is closed or reopened waits for it; and playback gives the same atoms and
+// the same damage as a reader that decodes each atom only when asked.
+
+#include <KEL/ReadKEL2File.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+
+#include "container/AtomReadAhead.h"
+#include "container/ContainerFiles.h"
+#include "container/ContainerFormat.h"
+#include "support/Interleaving.h"
+
+namespace {
+
+using KEL::container::AtomReadAhead;
+using KEL::container::FetchedAtom;
+using KEL::container::RecordRequest;
+
+// A fetch that stops at a gate before it returns, and says which record it
+// fetched.
+struct GatedFetch {
+    kel_test::Gate gate;
+    std::atomic<int> calls{0};
+    std::atomic<bool> returned{false};
+
+    AtomReadAhead::Fetch Function() {
+        return [this](const RecordRequest& request) {
+            ++calls;
+            gate.Pass();
+            FetchedAtom fetched;
+            fetched.reason = "record at " + std::to_string(request.offset);
+            returned = true;
+            return fetched;
+        };
+    }
+};
+
+RecordRequest At(std::uint64_t offset) { return {offset, 100, 1U << 20, true}; }
+
+TEST(AtomReadAhead, TheAtomUnderWayIsWaitedForAndFetchedOnce) {
+    GatedFetch fetch;
+    AtomReadAhead ahead(fetch.Function());
+    ahead.Start(5, At(500));
+    fetch.gate.WaitEntered(1);
+    std::optional<FetchedAtom> taken;
+    {
+        kel_test::Completion take([&] { taken = ahead.Take(5, At(500)); });
+        EXPECT_TRUE(take.Held());
+        fetch.gate.Open();
+    }
+    ASSERT_TRUE(taken);
+    EXPECT_EQ(taken->reason, "record at 500");
+    EXPECT_EQ(fetch.calls, 1);
+    // Taken once: asking again finds nothing.
+    EXPECT_FALSE(ahead.Take(5, At(500)));
+}
+
+// A fetch for another place (a seek) neither waits for the one under way
+// nor keeps its result: one atom ahead at most.
+TEST(AtomReadAhead, ASeekNeitherWaitsNorKeepsTheAtomAhead) {
+    GatedFetch fetch;
+    AtomReadAhead ahead(fetch.Function());
+    ahead.Start(5, At(500));
+    fetch.gate.WaitEntered(1);
+    EXPECT_FALSE(ahead.Take(9, At(900)));  // returns with the gate still closed
+    ahead.Start(10, At(1000));
+    fetch.gate.Open();
+    fetch.gate.WaitEntered(2);  // under way, not merely asked for
+    const auto tenth = ahead.Take(10, At(1000));
+    ASSERT_TRUE(tenth);
+    EXPECT_EQ(tenth->reason, "record at 1000");
+    EXPECT_FALSE(ahead.Take(5, At(500)));
+    EXPECT_EQ(fetch.calls, 2);
+
+    // A record asked for with another request (the file grew since) is
+    // fetched again by the caller.
+    ahead.Start(11, At(1100));
+    EXPECT_FALSE(ahead.Take(11, {1100, 200, 1U << 20, true}));
+}
+
+// Cancel (a reader reopening its file) and the destructor (a reader closed)
+// return only once the fetch under way has returned.
+TEST(AtomReadAhead, CancelAndCloseWaitForTheFetchUnderWay) {
+    for (const bool close : {false, true}) {
+        SCOPED_TRACE(close ? "destructor" : "cancel");
+        GatedFetch fetch;
+        auto ahead = std::make_unique<AtomReadAhead>(fetch.Function());
+        ahead->Start(5, At(500));
+        fetch.gate.WaitEntered(1);
+        {
+            kel_test::Completion stop([&] {
+                if (close) {
+                    ahead.reset();
+                } else {
+                    ahead->Cancel();
+                }
+                EXPECT_TRUE(fetch.returned);
+            });
+            EXPECT_TRUE(stop.Held());
+            fetch.gate.Open();
+        }
+        if (!close) {
+            EXPECT_FALSE(ahead->Take(5, At(500)));
+        }
+    }
+}
+
+int ReadAheadThreads() {
+    int count = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream comm(task.path() / "comm");
+        std::string name;
+        std::getline(comm, name);
+        count += name == "kel-read-ahead" ? 1 : 0;
+    }
+    return count;
+}
+
+// Generated takes (streams, frames, sizes, damaged records, closed or not)
+// played by generated access (runs forward through the file or one stream,
+// seeks back and ahead) with and without decoding ahead: the same atoms,
+// equal to those written, and the same damage.
+TEST(DecodeAhead, PlaybackGivesTheAtomsAndDamageOfAReaderThatDoesNotDecodeAhead) {
+    kel_test::TempDir dir;
+    std::mt19937_64 random(20261124);
+    for (int round = 0; round < 40; ++round) {
+        SCOPED_TRACE(round);
+        const std::string path = dir.File("take" + std::to_string(round) + ".kel");
+        const auto streams = static_cast<std::uint16_t>(1 + random() % 3);
+        const auto frames = static_cast<std::uint32_t>(4 + random() % 12);
+        std::vector<KEL::AtomPtr> atoms;
+        for (std::uint32_t f = 0; f < frames; ++f) {
+            for (std::uint16_t s = 0; s < streams; ++s) {
+                atoms.push_back(kel_test::MakeFrameAtom(s, f, 16 + random() % 64, 16 + random() % 64));
+            }
+        }
+        const bool close = random() % 4 != 0;
+        const auto ends = kel_test::WriteContainer(path, atoms, close, {KEL::CompressionCodec::kZstd, 1});
+        for (std::uint64_t k = random() % 3; k > 0; --k) {
+            const std::size_t i = random() % atoms.size();
+            const std::uint64_t start = i == 0 ? KEL::container::kFirstRecordOffset : ends[i - 1];
+            kel_test::FlipByte(path, start + 64 + random() % (ends[i] - start - 64));
+        }
+
+        auto ahead = kel_test::OpenContainer(path, KEL::KEL_OK, {.logDamage = false});
+        auto plain = kel_test::OpenContainer(path, KEL::KEL_OK, {.logDamage = false, .decodeAhead = false});
+        ASSERT_EQ(ahead->GetNumAtoms(), plain->GetNumAtoms());
+        const std::uint64_t count = plain->GetNumAtoms();
+        const auto compare = [&](const KEL::AtomPtr& a, const KEL::AtomPtr& b) {
+            ASSERT_EQ(a != nullptr, b != nullptr);
+            if (a) {
+                std::string why;
+                EXPECT_TRUE(kel_test::AtomsEqual(*a, *b, &why)) << why;
+                const auto& written = atoms[a->GetFrameNr() * streams + a->GetStreamId()];
+                EXPECT_TRUE(kel_test::AtomsEqual(*written, *a, &why)) << why;
+            }
+        };
+        for (int step = 0; step < 60; ++step) {
+            if (random() % 2 == 0) {
+                std::uint64_t at = random() % count;
+                for (std::uint64_t n = 1 + random() % 8; n > 0 && at < count; --n, ++at) {
+                    compare(ahead->GetAtomAt(at), plain->GetAtomAt(at));
+                }
+            } else {
+                const auto s = static_cast<std::uint16_t>(random() % streams);
+                std::uint32_t f = random() % frames;
+                for (std::uint32_t n = 1 + random() % 6; n > 0 && f < frames; --n, ++f) {
+                    compare(ahead->GetFrameAtom(s, f), plain->GetFrameAtom(s, f));
+                }
+            }
+        }
+        for (std::uint64_t at = 0; at < count; ++at) {
+            compare(ahead->GetAtomAt(at), plain->GetAtomAt(at));
+        }
+        EXPECT_GE(ReadAheadThreads(), count >= 6 ? 1 : 0);
+        const auto lostAhead = ahead->GetDamage();
+        const auto lostPlain = plain->GetDamage();
+        ASSERT_EQ(lostAhead.size(), lostPlain.size());
+        for (std::size_t i = 0; i < lostAhead.size(); ++i) {
+            EXPECT_EQ(lostAhead[i].offset, lostPlain[i].offset);
+            EXPECT_EQ(lostAhead[i].reason, lostPlain[i].reason);
+        }
+        EXPECT_EQ(ahead->GetDamageReport().skippedRecords, plain->GetDamageReport().skippedRecords);
+        EXPECT_EQ(ahead->GetDamageReport().validRecords, plain->GetDamageReport().validRecords);
+        ahead.reset();
+        EXPECT_EQ(ReadAheadThreads(), 0);
+    }
+
+    // A take without compression is read on the caller's thread alone.
+    const std::string raw = dir.File("raw.kel");
+    kel_test::WriteContainer(raw, kel_test::SmallAtoms(0, 8, 32));
+    auto reader = kel_test::OpenContainer(raw);
+    for (std::uint64_t at = 0; at < 8; ++at) {
+        EXPECT_TRUE(reader->GetAtomAt(at));
+    }
+    EXPECT_EQ(ReadAheadThreads(), 0);
+}
+
+}  // namespace
