@@ -2,7 +2,9 @@
 
 #include <KelCommon/Thread.h>
 #include <pthread.h>
+#include <unistd.h>
 
+#include <memory>
 #include <utility>
 
 namespace KEL::container {
@@ -16,18 +18,34 @@ AtomReadAhead::AtomReadAhead(Fetch fetch) : fetch_(std::move(fetch)) {}
 AtomReadAhead::~AtomReadAhead() {
     {
         std::lock_guard lock(mutex_);
+        ForgetThreadIfForked();
         stopping_ = true;
         pending_.reset();
     }
     changed_.notify_all();
-    if (thread_.joinable()) {
-        thread_.join();
+    if (thread_) {
+        thread_->join();
     }
+}
+
+void AtomReadAhead::ForgetThreadIfForked() {
+    if (!thread_ || ::getpid() == owner_) {
+        return;
+    }
+    // A child of fork() has none of its parent's threads: the fetch that was
+    // under way never ends here, and the thread cannot be joined. Its handle
+    // is let go (a few bytes, once per child), the callers read for
+    // themselves, and a thread of this process is started when needed.
+    (void)thread_.release();  // NOLINT(bugprone-unused-return-value)
+    running_.reset();
+    pending_.reset();
+    dropRunning_ = false;
 }
 
 void AtomReadAhead::Start(std::size_t index, const RecordRequest& request) {
     {
         std::lock_guard lock(mutex_);
+        ForgetThreadIfForked();
         const auto is = [&](const std::optional<Job>& job) {
             return job && job->index == index && job->request == request;
         };
@@ -38,10 +56,11 @@ void AtomReadAhead::Start(std::size_t index, const RecordRequest& request) {
         // One atom ahead at most: what was fetched for another place goes.
         ready_.reset();
         readyJob_.reset();
-        if (!thread_.joinable()) {
-            thread_ = std::thread([this] { Run(); });
+        if (!thread_) {
+            owner_ = ::getpid();
+            thread_ = std::make_unique<std::thread>([this] { Run(); });
             // Named at once, for whoever looks (ps, gdb) before it first runs.
-            pthread_setname_np(thread_.native_handle(), kThreadName);
+            pthread_setname_np(thread_->native_handle(), kThreadName);
         }
     }
     changed_.notify_all();
@@ -49,6 +68,7 @@ void AtomReadAhead::Start(std::size_t index, const RecordRequest& request) {
 
 std::optional<FetchedAtom> AtomReadAhead::Take(std::size_t index, const RecordRequest& request) {
     std::unique_lock lock(mutex_);
+    ForgetThreadIfForked();
     if (pending_ && pending_->index == index) {
         // Not begun: the caller reads it at once rather than wait for the
         // thread to wake.
@@ -71,6 +91,7 @@ std::optional<FetchedAtom> AtomReadAhead::Take(std::size_t index, const RecordRe
 
 void AtomReadAhead::Cancel() {
     std::unique_lock lock(mutex_);
+    ForgetThreadIfForked();
     pending_.reset();
     ready_.reset();
     readyJob_.reset();

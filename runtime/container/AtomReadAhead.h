@@ -1,8 +1,11 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -26,6 +29,8 @@ namespace KEL::container {
 // thread as if the caller had read it.
 //
 // Start, Take and Cancel are called by one thread at a time (the reader's).
+// In a child of fork() they work without the parent's thread: the fetch
+// that was under way there is read by the caller.
 class AtomReadAhead {
 public:
     using Fetch = std::function<FetchedAtom(const RecordRequest&)>;
@@ -57,6 +62,8 @@ private:
         RecordRequest request;
     };
     void Run();
+    // Under `mutex_`.
+    void ForgetThreadIfForked();
 
     Fetch fetch_;
     std::mutex mutex_;
@@ -68,7 +75,8 @@ private:
     // Set by Cancel while a fetch is under way: its result is dropped.
     bool dropRunning_ = false;
     bool stopping_ = false;
-    std::thread thread_;
+    std::unique_ptr<std::thread> thread_;
+    pid_t owner_ = 0;  // the process the thread runs in
 };
 
 }  // namespace KEL::container

@@ -5,12 +5,17 @@
 
 #include <KEL/ReadKEL2File.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <random>
 #include <string>
+#include <thread>
 
 #include "container/AtomReadAhead.h"
 #include "container/ContainerFiles.h"
@@ -110,6 +115,36 @@ TEST(AtomReadAhead, CancelAndCloseWaitForTheFetchUnderWay) {
             EXPECT_FALSE(ahead->Take(5, At(500)));
         }
     }
+}
+
+// A child of fork() has none of its parent's threads: the fetch under way
+// when it forked is read by the caller there, and neither Take, Cancel nor
+// closing waits for it.
+TEST(AtomReadAhead, AForkedChildDoesNotWaitForItsParentsThread) {
+    GatedFetch fetch;
+    AtomReadAhead ahead(fetch.Function());
+    ahead.Start(5, At(500));
+    fetch.gate.WaitEntered(1);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        const bool missed = !ahead.Take(5, At(500));
+        ahead.Cancel();
+        ahead.~AtomReadAhead();
+        ::_exit(missed ? 0 : 3);
+    }
+    int status = -1;
+    for (int i = 0; i < 1000 && ::waitpid(child, &status, WNOHANG) == 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    if (::waitpid(child, &status, WNOHANG) == 0) {
+        ::kill(child, SIGKILL);
+        ::waitpid(child, &status, 0);
+        ADD_FAILURE() << "the child hangs";
+    }
+    fetch.gate.Open();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+    EXPECT_EQ(ahead.Take(5, At(500))->reason, "record at 500");
 }
 
 int ReadAheadThreads() {
