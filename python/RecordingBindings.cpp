@@ -10,6 +10,7 @@
 #include <KEL/ReadKEL2File.h>
 #include <KEL/Source.h>
 #include <pybind11/stl.h>
+#include <pybind11/stl/filesystem.h>
 
 #include <algorithm>
 #include <cmath>
@@ -59,13 +60,6 @@ auto WithReader(RecordingState& state, Use&& use) {
     }
     PassTestGate(GatePoint::kLocked);
     return use(*state.reader);
-}
-
-py::dict DamageDict(const KEL::ContainerDamageReport& d) {
-    py::dict damage;
-    damage["damaged"] = d.Damaged();
-    damage.attr("update")(FromJson(KEL::ToJson(d)));
-    return damage;
 }
 
 // Iterates the atoms of a recording: every record in file order, or one
@@ -599,7 +593,9 @@ void BindRecording(py::module_& m) {
              "and listed in the playback's damaged_frames.")
         .def_property_readonly(
             "damage",
-            [](Recording& r) { return DamageDict(r.With([](KEL::ReadKEL2File& f) { return f.GetDamageReport(); })); })
+            [](Recording& r) {
+                return FromJson(KEL::ToJson(r.With([](KEL::ReadKEL2File& f) { return f.GetDamageReport(); })));
+            })
         .def(
             "summary",
             [](Recording& r) {
@@ -645,11 +641,11 @@ void BindRecording(py::module_& m) {
 
     m.def(
         "summary",
-        [](const std::string& path) {
+        [](const std::filesystem::path& path) {
             KEL::ContainerSummary summary;
             {
                 py::gil_scoped_release released;
-                summary = KEL::SummarizeContainer(path);
+                summary = KEL::SummarizeContainer(path.string());
             }
             return FromJson(KEL::ToJson(summary));
         },
@@ -658,19 +654,22 @@ void BindRecording(py::module_& m) {
         "opened gives {'path', 'ok': False, 'error_code', 'error'}.");
     m.def(
         "verify",
-        [](const std::string& path) {
+        [](const std::filesystem::path& path) {
             KEL::ContainerVerification v;
             {
                 py::gil_scoped_release released;
-                v = KEL::VerifyContainer(path);
+                v = KEL::VerifyContainer(path.string());
             }
-            return FromJson(KEL::ToJson(v, path));
+            return FromJson(KEL::ToJson(v, path.string()));
         },
         "path"_a,
         "Checks every byte of a file, as `kel verify` does, and returns the findings as a dict (Recording.verify()'s); "
         "a file that cannot be opened gives the verdict \"UNREADABLE\" and open_error, not an exception.");
     m.def(
-        "open", [](const std::string& path, bool verify) { return std::make_unique<Recording>(path, verify); },
+        "open",
+        [](const std::filesystem::path& path, bool verify) {
+            return std::make_unique<Recording>(path.string(), verify);
+        },
         "path"_a, "verify"_a = true,
         "Opens a container file. Raises KelError with the reader's code (KEL_ERR_NOT_FOUND, "
         "KEL_ERR_NOT_A_CONTAINER, ...) when it cannot.");

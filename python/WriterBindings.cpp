@@ -3,7 +3,9 @@
 #include <KEL/Atom.h>
 #include <KEL/SerializeToKel.h>
 #include <pybind11/stl.h>
+#include <pybind11/stl/filesystem.h>
 
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -166,7 +168,7 @@ void BindWriter(py::module_& m) {
 
     m.def(
         "create",
-        [](const std::string& path, bool overwrite, bool xml, const std::optional<std::string>& compress) {
+        [](const std::filesystem::path& path, bool overwrite, bool xml, const std::optional<std::string>& compress) {
             KEL::SerializerOptions options;
             if (compress) {
                 KEL::CompressionSetting setting;
@@ -176,7 +178,7 @@ void BindWriter(py::module_& m) {
                 }
                 options.compression = setting;
             }
-            return std::make_unique<Writer>(path, overwrite, xml, options);
+            return std::make_unique<Writer>(path.string(), overwrite, xml, options);
         },
         "path"_a, "overwrite"_a = true, "xml"_a = false, "compress"_a = py::none(),
         "Creates a container at `path` (with `xml`, also its XML companion at close). With `overwrite` false an "

@@ -33,9 +33,9 @@ void AtomReadAhead::ForgetThreadIfForked() {
         return;
     }
     // A child of fork() has none of its parent's threads: the fetch that was
-    // under way never ends here, and the thread cannot be joined. Its handle
-    // is let go (a few bytes, once per child), the callers read for
-    // themselves, and a thread of this process is started when needed.
+    // under way never ends here. The thread's handle is let go rather than
+    // joined (a few bytes, once per child), the callers read for themselves,
+    // and a thread of this process is started when needed.
     (void)thread_.release();  // NOLINT(bugprone-unused-return-value)
     running_.reset();
     pending_.reset();

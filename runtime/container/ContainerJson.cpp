@@ -5,7 +5,8 @@
 namespace KEL {
 
 nlohmann::ordered_json ToJson(const ContainerDamageReport& damage) {
-    return {{"indexUsed", damage.indexUsed},
+    return {{"damaged", damage.Damaged()},
+            {"indexUsed", damage.indexUsed},
             {"recovered", damage.recovered},
             {"checkpointUsed", damage.checkpointUsed},
             {"headerDamaged", damage.headerDamaged},

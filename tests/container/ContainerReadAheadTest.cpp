@@ -5,17 +5,13 @@
 
 #include <KEL/ReadKEL2File.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
-#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <random>
 #include <string>
-#include <thread>
 
 #include "container/AtomReadAhead.h"
 #include "container/ContainerFiles.h"
@@ -133,15 +129,8 @@ TEST(AtomReadAhead, AForkedChildDoesNotWaitForItsParentsThread) {
         ahead.~AtomReadAhead();
         ::_exit(missed ? 0 : 3);
     }
-    int status = -1;
-    for (int i = 0; i < 1000 && ::waitpid(child, &status, WNOHANG) == 0; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    if (::waitpid(child, &status, WNOHANG) == 0) {
-        ::kill(child, SIGKILL);
-        ::waitpid(child, &status, 0);
-        ADD_FAILURE() << "the child hangs";
-    }
+    const int status = kel_test::WaitForChild(child);
+    EXPECT_NE(status, -1) << "the child hangs";
     fetch.gate.Open();
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
     EXPECT_EQ(ahead.Take(5, At(500))->reason, "record at 500");

@@ -100,7 +100,7 @@ def atom_fields(atom):
 @given(written=st.lists(atoms, min_size=1, max_size=6), close=st.booleans(),
        compress=st.sampled_from([None, "none", "zstd", "zstd:5"]))
 def test_generated_atoms_read_back_field_by_field(tmp_path, written, close, compress):
-    path = str(tmp_path / "gen.kel")
+    path = tmp_path / "gen.kel"
     writer = kel.create(path, compress=compress)
     for atom in written:
         writer.write(atom)
@@ -261,7 +261,7 @@ def test_damage_is_reported_and_costs_only_the_damaged_atoms(demo_dir, tmp_path)
             rec.atom(1, missing[0])
         assert error.value.code == kel.KEL_ERR_CORRUPT
         assert rec.damage["skipped_records"] >= 1
-        assert rec.damage["damaged"]
+        assert rec.damage["damaged"] and kel.summary(path)["damage"]["damaged"]
         report = rec.verify()
         assert not report["intact"] and report["problems"] and report["verdict"] == "DAMAGED"
 
@@ -280,11 +280,11 @@ def test_summary_and_verification_are_the_tools_json(demo_dir, tmp_path):
     for path in [demo_dir / "capture.kel", damaged, tmp_path / "absent.kel"]:
         info = subprocess.run([KEL_TOOL, "info", "--json", str(path)], capture_output=True, text=True, timeout=60)
         verify = subprocess.run([KEL_TOOL, "verify", "--json", str(path)], capture_output=True, text=True, timeout=60)
-        assert kel.summary(str(path)) == snake_case(json.loads(info.stdout))
+        assert kel.summary(path) == snake_case(json.loads(info.stdout))  # a pathlib.Path, as os.fspath takes
         if path.exists():
-            with kel.open(str(path), verify=False) as rec:
+            with kel.open(path, verify=False) as rec:
                 assert rec.summary() == kel.summary(str(path))
-                assert rec.verify() == snake_case(json.loads(verify.stdout)[0])
+                assert rec.verify() == snake_case(json.loads(verify.stdout)[0]) == kel.verify(path)
 
 
 def test_errors_are_exceptions_with_the_hosts_codes(tmp_path):

@@ -3,16 +3,20 @@
 // Forcing interleavings: a gate that threads stop at until the test opens it,
 // so that a test can hold a thread at a chosen point, and a function run on a
 // thread of its own, so that a test can hold a call that blocks and wait, on a
-// condition rather than a clock, for it to return.
+// condition rather than a clock, for it to return; and a bounded wait for a
+// forked child.
 
 #include <KelCommon/Thread.h>
+#include <sys/wait.h>
 
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <functional>
 #include <future>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace kel_test {
@@ -70,5 +74,21 @@ public:
 private:
     std::future<void> done_;
 };
+
+// Waits up to `limit` for the child process `pid` to end and returns its
+// wait status; a child still running then is killed, and -1 returned.
+inline int WaitForChild(pid_t pid, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+    int status = 0;
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (::waitpid(pid, &status, WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() > end) {
+            ::kill(pid, SIGKILL);
+            ::waitpid(pid, &status, 0);
+            return -1;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return status;
+}
 
 }  // namespace kel_test

@@ -44,6 +44,7 @@ TEST_F(KelInfo, DescribesAFileOrEveryFileOfADirectoryAndKelThumbnailWritesTheirT
     ExpectFields(info, R"({"ok": true, "atoms": 10, "frames": 5, "hasThumbnail": true})"_json);
     EXPECT_EQ(info["fileSize"], kel_test::FileSize(File("set/b.kel")));
     EXPECT_EQ(info["damage"]["indexUsed"], true);
+    EXPECT_EQ(info["damage"]["damaged"], false);
     ASSERT_EQ(info["streams"].size(), 2U);
     for (std::size_t i = 0; i < 2; ++i) {
         const auto& s = info["streams"][i];
