@@ -69,14 +69,20 @@ void AtomReadAhead::Start(std::size_t index, const RecordRequest& request) {
 std::optional<FetchedAtom> AtomReadAhead::Take(std::size_t index, const RecordRequest& request) {
     std::unique_lock lock(mutex_);
     ForgetThreadIfForked();
-    if (pending_ && pending_->index == index) {
+    if (pending_) {
         // Not begun: the caller reads it at once rather than wait for the
-        // thread to wake.
+        // thread to wake, and a fetch for another place is not wanted.
         pending_.reset();
-        return std::nullopt;
+    }
+    if (running_ && running_->index != index) {
+        // The caller went elsewhere (a seek): the atom under way goes.
+        dropRunning_ = true;
     }
     changed_.wait(lock, [&] { return !running_ || running_->index != index; });
     if (!readyJob_ || readyJob_->index != index) {
+        // ...and so does one fetched ahead.
+        ready_.reset();
+        readyJob_.reset();
         return std::nullopt;
     }
     const bool same = readyJob_->request == request;

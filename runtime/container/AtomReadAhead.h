@@ -22,7 +22,8 @@ namespace KEL::container {
 // One atom at most is fetched ahead: a new Start replaces a fetch that was
 // asked for and not yet taken. A caller that asks for the atom under way
 // waits for it rather than reading it a second time; one that asks for
-// another atom (a seek) reads it itself, never behind the fetch ahead.
+// another atom (a seek) reads it itself, never behind the fetch ahead, whose
+// atom is dropped.
 //
 // The fetch only reads: whatever it finds (damage, a failed read) is handed
 // to the caller with the atom, to be judged and recorded on the caller's
@@ -49,7 +50,7 @@ public:
     // The record `index` fetched ahead with this very request, waiting for it
     // while it is under way; empty when it was not started, not yet begun
     // (it then never is) or started with another request (a file that grew
-    // since: the result is dropped).
+    // since). Whatever else was asked for, under way or fetched is dropped.
     std::optional<FetchedAtom> Take(std::size_t index, const RecordRequest& request);
     // Drops what was asked for and fetched, and waits for a fetch under way:
     // afterwards the fetch function is not running and will not run until
