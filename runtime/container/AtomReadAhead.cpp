@@ -2,9 +2,9 @@
 
 #include <KelCommon/Thread.h>
 #include <pthread.h>
-#include <unistd.h>
 
 #include <memory>
+#include <new>
 #include <utility>
 
 namespace KEL::container {
@@ -18,7 +18,6 @@ AtomReadAhead::AtomReadAhead(Fetch fetch) : fetch_(std::move(fetch)) {}
 AtomReadAhead::~AtomReadAhead() {
     {
         std::lock_guard lock(mutex_);
-        ForgetThreadIfForked();
         stopping_ = true;
         pending_.reset();
     }
@@ -28,24 +27,23 @@ AtomReadAhead::~AtomReadAhead() {
     }
 }
 
-void AtomReadAhead::ForgetThreadIfForked() {
-    if (!thread_ || ::getpid() == owner_) {
-        return;
-    }
+void AtomReadAhead::ForgetParent() {
     // A child of fork() has none of its parent's threads: the fetch that was
     // under way never ends here. The thread's handle is let go rather than
     // joined (a few bytes, once per child), the callers read for themselves,
-    // and a thread of this process is started when needed.
+    // and a thread of this process is started when needed. The thread's wait
+    // on `changed_` would block its destruction for ever: it is made anew
+    // over the old one.
     (void)thread_.release();  // NOLINT(bugprone-unused-return-value)
     running_.reset();
     pending_.reset();
     dropRunning_ = false;
+    new (&changed_) std::condition_variable();
 }
 
 void AtomReadAhead::Start(std::size_t index, const RecordRequest& request) {
     {
         std::lock_guard lock(mutex_);
-        ForgetThreadIfForked();
         const auto is = [&](const std::optional<Job>& job) {
             return job && job->index == index && job->request == request;
         };
@@ -57,7 +55,6 @@ void AtomReadAhead::Start(std::size_t index, const RecordRequest& request) {
         ready_.reset();
         readyJob_.reset();
         if (!thread_) {
-            owner_ = ::getpid();
             thread_ = std::make_unique<std::thread>([this] { Run(); });
             // Named at once, for whoever looks (ps, gdb) before it first runs.
             pthread_setname_np(thread_->native_handle(), kThreadName);
@@ -68,7 +65,6 @@ void AtomReadAhead::Start(std::size_t index, const RecordRequest& request) {
 
 std::optional<FetchedAtom> AtomReadAhead::Take(std::size_t index, const RecordRequest& request) {
     std::unique_lock lock(mutex_);
-    ForgetThreadIfForked();
     if (pending_) {
         // Not begun: the caller reads it at once rather than wait for the
         // thread to wake, and a fetch for another place is not wanted.
@@ -97,7 +93,6 @@ std::optional<FetchedAtom> AtomReadAhead::Take(std::size_t index, const RecordRe
 
 void AtomReadAhead::Cancel() {
     std::unique_lock lock(mutex_);
-    ForgetThreadIfForked();
     pending_.reset();
     ready_.reset();
     readyJob_.reset();

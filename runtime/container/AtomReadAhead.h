@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
@@ -10,6 +8,7 @@
 #include <optional>
 #include <thread>
 
+#include "container/ForkGuard.h"
 #include "container/RecordReader.h"
 
 namespace KEL::container {
@@ -63,8 +62,8 @@ private:
         RecordRequest request;
     };
     void Run();
-    // Under `mutex_`.
-    void ForgetThreadIfForked();
+    // In a child of fork(), under `mutex_`.
+    void ForgetParent();
 
     Fetch fetch_;
     std::mutex mutex_;
@@ -77,7 +76,7 @@ private:
     bool dropRunning_ = false;
     bool stopping_ = false;
     std::unique_ptr<std::thread> thread_;
-    pid_t owner_ = 0;  // the process the thread runs in
+    ForkGuard forkGuard_{ForkGuard::Rank::kReadAhead, mutex_, [this] { ForgetParent(); }};
 };
 
 }  // namespace KEL::container

@@ -7,6 +7,8 @@
 #include <mutex>
 #include <vector>
 
+#include "container/ForkGuard.h"
+
 namespace KEL::container {
 
 // Memory for record payloads read from files.
@@ -42,6 +44,9 @@ private:
     mutable std::mutex mutex_;
     std::multimap<std::size_t, std::uint8_t*> free_;
     std::size_t cached_ = 0;
+    // A block let go by a thread of the parent as it forked leaves no lock
+    // held in the child.
+    ForkGuard forkGuard_{ForkGuard::Rank::kBufferPool, mutex_};
 };
 
 }  // namespace KEL::container

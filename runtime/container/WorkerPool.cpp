@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <new>
+#include <system_error>
 
 namespace KEL::container {
 
@@ -24,11 +26,32 @@ struct WorkerPool::Job {
     }
 };
 
-WorkerPool::WorkerPool(unsigned threads) {
-    threads_.reserve(threads);
-    for (unsigned i = 0; i < threads; ++i) {
-        threads_.emplace_back([this] { Work(); });
+WorkerPool::WorkerPool(unsigned threads) : wanted_(threads) {
+    const std::lock_guard lock(mutex_);
+    StartWorkers();
+}
+
+void WorkerPool::StartWorkers() {
+    threads_ = std::make_unique<std::vector<std::thread>>();
+    threads_->reserve(wanted_);
+    try {
+        for (unsigned i = 0; i < wanted_; ++i) {
+            threads_->emplace_back([this] { Work(); });
+        }
+    } catch (const std::system_error&) {
+        // Fewer workers (the process may start no more threads): each caller
+        // works on its own job, so every job still ends.
     }
+}
+
+void WorkerPool::ForgetParent() {
+    // The parent's workers are not in this process: their handles are let
+    // go (a few bytes, once per child) rather than joined, and their jobs,
+    // whose callers are not here either, are dropped. Their waits on `wake_`
+    // would block its destruction for ever: it is made anew over the old one.
+    (void)threads_.release();  // NOLINT(bugprone-unused-return-value)
+    jobs_.clear();
+    new (&wake_) std::condition_variable();
 }
 
 WorkerPool::~WorkerPool() {
@@ -37,8 +60,10 @@ WorkerPool::~WorkerPool() {
         stopping_ = true;
     }
     wake_.notify_all();
-    for (auto& t : threads_) {
-        t.join();
+    if (threads_) {
+        for (auto& t : *threads_) {
+            t.join();
+        }
     }
 }
 
@@ -57,7 +82,7 @@ void WorkerPool::ParallelFor(std::size_t count, const std::function<void(std::si
     if (count == 0) {
         return;
     }
-    if (count == 1 || threads_.empty()) {
+    if (count == 1 || wanted_ == 0) {
         for (std::size_t i = 0; i < count; ++i) {
             piece(i);
         }
@@ -68,6 +93,9 @@ void WorkerPool::ParallelFor(std::size_t count, const std::function<void(std::si
     job.piece = &piece;
     {
         const std::lock_guard lock(mutex_);
+        if (!threads_) {
+            StartWorkers();
+        }
         jobs_.push_back(&job);
     }
     wake_.notify_all();

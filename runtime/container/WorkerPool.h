@@ -9,6 +9,8 @@
 #include <thread>
 #include <vector>
 
+#include "container/ForkGuard.h"
+
 namespace KEL::container {
 
 // A fixed set of threads that run the pieces of a job in parallel with the
@@ -17,6 +19,9 @@ namespace KEL::container {
 // jobs at once (several serializers and readers); their pieces are taken in
 // the order the jobs came, and each caller also works on its own job, so a
 // job always finishes even when every worker is busy with another.
+//
+// In a child of fork() the pool forgets its parent's workers and their jobs,
+// and starts workers of its own with the child's first job.
 class WorkerPool {
 public:
     // `threads` workers besides the callers; 0 runs every job on its caller.
@@ -33,7 +38,7 @@ public:
     // workers, and returns when all have returned. `piece` must not throw.
     void ParallelFor(std::size_t count, const std::function<void(std::size_t)>& piece);
 
-    unsigned Threads() const noexcept { return static_cast<unsigned>(threads_.size()); }
+    unsigned Threads() const noexcept { return wanted_; }
 
 private:
     struct Job;
@@ -42,12 +47,20 @@ private:
     // left, and takes the job out of the queue with its last piece. Under
     // `mutex_`.
     std::size_t Take(Job& job);
+    // Under `mutex_`.
+    void StartWorkers();
+    // In a child of fork(), under `mutex_`.
+    void ForgetParent();
 
+    const unsigned wanted_;
     std::mutex mutex_;
     std::condition_variable wake_;
     std::deque<Job*> jobs_;  // jobs with pieces not yet taken
     bool stopping_ = false;
-    std::vector<std::thread> threads_;
+    // Null in a child of fork() until its first job. Held by pointer so that
+    // a child can let go of its parent's threads without joining them.
+    std::unique_ptr<std::vector<std::thread>> threads_;
+    ForkGuard forkGuard_{ForkGuard::Rank::kWorkerPool, mutex_, [this] { ForgetParent(); }};
 };
 
 }  // namespace KEL::container

@@ -1,22 +1,43 @@
 // Decoding ahead during playback of a compressed take: the atom under way is
 // waited for, never read twice; a seek never waits behind it; a reader that
 // is closed or reopened waits for it; and playback gives the same atoms and
-// the same damage as a reader that decodes each atom only when asked.
+// the same damage as a reader that decodes each atom only when asked. A
+// child of fork() uses and closes the read-ahead and the worker pool of its
+// parent as its own.
 
 #include <KEL/ReadKEL2File.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <random>
+#include <set>
 #include <string>
+#include <thread>
 
 #include "container/AtomReadAhead.h"
 #include "container/ContainerFiles.h"
 #include "container/ContainerFormat.h"
+#include "container/ForkGuard.h"
+#include "container/WorkerPool.h"
 #include "support/Interleaving.h"
+
+// ThreadSanitizer does not follow the child of a fork() from a process with
+// threads: it dies when the child starts a thread, and reports the parent's
+// threads as leaked when the child exits.
+#if defined(__SANITIZE_THREAD__)
+#define KEL_UNDER_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define KEL_UNDER_TSAN 1
+#endif
+#endif
 
 namespace {
 
@@ -137,15 +158,129 @@ TEST(AtomReadAhead, AForkedChildDoesNotWaitForItsParentsThread) {
     EXPECT_EQ(ahead.Take(5, At(500))->reason, "record at 500");
 }
 
-int ReadAheadThreads() {
-    int count = 0;
+// The threads of this process named `name`, with their states (R, S, ...).
+std::vector<char> ThreadStates(const std::string& name) {
+    std::vector<char> states;
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
         std::ifstream comm(task.path() / "comm");
-        std::string name;
-        std::getline(comm, name);
-        count += name == "kel-read-ahead" ? 1 : 0;
+        std::string taskName;
+        std::getline(comm, taskName);
+        if (taskName != name) {
+            continue;
+        }
+        std::ifstream stat(task.path() / "stat");
+        std::string line;
+        std::getline(stat, line);
+        const std::size_t end = line.rfind(')');
+        states.push_back(end != std::string::npos && end + 2 < line.size() ? line[end + 2] : '?');
     }
-    return count;
+    return states;
+}
+
+int ReadAheadThreads() { return static_cast<int>(ThreadStates("kel-read-ahead").size()); }
+
+// Waits until every thread named `name` sleeps: the threads of the pool and
+// of a read-ahead with nothing to do then wait for work.
+bool WaitAsleep(const std::string& name) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    for (;;) {
+        const auto states = ThreadStates(name);
+        if (!states.empty() && std::all_of(states.begin(), states.end(), [](char c) { return c == 'S'; })) {
+            return true;
+        }
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+// A fork waits for a guarded mutex that another thread holds, and the child
+// finds it free: the thread holds it until the fork is seen waiting for it.
+TEST(ForkGuard, AForkWaitsForAGuardedMutexAndTheChildFindsItFree) {
+#ifdef KEL_UNDER_TSAN
+    GTEST_SKIP() << "ThreadSanitizer does not follow a child of a fork() from a process with threads";
+#endif
+    std::mutex guarded;
+    const KEL::container::ForkGuard guard(KEL::container::ForkGuard::Rank::kBufferPool, guarded);
+    static std::mutex signalMutex;
+    static std::condition_variable signal;
+    static bool forkWaits;
+    static bool forkReturned;
+    forkWaits = false;
+    forkReturned = false;
+    KEL::container::ForkGuard::SetWaitHook([] {
+        const std::lock_guard lock(signalMutex);
+        forkWaits = true;
+        signal.notify_all();
+    });
+    kel_test::Gate held;
+    std::thread holder([&] {
+        const std::lock_guard hold(guarded);
+        std::unique_lock lock(signalMutex);
+        held.Open();
+        signal.wait(lock, [] { return forkWaits || forkReturned; });
+    });
+    held.Pass();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::_exit(guarded.try_lock() ? 0 : 3);
+    }
+    {
+        const std::lock_guard lock(signalMutex);
+        forkReturned = true;
+        signal.notify_all();
+    }
+    holder.join();
+    KEL::container::ForkGuard::SetWaitHook(nullptr);
+    ASSERT_GE(child, 0);
+    EXPECT_TRUE(forkWaits);
+    const int status = kel_test::WaitForChild(child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the child found the mutex held: " << status;
+}
+
+// The parent's pool workers and read-ahead thread wait for work when it
+// forks. The child starts threads of its own for both, and closes both,
+// which must not wait for the parent's threads.
+TEST(Fork, AChildUsesAndClosesThePoolAndReadAheadItsParentsThreadsWaitIn) {
+#ifdef KEL_UNDER_TSAN
+    GTEST_SKIP() << "ThreadSanitizer does not follow a child of a fork() from a process with threads";
+#endif
+    auto pool = std::make_unique<KEL::container::WorkerPool>(1);
+    pool->ParallelFor(2, [](std::size_t) {});
+    GatedFetch fetch;
+    fetch.gate.Open();
+    auto ahead = std::make_unique<AtomReadAhead>(fetch.Function());
+    ahead->Start(1, At(100));
+    fetch.gate.WaitEntered(1);
+    ASSERT_TRUE(ahead->Take(1, At(100)));
+    ASSERT_TRUE(WaitAsleep("kel-codec"));
+    ASSERT_TRUE(WaitAsleep("kel-read-ahead"));
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        // The first piece waits (10 s at most) for a piece on another thread.
+        std::mutex mutex;
+        std::condition_variable other;
+        std::set<std::thread::id> threads;
+        pool->ParallelFor(4, [&](std::size_t i) {
+            std::unique_lock lock(mutex);
+            threads.insert(std::this_thread::get_id());
+            other.notify_all();
+            if (i == 0) {
+                other.wait_for(lock, std::chrono::seconds(10), [&] { return threads.size() > 1; });
+            }
+        });
+        const bool poolWorks = threads.size() == 2 && pool->Threads() == 1;
+        ahead->Start(2, At(200));
+        const bool aheadStarts = ReadAheadThreads() == 1;
+        ahead.reset();
+        pool.reset();
+        ::_exit((poolWorks ? 0 : 1) | (aheadStarts ? 0 : 2));
+    }
+    const int status = kel_test::WaitForChild(child);
+    EXPECT_NE(status, -1) << "the child hangs";
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
 }
 
 // Generated takes (streams, frames, sizes, damaged records, closed or not)

@@ -1,12 +1,16 @@
 """The module's objects used from several threads, with each interleaving
 forced through the module's test gate (kel._testing_hold_next_call): a reader
 or writer call is stopped at a known point, without the GIL, while the test
-closes the object or changes the atom from another thread. Also: importing
-the module where numpy is missing."""
+closes the object or changes the atom from another thread. Also: a child of
+fork() that plays a recording its parent was playing, and importing the
+module where numpy is missing."""
 
+import multiprocessing
+import os
 import subprocess
 import sys
 import threading
+import time
 
 import numpy as np
 import pytest
@@ -165,6 +169,52 @@ def test_write_stores_the_atom_as_it_was_when_called(tmp_path, gate):
         assert rec.verify()["intact"]
         assert [atom_fields(a) for a in rec.atoms()] == [expected]
         assert list(rec.time_stamps(3)) == [123_456]
+
+
+def threads_asleep(name):
+    """True once every thread of this process named `name` sleeps (waits for
+    work); False after WAIT seconds."""
+    end = time.monotonic() + WAIT
+    while time.monotonic() < end:
+        states = []
+        for task in os.listdir("/proc/self/task"):
+            with open(f"/proc/self/task/{task}/comm") as comm:
+                if comm.read().strip() != name:
+                    continue
+            with open(f"/proc/self/task/{task}/stat") as stat:
+                states.append(stat.read().rsplit(")", 1)[1].split()[0])
+        if states and all(state == "S" for state in states):
+            return True
+        time.sleep(0.001)
+    return False
+
+
+def test_a_forked_child_plays_and_closes_a_recording_its_parent_was_playing(tmp_path):
+    # multiprocessing forks on Linux: the child inherits a reader whose
+    # read-ahead thread, and the workers that decode, wait for work in the
+    # parent and are not in the child.
+    path = tmp_path / "take.kel"
+    ramp = (np.arange(768 * 1024 * 4, dtype=np.uint32) // 64 % 256).astype(np.uint8).reshape(768, 1024, 4)
+    with kel.create(path, compress="zstd") as writer:
+        for f in range(6):
+            writer.write(kel.Atom(stream=0, frame=f, time_stamp=f * 40_000, layers=[kel.TextureRGBA(ramp + f)]))
+    rec = kel.open(path)
+    sums = [int(a.layer("TextureRGBA").pixels.sum()) for a in rec.atoms()]
+    assert threads_asleep("kel-read-ahead") and threads_asleep("kel-codec")
+
+    def child():
+        assert [int(a.layer("TextureRGBA").pixels.sum()) for a in rec.atoms()] == sums
+        rec.close()
+
+    process = multiprocessing.get_context("fork").Process(target=child)
+    process.start()
+    process.join(WAIT)
+    if process.is_alive():
+        process.kill()
+        process.join()
+        pytest.fail("the child hangs")
+    assert process.exitcode == 0
+    rec.close()
 
 
 def test_importing_without_numpy_says_how_to_get_it(tmp_path):
